@@ -1,0 +1,61 @@
+# The front door: `make help` lists what there is. CMake with Ninja does the work, see CMakePresets.json.
+
+FILE ?=
+
+.PHONY: help deps build demo test test-asan test-tsan bench lint format install clean
+.DEFAULT_GOAL := help
+
+help:
+	@echo "make build      build/lib/libzol.so, build/bin/vek and the examples"
+	@echo "make demo       the main job on real input: words of a text, counted by three processes and a gateway"
+	@echo "                (FILE=path counts the words of that file)"
+	@echo "make test       all tests"
+	@echo "make test-asan  all tests under the address and undefined behaviour sanitizers"
+	@echo "make test-tsan  all tests under the thread sanitizer"
+	@echo "make bench      the benchmarks, as lines of group, metric, value and unit"
+	@echo "make lint       clang-format and clang-tidy"
+	@echo "make format     puts every source in the house format"
+	@echo "make install    to DESTDIR and the prefix of CMake"
+	@echo "make clean      removes build/"
+
+deps:
+	@scripts/install-deps
+
+build/build.ninja: | deps
+	@cmake --preset release
+build/asan/build.ninja: | deps
+	@cmake --preset asan
+build/tsan/build.ninja: | deps
+	@cmake --preset tsan
+
+build: deps build/build.ninja
+	@cmake --build --preset release
+
+demo: build
+	@examples/wordcount/demo $(if $(FILE),"$(FILE)")
+
+test: build
+	@ctest --preset release
+
+test-asan: deps build/asan/build.ninja
+	@cmake --build --preset asan
+	@ctest --preset asan
+
+test-tsan: deps build/tsan/build.ninja
+	@cmake --build --preset tsan
+	@ctest --preset tsan
+
+bench: build
+	@bench/run
+
+lint: deps build/build.ninja
+	@scripts/lint
+
+format: deps
+	@scripts/sources | xargs clang-format -i
+
+install: build
+	@cmake --install build
+
+clean:
+	@rm -rf build
