@@ -1,0 +1,19 @@
+#ifndef ZOL_H
+#define ZOL_H
+
+/// The whole public interface. One header stands for each family of classes; ZolApi.h holds the free operations.
+
+#include "ZolApi.h"
+#include "ZolAppMgr.h"
+#include "ZolDateUtil.h"
+#include "ZolErrors.h"
+#include "ZolListener.h"
+#include "ZolLogTask.h"
+#include "ZolMemMan.h"
+#include "ZolMsgPdu.h"
+#include "ZolRunLog.h"
+#include "ZolTask.h"
+#include "ZolTaskMgr.h"
+#include "ZolTimer.h"
+
+#endif
