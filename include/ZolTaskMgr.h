@@ -1,0 +1,228 @@
+#ifndef ZOL_TASKMGR_H
+#define ZOL_TASKMGR_H
+
+#include "ZolExport.h"
+#include "ZolTask.h"
+
+#include <ace/Condition_Thread_Mutex.h>
+#include <ace/Manual_Event.h>
+#include <ace/RW_Thread_Mutex.h>
+#include <ace/Task.h>
+#include <ace/Thread_Mutex.h>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+class ACE_Mutex;
+class CZolMemBlock;
+class CZolMemList;
+class CZolMsgPdu;
+
+/// The tasks of one manager by id: 64 chains in the order of the dump, an index for the look-up, and the set of ids in
+/// use, from which the next free one is found without walking the tasks.
+///
+/// Threads:   no lock of its own; CZolTaskMgr::m_oTaskLock guards it.
+/// Ownership: owns its tasks; the destructor deletes those that are left.
+class ZOL_EXPORT CZolTaskTable
+{
+public:
+    struct SNode
+    {
+        CZolTask *m_poTask;
+        unsigned short m_usTaskID;
+        SNode *m_poNextNode;
+        SNode *m_poPrevNode;
+    };
+
+    CZolTaskTable();
+    ~CZolTaskTable();
+    CZolTaskTable(const CZolTaskTable &) = delete;
+    CZolTaskTable &operator=(const CZolTaskTable &) = delete;
+
+    CZolTask *find(unsigned short usTaskID) const;
+
+    /// Takes the task over and its id as used. False, with nothing taken, when memory is out.
+    bool insert(CZolTask *poTask, unsigned short usTaskID);
+
+    /// Hands the task back without deleting it, or null. Its id stays taken until release().
+    CZolTask *unlink(unsigned short usTaskID);
+
+    /// The id may be given out again.
+    void release(unsigned short usTaskID);
+
+    bool isTaken(unsigned short usTaskID) const;
+
+    /// The first free id in the ring from usFrom to usLast, on from usFirst, back to usFrom; 0 if there is none.
+    unsigned short findFree(unsigned short usFrom, unsigned short usFirst, unsigned short usLast) const;
+
+    unsigned short bucketCount() const { return m_usBucketCount; }
+    const SNode *bucket(unsigned short usIndex) const { return m_ppBuckets[usIndex]; }
+
+private:
+    static constexpr unsigned int PAGE_IDS = 256; // ids of one page of the index
+    static constexpr unsigned int ALL_IDS = 65536;
+
+    unsigned short bucketOf(unsigned short usTaskID) const;
+    unsigned int findFreeFrom(unsigned int uiFrom, unsigned int uiTo) const;
+
+    SNode **m_ppBuckets; // owned; heads of the chains, a new node goes to the front
+    unsigned short m_usBucketCount = 64;
+    unsigned short m_usHashShift = 6;                          // 2 to this power is the number of chains
+    std::unique_ptr<SNode *[]> m_arrPages[ALL_IDS / PAGE_IDS]; // index: id -> node, made a page at a time
+    std::uint64_t m_arrTaken[ALL_IDS / 64] = {};               // one bit for each id in use
+};
+
+/// What one thread of a manager is doing.
+struct SZolThreadEntry
+{
+    ACE_thread_t m_ulThreadID;                      ///< fixed
+    std::atomic<CZolTask *> m_poTask{nullptr};      ///< the task that the thread runs; written by the thread itself
+    std::atomic<std::uint64_t> m_ulHandlerSince{0}; ///< monotonic ms since when its handler runs, 0 outside of handlers
+    std::atomic<std::uint32_t> m_ulHandlerCmd{0};   ///< command of that message
+};
+
+/// One addressable place in a process, named by a one-byte id: a queue of messages, threads, a table of tasks. An
+/// application derives from it to say which task a new message creates.
+///
+/// Threads:   addStaticTask, addAssistTask, enqueueMsg and the look-ups from any thread. createTask runs on a thread of
+///            the manager, with no lock of the library held, and on several at once if there are several threads.
+/// Ownership: CZolAppMgr owns the manager once it is added; the manager owns its tasks and the blocks in its queue.
+/// Units:     queue limits are bytes, headers included.
+/// Errors:    codes of ZolErrors.h and a line in the run log; nothing is thrown.
+class ZOL_EXPORT CZolTaskMgr : public ACE_Task_Base
+{
+public:
+    /// Ids 0 to 200 are the application's. A manager with less than one thread serves nothing.
+    explicit CZolTaskMgr(unsigned char ucTaskMgrID = 0, int iThreadNum = 1);
+    CZolTaskMgr(const CZolTaskMgr &) = delete;
+    CZolTaskMgr &operator=(const CZolTaskMgr &) = delete;
+
+    /// The threads must have left. Deletes the tasks and gives up the queue.
+    ~CZolTaskMgr() override;
+
+    /// Starts the threads; handleEvents calls it. They serve the queue once the process is running.
+    int open(void *pvArg = nullptr) override;
+
+    /// The loop of every thread.
+    int svc() override;
+
+    /// For an application's own use; the library never calls it.
+    virtual bool initTaskMgr();
+
+    /// The task for a message that names none, or null. The message stays the library's; the task becomes the
+    /// manager's. Requests go to the task's reqMsgProcess next.
+    virtual CZolTask *createTask(CZolMsgPdu *poMsg);
+
+    /// Takes the block over, which holds a whole PDU. With bPriority it enters the queue now, else it waits while the
+    /// queue is full. A response to a task that blocks in sendSynMsg goes past the queue, straight to the task. -1 only
+    /// for null.
+    int enqueueMsg(CZolMemBlock *poBlock, bool bPriority);
+
+    /// Adds a task under an id from 1 to 32. On failure the task stays the caller's.
+    int addStaticTask(CZolTask *poTask, unsigned short usTaskID);
+
+    /// Adds a task under an assigned id. With bIdle the threads serve it as any other; without, the caller alone drives
+    /// it. On failure the task stays the caller's.
+    int addAssistTask(CZolTask *poTask, bool bIdle);
+
+    /// Deletes an assist task that no thread of the manager runs; CZolTask::exitTask is the safe way to it.
+    void delAssistTask(CZolTask *poTask);
+
+    /// The pointer is not protected: the task may end at any moment.
+    CZolTask *findTask(unsigned short usTaskID);
+
+    /// The task that a thread of this manager runs; null for other threads and until all threads have started.
+    CZolTask *findTaskOfThread(unsigned long ulThreadID);
+
+    unsigned char getTaskMgrID() const { return m_ucTaskMgrID; }
+
+    /// The limit of the queue in bytes, the same for all managers.
+    unsigned int getLengthOfMsgQueue() const;
+
+    /// The number of messages now in the queue.
+    unsigned int getLengthOfBufferMsg();
+
+    /// Their bytes.
+    std::uint64_t getBytesOfBufferMsg();
+
+    /// One line for each task.
+    std::string dumpAllTask();
+
+    /// Names in the log every handler that has run for uiLimitMs or longer at ulNowMs, once for each run. For the
+    /// watchdog; one thread at a time.
+    void warnOfLongHandlers(std::uint64_t ulNowMs, unsigned int uiLimitMs);
+
+private:
+    friend class CZolAppMgr;
+    friend class CZolTask;
+
+    enum EnumDispatch
+    {
+        DISPATCH_NONE = 0,  // the message has found its place, or its end
+        DISPATCH_RUN = 1,   // the calling thread is to run the task
+        DISPATCH_DELETE = 2 // the calling thread is to delete the task, which nobody else touches any more
+    };
+
+    /// usTaskID if it is free, a free id of the ring for 0; 0 if there is none. Under the write lock.
+    unsigned short acquireTaskID(unsigned short usTaskID);
+    int addTask(CZolTask *poTask, unsigned short usTaskID);
+
+    int putq(CZolMemBlock *poBlock, bool bPriority);
+    int getq(CZolMemBlock *&poBlock);
+    void fillBatch();
+    bool isFull() const;
+    bool pollForMsg();
+
+    int existTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID);
+    int decideTaskMsg(CZolMsgPdu *poMsg, CZolTask &oTask, unsigned long ulThreadID);
+    int unknownTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID);
+    CZolTask *callCreateTask(CZolMsgPdu *poMsg);
+    int processTaskMsg(CZolTask *poTask, unsigned long ulThreadID, EnumTaskState &eState);
+    void processOneMsg(CZolTask &oTask, CZolMsgPdu *poMsg);
+    void endRun(CZolTask &oTask, unsigned long ulThreadID, EnumTaskState &eState);
+    bool deliverResponse(CZolMemBlock *poBlock);
+    bool serveOneMsg(unsigned long ulThreadID);
+    void runTask(CZolTask *poTask, unsigned long ulThreadID, int iDispatch);
+
+    /// Calls a handler. What it throws ends here: one fatal line, and a task that can end ends.
+    template <typename Handler>
+    void callHandler(CZolTask &oTask, std::uint32_t ulCmdID, Handler fnHandler);
+    void handlerThrew(CZolTask &oTask, std::uint32_t ulCmdID, const char *pcWhat);
+
+    void delTask(unsigned short usTaskID, unsigned long ulThreadID);
+    void removeTask(unsigned short usTaskID, CZolTask *poTask);
+    void setTaskOfThread(unsigned long ulThreadID, CZolTask *poTask);
+    SZolThreadEntry *findThread(unsigned long ulThreadID) const;
+    bool isRunByThread(const CZolTask *poTask) const;
+    void addTaskToSynWaitList(CZolTask *poTask);
+    void removeTaskFromSynWaitList(CZolTask *poTask);
+
+    const unsigned char m_ucTaskMgrID; // also the group of the threads
+    const int m_iThreadNum;
+    unsigned short m_usNextTaskID = 33;          // guarded by m_oTaskLock
+    CZolTaskTable m_oTaskTable;                  // guarded by m_oTaskLock
+    ACE_RW_Thread_Mutex m_oTaskLock;             // after the dispatch mutex, before a task's m_oStatusMutex
+    SZolThreadEntry **m_ppThreadTable = nullptr; // owned; sorted by thread id; fixed once m_oTableReady is set
+    CZolMemList *m_poMsgQueue;                   // owned; guarded by m_oQueueMutex
+    std::uint64_t m_ulQueuedBytes = 0;           // guarded by m_oQueueMutex: queue and batch, when that was taken
+    ACE_Thread_Mutex m_oQueueMutex;              // leaf
+    ACE_Condition<ACE_Thread_Mutex> m_oNotFull;  // with m_oQueueMutex; monotonic
+    ACE_Condition<ACE_Thread_Mutex> m_oNotEmpty; // with m_oQueueMutex
+    std::unordered_map<unsigned short, CZolTask *> m_oSynWaitList; // guarded by m_oSynWaitMutex: tasks in sendSynMsg
+    ACE_Thread_Mutex m_oSynWaitMutex;                              // before a task's m_oStatusMutex
+
+    ACE_Mutex *m_poDispatchMutex = nullptr;       // set when the manager is added; see g_mapDispatchMutex
+    ACE_Manual_Event m_oTableReady;               // set by open() when the table of threads is complete
+    std::atomic<bool> m_bTableReady{false};       // pairs with the look-ups: the table may be read
+    std::atomic<int> m_iTableSize{0};             // entries of m_ppThreadTable
+    CZolMemList *m_poBatch;                       // owned; guarded by the dispatch mutex: what getq hands out next
+    std::atomic<std::uint64_t> m_ulTakenBytes{0}; // written under the dispatch mutex: bytes of the batch handed out
+    std::atomic<unsigned int> m_uiBatchCount{0};  // written under the dispatch mutex: messages left in the batch
+    std::atomic<unsigned int> m_uiArrivals{0};    // written under m_oQueueMutex; polled by an idle thread
+    std::atomic<int> m_iFullWaiters{0};           // written under m_oQueueMutex: senders in m_oNotFull
+    int m_iEmptyWaiters = 0;                      // guarded by m_oQueueMutex: threads in m_oNotEmpty
+};
+
+#endif
