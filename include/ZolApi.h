@@ -42,14 +42,14 @@ struct SZolStatistics
     std::uint64_t m_ulLateResponses;       ///< responses whose caller had gone
     std::uint64_t m_ulLostLogLines;        ///< log lines that the full buffer refused
 
-    std::uint64_t m_ulSendMessages;    ///< messages that wait for the send thread
-    std::uint64_t m_ulSendBytes;       ///< their bytes
+    std::uint64_t m_ulSendBytes;       ///< messages that wait for the send thread
     std::uint64_t m_ulPoolSmallFree;   ///< free blocks of 512 bytes
     std::uint64_t m_ulPoolSmallTotal;  ///< all blocks of 512 bytes
     std::uint64_t m_ulPoolMediumFree;  ///< free blocks of 2048 bytes
     std::uint64_t m_ulPoolMediumTotal; ///< all blocks of 2048 bytes
     std::uint64_t m_ulTimersAlive;     ///< timers set and neither fired for the last time nor cancelled
     std::uint64_t m_ulPipesUp;         ///< pipes that are registered and usable, the gateway's included
+    std::uint64_t m_ulPipesAll;        ///< these and the ones that are down and will be tried again
 
     std::uint64_t m_ulTaskMgrCount; ///< valid entries of m_arrTaskMgr, in the order of their registration
     SZolTaskMgrStatistics m_arrTaskMgr[MAX_TASK_MGR];
@@ -216,7 +216,8 @@ ZOL_EXPORT int debugCmdResend();
 ZOL_EXPORT int getStatistics(SZolStatistics *poStatistics, unsigned int uiBytes);
 
 /// From now on a handler that runs longer than uiLimitMs is named in the log, once for each run. 0 turns it off, which
-/// is how a process starts. The check takes place about four times within the limit, on the timer thread.
+/// is how a process starts. The check takes place about four times within the limit, on the timer thread. After
+/// CZolAppMgr::initAppMgr; before it the call does nothing.
 ZOL_EXPORT void setHandlerLimit(unsigned int uiLimitMs);
 
 } // namespace zol
