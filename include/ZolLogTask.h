@@ -62,6 +62,7 @@ private:
 
     static const int BUFFER_SIZE = 65536;
 
+    void append(const char *pcScope, const char *pcText); // a line; pcScope and a blank ahead of it unless null
     void readLimits();
     int initLogFile(const std::string &strPath, const std::string &strPrefix);
     void findNewestFile(const std::string &strPath, const std::string &strPrefix, std::string &strStamp,
@@ -69,10 +70,10 @@ private:
     std::string fileName() const;
     void stepLogSeqForward();
     void disable();
-    void reportOverflow();                                                    // both locks held
-    void writeLine(const char *pcStamp, const char *pcText, size_t uiLength); // m_oFileLock held
-    void addFileSize(size_t uiBytes);                                         // m_oFileLock held
-    void rotateIfFull();                                                      // m_oFileLock held
+    void reportOverflow();                                   // both locks held
+    void writeLine(const char *pcStamp, const char *pcText); // m_oFileLock held
+    void addFileSize(size_t uiBytes);                        // m_oFileLock held
+    void rotateIfFull();                                     // m_oFileLock held
 
     static std::atomic<CZolLogTask *> sm_poInstance;
 

@@ -108,13 +108,17 @@ public:
     void *allocMem(unsigned int uiSize); ///< null for 0
     void freeMem(void *pvMem);           ///< null is ignored
 
-private:
     static const unsigned int CLASS_COUNT = 3;
 
+    /// Blocks of a size class, 0 small to 2 large: all of them, and those that are free at this moment.
+    unsigned int totalBlocks(unsigned int uiClass) const;
+    unsigned int freeBlocks(unsigned int uiClass) const;
+
+private:
     static CZolMemMan *create(unsigned int uiSmall, unsigned int uiMedium, unsigned int uiLarge);
-    void buildPool(SZolMemPool &oPool, unsigned int uiCount, unsigned int uiBlockSize);
-    void *takeFromPool(SZolMemPool &oPool, unsigned int uiSize);
-    void giveToPool(SZolMemPool &oPool, void *pvMem, unsigned int uiBlockSize);
+    void buildPool(unsigned int uiClass, unsigned int uiCount);
+    void *takeFromPool(unsigned int uiClass, unsigned int uiSize);
+    void giveToPool(unsigned int uiClass, void *pvMem);
 
     static std::atomic<CZolMemMan *> sm_poInstance;
 

@@ -56,8 +56,7 @@ public:
 private:
     friend class CZolDebugInfo;
 
-    static bool passes(EnumDebugLevel eLevel) { return sm_eLogLevel.load(std::memory_order_relaxed) >= eLevel; }
-    static void write(EnumDebugLevel eLevel, const char *pcText);
+    static void write(EnumDebugLevel eLevel, const char *pcScope, const char *pcText); // pcScope may be null
 
     static std::atomic<EnumDebugLevel> sm_eLogLevel;
 };
