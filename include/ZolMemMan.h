@@ -82,8 +82,9 @@ struct SZolMemPool
 ///     medium   up to   2048 bytes     64 blocks
 ///     large    up to 131072 bytes      0 blocks
 ///
-/// The limits are inclusive and count the link word. A request is served by its own class, else by the heap, and the
-/// caller cannot tell which. Blocks of the pool are reused oldest first. The address alone says where a block belongs.
+/// The limits are inclusive and count the link word. A request is served by its own class, else by the heap, also while
+/// another thread is at the pool; the caller cannot tell which. Blocks of the pool are reused oldest first. The address
+/// alone says where a block belongs.
 ///
 /// Threads:   allocMem() and freeMem() from any thread; a block may be freed by another thread than took it.
 /// Memory:    the regions (256 KiB) live as long as the process. The heap keeps freed blocks for reuse, with the bounds
@@ -110,9 +111,8 @@ public:
 
     static const unsigned int CLASS_COUNT = 3;
 
-    /// Blocks of a size class, 0 small to 2 large: all of them, and those that are free at this moment.
-    unsigned int totalBlocks(unsigned int uiClass) const;
-    unsigned int freeBlocks(unsigned int uiClass) const;
+    /// Blocks of a size class, 0 small to 2 large: those that are free at this moment, and all of them.
+    void getPoolUse(unsigned int uiClass, std::uint64_t &ulFree, std::uint64_t &ulTotal) const;
 
 private:
     static CZolMemMan *create(unsigned int uiSmall, unsigned int uiMedium, unsigned int uiLarge);

@@ -55,6 +55,10 @@ void heapFree(void *pvMem)
 }
 #endif
 
+// Requests for which a thread leaves the pool alone after it has met another one there.
+const unsigned int AVOID_AFTER_COLLISION = 1024;
+thread_local unsigned int t_uiAvoidPool __attribute__((tls_model("initial-exec"))) = 0;
+
 // A lock that is held for one list operation is worth a short spin before a thread sleeps for it.
 ACE_mutexattr_t *adaptive()
 {
@@ -226,6 +230,9 @@ void CZolMemMan::freeMem(void *pvMem)
     heapFree(pvMem);
 }
 
+// Two threads that meet at the lock, say one that sends and one that handles, would from then on hand its cache line to
+// and fro with every message, which costs more than the rest of the message's way. So nobody waits here: who finds the
+// lock taken goes to the heap, whose caches are the thread's own, and stays there for a while.
 void *CZolMemMan::takeFromPool(unsigned int uiClass, unsigned int uiSize)
 {
     SZolMemPool &oPool = m_arrPool[uiClass];
@@ -233,12 +240,19 @@ void *CZolMemMan::takeFromPool(unsigned int uiClass, unsigned int uiSize)
     {
         return nullptr;
     }
-    CZolMemBlock *poBlock = nullptr;
+    if (t_uiAvoidPool > 0)
     {
-        ACE_Guard<ACE_Mutex> oGuard(m_oMutex);
-        poBlock = oPool.m_oFreeList.popHead();
-        oPool.m_ulFree.store(oPool.m_oFreeList.m_ulCount, std::memory_order_relaxed);
+        --t_uiAvoidPool;
+        return nullptr;
     }
+    if (m_oMutex.tryacquire() != 0)
+    {
+        t_uiAvoidPool = AVOID_AFTER_COLLISION;
+        return nullptr;
+    }
+    CZolMemBlock *const poBlock = oPool.m_oFreeList.popHead();
+    oPool.m_ulFree.store(oPool.m_oFreeList.m_ulCount, std::memory_order_relaxed);
+    m_oMutex.release();
     if (poBlock != nullptr)
     {
         ASAN_UNPOISON_MEMORY_REGION(poBlock, uiSize);
@@ -256,12 +270,9 @@ void CZolMemMan::giveToPool(unsigned int uiClass, void *pvMem)
     oPool.m_ulFree.store(oPool.m_oFreeList.m_ulCount, std::memory_order_relaxed);
 }
 
-unsigned int CZolMemMan::totalBlocks(unsigned int uiClass) const
+void CZolMemMan::getPoolUse(unsigned int uiClass, std::uint64_t &ulFree, std::uint64_t &ulTotal) const
 {
-    return uiClass < CLASS_COUNT ? m_arrPool[uiClass].m_ulBytes / BLOCK_SIZE[uiClass] : 0;
-}
-
-unsigned int CZolMemMan::freeBlocks(unsigned int uiClass) const
-{
-    return uiClass < CLASS_COUNT ? m_arrPool[uiClass].m_ulFree.load(std::memory_order_relaxed) : 0;
+    const SZolMemPool &oPool = m_arrPool[uiClass];
+    ulFree = oPool.m_ulFree.load(std::memory_order_relaxed);
+    ulTotal = oPool.m_ulBytes / BLOCK_SIZE[uiClass];
 }
