@@ -1,0 +1,264 @@
+// Encoding and decoding without a running library: the calling thread has no current task and process id 0.
+
+#include "support/Application.h"
+#include "support/Installation.h"
+#include "zol.h"
+
+#include <asn-incl.h>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using Pdu = std::unique_ptr<CZolMsgPdu>;
+
+/// A value whose encoding ends in an exception of a type that no runtime documents.
+class CThrowing : public SNACC::AsnType
+{
+public:
+    SNACC::AsnType *Clone() const override { return new CThrowing; }
+    const char *typeName() const override { return "CThrowing"; }
+    void BDec(const SNACC::AsnBuf &, SNACC::AsnLen &) override { throw 42; } // NOLINT: any type must be stopped
+    SNACC::AsnLen BEnc(SNACC::AsnBuf &) const override { throw 42; }         // NOLINT
+    void Print(std::ostream &, unsigned short) const override {}
+};
+
+/// A request as it might have arrived, with every field different.
+Pdu arrivedRequest()
+{
+    Pdu oRequest(new (28) CZolMsgPdu);
+    oRequest->init();
+    oRequest->m_ucVersion = 3;
+    oRequest->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
+    oRequest->m_usSegmentNo = 9;
+    oRequest->m_ulCmdID = 0xCAFE0001;
+    oRequest->m_usSrcProcID = 11;
+    oRequest->m_usSrcProcHandle = 12;
+    oRequest->m_ucSrcModule = 13;
+    oRequest->m_usSrcSubModuleId = 14;
+    oRequest->m_usDestProcID = 21;
+    oRequest->m_usDestProcHandle = 22;
+    oRequest->m_ucDestModule = 23;
+    oRequest->m_usDestSubModuleId = 24;
+    return oRequest;
+}
+
+/// A message with the given bytes as its payload.
+Pdu messageOf(const std::string &strBody)
+{
+    return Pdu(zol::encodeReq(1, strBody.data(), static_cast<unsigned int>(strBody.size()), 1, 1, 1));
+}
+
+} // namespace
+
+TEST(EncodeTest, FillsTheHeaderOfARequest)
+{
+    const Pdu oPdu(zol::encodeReq(0x12345678, "body", 4, 7, 200, 60000));
+    ASSERT_NE(nullptr, oPdu);
+    EXPECT_EQ(1, oPdu->m_ucVersion);
+    EXPECT_EQ(CZolMsgPdu::MSG_REQUEST, oPdu->m_ucMsgType);
+    EXPECT_EQ(0, oPdu->m_usSegmentNo);
+    EXPECT_EQ(0x12345678U, oPdu->m_ulCmdID);
+    EXPECT_EQ(7, oPdu->m_usDestProcID);
+    EXPECT_EQ(0, oPdu->m_usDestProcHandle) << "a request names no handle";
+    EXPECT_EQ(200, oPdu->m_ucDestModule);
+    EXPECT_EQ(60000, oPdu->m_usDestSubModuleId);
+    EXPECT_EQ(0, oPdu->m_ucSrcModule) << "no current task";
+    EXPECT_EQ(0, oPdu->m_usSrcSubModuleId);
+    EXPECT_EQ(28, oPdu->m_usHeaderLength);
+    EXPECT_EQ("body", zoltest::bodyOf(*oPdu));
+}
+
+TEST(EncodeTest, TurnsTheAddressesOfARequestRound)
+{
+    const Pdu oRequest = arrivedRequest();
+    const Pdu oPdu(zol::encodeResp(*oRequest, "ok", 2));
+    ASSERT_NE(nullptr, oPdu);
+    EXPECT_EQ(3, oPdu->m_ucVersion) << "the requester's version";
+    EXPECT_EQ(CZolMsgPdu::MSG_RESPONSE, oPdu->m_ucMsgType);
+    EXPECT_EQ(0, oPdu->m_usSegmentNo) << "whatever the request holds";
+    EXPECT_EQ(0xCAFE0001U, oPdu->m_ulCmdID);
+    EXPECT_EQ(11, oPdu->m_usDestProcID);
+    EXPECT_EQ(12, oPdu->m_usDestProcHandle);
+    EXPECT_EQ(13, oPdu->m_ucDestModule);
+    EXPECT_EQ(14, oPdu->m_usDestSubModuleId);
+    EXPECT_EQ(23, oPdu->m_ucSrcModule) << "without a current task the request's destination answers";
+    EXPECT_EQ(24, oPdu->m_usSrcSubModuleId);
+    EXPECT_EQ(28, oPdu->m_usHeaderLength);
+    EXPECT_EQ("ok", zoltest::bodyOf(*oPdu));
+}
+
+TEST(EncodeTest, RefusesAResponseThatWouldReachNobody)
+{
+    const struct
+    {
+        const char *pcName;
+        unsigned short usDestProc, usDestHandle, usSrcTask;
+        bool bRefused;
+    } aCases[] = {
+        {"stayed in its process, no sender task", 11, 12, 0, true},
+        {"stayed in its process, sender task", 11, 12, 14, false},
+        {"another process, no sender task", 21, 12, 0, false},
+        {"another handle, no sender task", 11, 22, 0, false},
+    };
+    const SNACC::AsnInt oBody(5);
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(oCase.pcName);
+        const Pdu oRequest = arrivedRequest();
+        oRequest->m_usDestProcID = oCase.usDestProc;
+        oRequest->m_usDestProcHandle = oCase.usDestHandle;
+        oRequest->m_usSrcSubModuleId = oCase.usSrcTask;
+        const Pdu oRaw(zol::encodeResp(*oRequest, nullptr, 0));
+        const Pdu oAsn(zol::encodeResp(*oRequest, &oBody));
+        EXPECT_EQ(oCase.bRefused, oRaw == nullptr);
+        EXPECT_EQ(oCase.bRefused, oAsn == nullptr);
+    }
+}
+
+TEST(EncodeTest, TakesNullAsAnEmptyBody)
+{
+    const Pdu oRequest = arrivedRequest();
+    const Pdu aPdus[] = {Pdu(zol::encodeReq(1, nullptr, 100, 1, 1, 1)), Pdu(zol::encodeReq(1, "text", 0, 1, 1, 1)),
+                         Pdu(zol::encodeReq(1, nullptr, 1, 1, 1)), Pdu(zol::encodeResp(*oRequest, nullptr, 100)),
+                         Pdu(zol::encodeResp(*oRequest, nullptr))};
+    for (const auto &oPdu : aPdus)
+    {
+        ASSERT_NE(nullptr, oPdu);
+        EXPECT_EQ(0U, oPdu->m_ulDataLength);
+    }
+}
+
+// The sum of header and body does not fit: nothing may be allocated short, and nothing of the body read.
+TEST(EncodeTest, RefusesBodiesThatNoHeaderCanDescribe)
+{
+    const Pdu oRequest = arrivedRequest();
+    for (const unsigned int uiLength : {0xFFFFFFFFU, 0xFFFFFFFFU - 27, 0xFFFFFFFFU - 35})
+    {
+        EXPECT_EQ(nullptr, zol::encodeReq(1, "x", uiLength, 1, 1, 1)) << uiLength;
+        EXPECT_EQ(nullptr, zol::encodeResp(*oRequest, "x", uiLength)) << uiLength;
+    }
+}
+
+TEST(EncodeTest, StopsWhateverTheRuntimeThrows)
+{
+    const Pdu oRequest = arrivedRequest();
+    CThrowing oThrowing;
+    EXPECT_EQ(nullptr, zol::encodeReq(1, &oThrowing, 1, 1, 1));
+    EXPECT_EQ(nullptr, zol::encodeResp(*oRequest, &oThrowing));
+    EXPECT_EQ(ZOL_ERR_DECODE, zol::decodeAsn(*oRequest, oThrowing));
+}
+
+TEST(EncodeTest, CarriesAsnValuesThereAndBack)
+{
+    // lengths around the steps of the BER length field and of the runtime's segments
+    for (const size_t uiLength : {0U, 1U, 127U, 128U, 255U, 256U, 65535U, 65536U, 1000000U})
+    {
+        SCOPED_TRACE(uiLength);
+        std::string strText(uiLength, 'x');
+        for (size_t uiAt = 0; uiAt < uiLength; uiAt += 97)
+        {
+            strText[uiAt] = static_cast<char>(uiAt);
+        }
+        const SNACC::AsnOcts oSent(strText.data(), strText.size());
+        const Pdu oPdu(zol::encodeReq(1, &oSent, 1, 1, 1));
+        ASSERT_NE(nullptr, oPdu);
+        SNACC::AsnOcts oReceived;
+        ASSERT_EQ(ZOL_OK, zol::decodeAsn(*oPdu, oReceived));
+        EXPECT_TRUE(oSent == oReceived);
+    }
+}
+
+TEST(EncodeTest, RefusesDamagedAsnBodies)
+{
+    const struct
+    {
+        const char *pcName;
+        std::string strBody;
+    } aCases[] = {
+        {"empty", ""},
+        {"tag alone", std::string("\x04", 1)},
+        {"other type", std::string("\x01\x01\xFF", 3)},
+        {"cut value", std::string("\x04\x05"
+                                  "ab",
+                                  4)},
+        {"cut length", std::string("\x04\x84\x00\x00", 4)},
+        {"length of 4 GiB", std::string("\x04\x84\xFF\xFF\xFF\xFF", 6)},
+        {"length of 127 bytes' length", std::string("\x04\xFF", 2) + std::string(127, '\xFF')},
+        {"indefinite without an end", std::string("\x24\x80\x04\x01"
+                                                  "a",
+                                                  5)},
+    };
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(oCase.pcName);
+        SNACC::AsnOcts oTarget;
+        EXPECT_EQ(ZOL_ERR_DECODE, zol::decodeAsn(*messageOf(oCase.strBody), oTarget));
+    }
+}
+
+// Constructed strings in constructed strings: neither form may run the stack over.
+TEST(EncodeTest, SurvivesDeepNesting)
+{
+    const int iDepth = 10000;
+    std::string strIndefinite;
+    for (int iLevel = 0; iLevel < iDepth; ++iLevel)
+    {
+        strIndefinite += std::string("\x24\x80", 2);
+    }
+    SNACC::AsnOcts oText;
+    EXPECT_EQ(ZOL_ERR_DECODE, zol::decodeAsn(*messageOf(strIndefinite), oText));
+    SNACC::AsnAny oAny;
+    zol::decodeAsn(*messageOf(strIndefinite), oAny);
+    strIndefinite += std::string(2 * iDepth, '\0');
+    zol::decodeAsn(*messageOf(strIndefinite), oText);
+    zol::decodeAsn(*messageOf(strIndefinite), oAny);
+}
+
+TEST(EncodeTest, IgnoresBytesBehindTheValue)
+{
+    SNACC::AsnInt oValue;
+    EXPECT_EQ(ZOL_OK, zol::decodeAsn(*messageOf(std::string("\x02\x01\x2Arest", 7)), oValue));
+    EXPECT_EQ(42, static_cast<int>(oValue));
+}
+
+TEST(EncodeTest, CopiesLongHeadersAndBodiesWhole)
+{
+    const unsigned int uiHeader = 40;
+    const std::string strBody("\x02\x01\x2A", 3);
+    const Pdu oMsg(new (uiHeader + 3) CZolMsgPdu);
+    std::memset(static_cast<void *>(oMsg.get()), 0x5A, uiHeader);
+    oMsg->m_usHeaderLength = uiHeader;
+    oMsg->m_ulDataLength = 3;
+    std::memcpy(reinterpret_cast<char *>(oMsg.get()) + uiHeader, strBody.data(), 3);
+
+    const Pdu oCopy(zol::messageCopy(*oMsg));
+    ASSERT_NE(nullptr, oCopy);
+    EXPECT_EQ(0,
+              std::memcmp(static_cast<const void *>(oMsg.get()), static_cast<const void *>(oCopy.get()), uiHeader + 3));
+    SNACC::AsnInt oValue;
+    EXPECT_EQ(ZOL_OK, zol::decodeAsn(*oCopy, oValue)) << "the payload begins where the header ends";
+    EXPECT_EQ(42, static_cast<int>(oValue));
+}
+
+// Each encoding of an ASN.1 body leaves its length in the log, once, with the blank in front; an empty one nothing.
+TEST(EncodeTest, LogsTheLengthOfEachAsnBody)
+{
+    const zoltest::CInstallation oInstallation;
+    ASSERT_EQ(ZOL_OK, CZolAppMgr::instance()->initAppMgr(1, 0, true, "encode", nullptr));
+    const SNACC::AsnInt oBody(5);
+    const Pdu oRequest = arrivedRequest();
+    const Pdu oFirst(zol::encodeReq(1, &oBody, 1, 1, 1));
+    const Pdu oSecond(zol::encodeResp(*oRequest, &oBody));
+    const Pdu oThird(zol::encodeReq(1, nullptr, 1, 1, 1));
+    EXPECT_EQ(1, oFirst->m_usSrcProcID) << "the identity of the process";
+    CZolRunLog::error("last line");
+    ASSERT_TRUE(zoltest::waitUntil([&] { return zoltest::countOf(oInstallation.logText(), "last line") == 1; }));
+    EXPECT_EQ(1U, zoltest::countOf(oInstallation.logText(), "  ilength2 3.\n"));
+    EXPECT_EQ(1U, zoltest::countOf(oInstallation.logText(), "  ilength1 3.\n"));
+    EXPECT_EQ(2U, zoltest::countOf(oInstallation.logText(), "ilength"));
+}
