@@ -10,6 +10,7 @@
 
 #include <ctime>
 #include <map>
+#include <memory>
 #include <string>
 
 class CZolTimerIndex;
@@ -156,13 +157,16 @@ private:
     long getScheduledTime(const struct tm &oReference, const SZolTimerItem &oItem);
     int preciseClockCB(unsigned long ulId);
 
+    unsigned long set(SZolTimerItem &oItem, unsigned char ucTaskMgrID, unsigned int uiCmdCode, unsigned short usTaskID);
     unsigned int nextId();
     bool isInUse(unsigned int uiId);
+    long nextFiring(long lNotBefore, long &lDelay, const SZolTimerItem &oItem);
+    long getMonthInterval(long lFiring, const SZolTimerItem &oItem);
     bool addRecord(const SZolTimerItem &oItem, long lDueTime);
-    bool isAlive(unsigned int uiTimerId, long lReactorId);
-    unsigned long set(SZolTimerItem &oItem, unsigned char ucTaskMgrID, unsigned int uiCmdCode, unsigned short usTaskID);
-    void getDelayFrom(long lEarliest, long &lDelay, const SZolTimerItem &oItem);
-    void armNextMonth(const SZolTimerItem &oItem, long lDueTime);
+    bool setReactorId(unsigned int uiTimerId, long lReactorId);
+    void fireMonth(const SZolTimerItem &oItem, long lDueTime);
+    bool addClock(std::unique_ptr<CZolPreciseClock> poClock);
+    bool setClockReactorId(unsigned long ulClockId, long lReactorId);
 
     SZolTimerList m_oTimerList; // guarded by m_oTimerLock; owns the records
     ACE_Mutex m_oTimerLock;     // leaf: nothing is taken under it, and no reactor call is made

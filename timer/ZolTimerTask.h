@@ -38,6 +38,9 @@ public:
     /// 1, or 0 for an id that is unknown, has fired its one time or is cancelled already.
     int cancelTimer(long lReactorId);
 
+    /// The id of the timer whose handler is running, for that handler.
+    long firingId() const;
+
     ACE_Reactor &reactor() { return m_oReactor; }
 
 private:

@@ -1,0 +1,129 @@
+#ifndef ZOL_TIMER_QUEUE_H
+#define ZOL_TIMER_QUEUE_H
+
+#include <ace/Event_Handler.h>
+#include <ace/Thread_Mutex.h>
+#include <ace/Timer_Queue.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+class ACE_Command_Base;
+
+/// The timer queue of the timer thread's reactor: a heap of expiries on the monotonic clock, so that setting the
+/// machine's clock neither stalls nor hurries a timer.
+///
+/// An expired interval timer is armed again before its handler is called, on the grid of its previous expiry plus the
+/// interval, and expiries that have passed are skipped. A new interval counts from the armed expiry on.
+///
+/// Threads:   schedule, cancel and reset_interval from any thread, also from a handler; expiring and waiting from the
+///            thread of the reactor only. Handlers are called with no lock held.
+/// Ownership: handlers stay the caller's; their reference counts are not looked at.
+/// Ids:       a slot in the low 32 bits and the count of its uses above, so that an id is never given out again and one
+///            that has lapsed is told from the one that took its place.
+/// Cost:      O(log n) in a flat array whose entries hold all that the order needs; about 60 bytes a timer.
+class CZolTimerQueue : public ACE_Timer_Queue
+{
+public:
+    CZolTimerQueue() = default;
+    ~CZolTimerQueue() override = default;
+
+    /// Schedules after a delay. bWake says whether the thread of the reactor sleeps beyond the new expiry, so that the
+    /// caller must wake it: true for the first such timer only, until that thread goes to sleep again.
+    long scheduleIn(ACE_Event_Handler *poHandler, const void *pvArg, const ACE_Time_Value &oDelay,
+                    const ACE_Time_Value &oInterval, bool &bWake);
+
+    /// The id of the timer whose handler is running, for that handler.
+    long firingId() const { return m_lFiringId; }
+
+    bool is_empty() const override;
+    const ACE_Time_Value &earliest_time() const override;
+    long schedule(ACE_Event_Handler *const &poHandler, const void *pvArg, const ACE_Time_Value &oExpiry,
+                  const ACE_Time_Value &oInterval) override;
+    int expire(const ACE_Time_Value &oNow) override;
+    int expire() override;
+    int
+    expire_single(ACE_Command_Base &oPreDispatch) override; ///< calls all that are due, oPreDispatch before the first
+    int reset_interval(long lTimerId, const ACE_Time_Value &oInterval) override;
+    int cancel(ACE_Event_Handler *const &poHandler, int iDontCallHandleClose) override;
+    int cancel(long lTimerId, const void **ppvArg, int iDontCallHandleClose) override;
+    int close() override { return 0; }
+    ACE_Time_Value gettimeofday() override;
+    void gettimeofday(ACE_Time_Value (*)()) override {} // the clock is not for choice
+    ACE_Time_Value *calculate_timeout(ACE_Time_Value *poMax) override;
+    ACE_Time_Value *calculate_timeout(ACE_Time_Value *poMax, ACE_Time_Value *poTimeout) override;
+    ACE_Time_Value current_time() override { return gettimeofday(); }
+    ITERATOR &iter() override;
+    ACE_Timer_Node_T<ACE_Event_Handler *> *remove_first() override { return nullptr; } // there are no such nodes
+    ACE_Timer_Node_T<ACE_Event_Handler *> *get_first() override { return nullptr; }
+    void dump() const override {}
+
+private:
+    static const std::uint32_t SLOT_PAGE = 1024; // slots are made by the page and never move
+    static const std::uint32_t NOWHERE = 0xFFFFFFFF;
+
+    /// Microseconds of the monotonic clock, which do not overflow for any delay that is let through.
+    using Micros = std::int64_t;
+
+    struct SSlot
+    {
+        ACE_Event_Handler *m_poHandler;
+        const void *m_pvArg;
+        Micros m_llInterval;     // 0 fires once
+        std::uint32_t m_uiPlace; // in the heap; NOWHERE while the slot is free
+        std::uint32_t m_uiUse;   // how often the slot has been given out
+    };
+    struct SEntry
+    {
+        Micros m_llExpiry;
+        std::uint32_t m_uiOrder; // equal expiries go in the order in which they were armed
+        std::uint32_t m_uiSlot;
+        bool isBefore(const SEntry &oOther) const;
+    };
+
+    /// No iteration: nothing asks this queue for it.
+    class CNoIterator : public ITERATOR
+    {
+    public:
+        void first() override {}
+        void next() override {}
+        bool isdone() const override { return true; }
+        ACE_Timer_Node_T<ACE_Event_Handler *> *item() override { return nullptr; }
+    };
+
+    static Micros now();
+    static Micros toMicros(const ACE_Time_Value &oTime);
+    long arm(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval, bool &bWake);
+    bool takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const void *&pvArg);
+    int fireDue(Micros llNow, ACE_Command_Base *poPreDispatch);
+    ACE_Time_Value *prepareToWait(ACE_Time_Value *poMax, ACE_Time_Value *poTimeout);
+
+    // The caller of these holds m_oLock.
+    SSlot &slot(std::uint32_t uiSlot) const { return m_arrPages[uiSlot / SLOT_PAGE][uiSlot % SLOT_PAGE]; }
+    SSlot *findSlot(long lTimerId) const;
+    bool makeSlots();
+    long idOf(std::uint32_t uiSlot) const;
+    void freeSlot(std::uint32_t uiSlot);
+    void put(std::uint32_t uiPlace, const SEntry &oEntry);
+    void moveUp(std::uint32_t uiPlace, const SEntry &oEntry);
+    void moveDown(std::uint32_t uiPlace, const SEntry &oEntry);
+    void removeAt(std::uint32_t uiPlace);
+
+    mutable ACE_Thread_Mutex m_oLock; // leaf; guards all below but what says otherwise
+
+    std::vector<std::unique_ptr<SSlot[]>> m_arrPages;
+    std::vector<std::uint32_t> m_arrFree; // free slots, the one freed last on top; holds room for all of them
+    std::vector<SEntry> m_arrHeap;        // four children to a node; has room for all slots
+    std::uint32_t m_uiOrder = 0;
+    Micros m_llSleepsUntil = AWAKE; // when the reactor's thread wakes by itself; AWAKE while it does not wait
+
+    long m_lFiringId = -1;              // the reactor's thread only
+    ACE_Time_Value m_oTimeout;          // the reactor's thread only
+    mutable ACE_Time_Value m_oEarliest; // the reactor's thread only
+    CNoIterator m_oNoIterator;
+
+    static const Micros AWAKE = INT64_MIN;
+};
+
+#endif
