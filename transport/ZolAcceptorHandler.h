@@ -1,13 +1,12 @@
 #ifndef ZOL_TRANSPORT_ZOLACCEPTORHANDLER_H
 #define ZOL_TRANSPORT_ZOLACCEPTORHANDLER_H
 
+#include "transport/ZolConnection.h"
+
 #include <ace/Event_Handler.h>
 #include <ace/SOCK_Acceptor.h>
 #include <ace/SOCK_Stream.h>
 #include <ace/Thread_Mutex.h>
-
-class CZolConnection;
-class CZolMsgPdu;
 
 /// A direct request on its way from the reactor to the built-in task. The destructor closes the connection and frees
 /// the request.
@@ -53,8 +52,7 @@ private:
     CZolConnection *acceptConnection();
     void refuseForWantOfDescriptors();
     void readFirstMessage(CZolConnection *poConn);
-    void serve(CZolConnection *poConn, CZolMsgPdu *poHeader, char *pcLocal);
-    void handOver(CZolConnection *poConn, CZolMsgPdu *poRequest);
+    static void handOver(CZolConnRef oConn, CZolMsgPdu *poRequest);
     int registPipe(CZolMsgPdu *poPdu, CZolConnection *poConn);                              // 0 or -1
     int sendRegisterResponse(ACE_SOCK_Stream &oStream, CZolMsgPdu *poRequest, int iStatus); // 0 or -1; never waits
 

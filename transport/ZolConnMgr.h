@@ -142,6 +142,7 @@ private:
     CZolConnMgr();
 
     CZolConnection *findProc(unsigned short usProcID, unsigned short usProcHandle) const; // caller: m_oConnLock
+    static bool goesToGateway(const CZolMsgPdu &oPdu); // whatever its destination says
     CZolConnRef vekConnection(const char *pcScope);
     bool rekey(CZolConnection *poConn);                  // caller: m_oConnLock exclusive
     void enter(CZolConnection *poConn, ACE_HANDLE oKey); // caller: m_oConnLock exclusive
@@ -153,11 +154,23 @@ private:
     void initIdentity(unsigned short usProcID, unsigned short usProcHandle, bool bNoHandle);
     void enterWithoutGateway();
 
+    // What processMsg() has gathered in m_pcSendBuf and not yet sent, and how it last chose.
+    struct SBatch
+    {
+        unsigned int m_uiUsed = 0;
+        CZolConnRef m_oConn; // where those bytes go
+        CZolConnRef m_oChoice;
+        std::uint32_t m_uiChoiceKey = 0;
+        std::uint64_t m_ulChoiceVersion = 0; // 0: none yet
+    };
+
+    const CZolConnRef &chooseForBatch(const CZolMsgPdu *poPdu, SBatch &oBatch);
     int sendOn(CZolConnection *poConn, const void *pvBuf, unsigned int uiLen);
     int sendBlocks(CZolConnection *poConn, CZolMsgPdu *poPdu, CZolMsgPdu *poTemplate);
-    void flush(CZolConnection *poConn, unsigned int &uiUsed, CZolDebugInfo *poLog);
+    void flush(SBatch &oBatch, CZolDebugInfo *poLog);
     void logSendFailure(char *pcBuf, int iLen, CZolDebugInfo *poLog);
     void sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog);
+    void sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *poLog);
 
     HandleMap m_oHandleMap; // guarded by m_oConnLock; holds the references
     long m_lLastHelloTime;  // poll thread

@@ -71,9 +71,16 @@ public:
     /// the manager are touched.
     int connect();
 
-    /// Sends all bytes: uiLen, or -1 with errno, ETIME after 200 s. puiSent, if given, gets the bytes that went out.
-    /// Never changes the status. A pipe that is down fails at once, also while it is being opened.
-    int send(const void *pvBuf, unsigned int uiLen, unsigned int *puiSent = nullptr);
+    /// What a send did besides its result.
+    struct SSendOutcome
+    {
+        unsigned int m_uiSent; ///< bytes that went out
+        unsigned int m_uiLife; ///< life of the pipe that they went to
+    };
+
+    /// Sends all bytes: uiLen, or -1 with errno, ETIME after 200 s. Never changes the status. A pipe that is down fails
+    /// at once, also while it is being opened.
+    int send(const void *pvBuf, unsigned int uiLen, SSendOutcome *poOutcome = nullptr);
 
     /// One read that does not wait: above 0 the bytes read, 0 nothing there, -1 peer closed, error, or taken down.
     int recv(void *pvBuf, unsigned int uiLen);
@@ -133,15 +140,18 @@ private:
 
     using BigMsgList = std::list<SZolBigMsgItem *>;
 
-    void logRegistered();
+    int recvInLife(void *pvBuf, unsigned int uiLen, unsigned int uiLife); // -1 also in another life than uiLife
+    int readAndCut(unsigned int uiLife);
     bool cutMessages();                  // false: the pipe must go down
     bool startPdu(const char *pcHeader); // false: impossible length, or no memory
+    void keepPartOfHeader(std::uint32_t uiAt);
     void resetIfDue();
-    void closeSocket(); // the caller holds m_oPipeLock exclusive
-    void dropItem(BigMsgList::iterator itItem);
-    void freeBlocks(SZolBigMsgItem *poItem);
+    void closeSocket();                                        // caller: m_oPipeLock exclusive, or alone
+    int deliverOrDrop(CZolMsgPdu *poPdu, const char *pcScope); // takes the PDU over
     int joinBlocks(SZolBigMsgItem *poItem, CZolMsgPdu *poLast);
-    bool isForgedRequest(const CZolMsgPdu &oPdu) const;
+    static void freeBlocks(SZolBigMsgItem *poItem);
+    static bool isForgedRequest(const CZolMsgPdu &oPdu);
+    static void dropForgedRequest(CZolMsgPdu *poPdu);
 
     unsigned short m_usOppProcID = 0;     // guarded by m_oStatusLock
     unsigned short m_usOppProcHandle = 0; // guarded by m_oStatusLock

@@ -1,0 +1,295 @@
+// The way in: bytes of the socket, cut into messages, and what becomes of each by its type.
+
+#include "ZolAppMgr.h"
+#include "ZolRunLog.h"
+#include "ZolTaskMgr.h"
+#include "message/ZolCounters.h"
+#include "transport/ZolConnMgr.h"
+#include "transport/ZolConnection.h"
+#include "transport/ZolFieldTail.h"
+#include "transport/ZolPipeProtocol.h"
+#include "transport/ZolSocket.h"
+
+#include <ace/Guard_T.h>
+#include <ace/Reactor.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <sys/socket.h>
+
+int CZolConnection::recv(void *pvBuf, unsigned int uiLen)
+{
+    return recvInLife(pvBuf, uiLen, getLife());
+}
+
+int CZolConnection::recvInLife(void *pvBuf, unsigned int uiLen, unsigned int uiLife)
+{
+    ssize_t iRead = -1;
+    {
+        // A pipe comes up under this lock exclusive, so a reader of its last life never meets the new socket.
+        ACE_READ_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oPipeLock, -1);
+        if (getLife() != uiLife)
+        {
+            return -1;
+        }
+        do
+        {
+            iRead = ::recv(getHandle(), pvBuf, uiLen, MSG_DONTWAIT);
+        } while (iRead < 0 && errno == EINTR);
+    }
+    if (iRead > 0)
+    {
+        setLastRecvTime(zolsocket::wallSeconds());
+        return static_cast<int>(iRead);
+    }
+    return iRead < 0 && (errno == EWOULDBLOCK || errno == EAGAIN) ? 0 : -1;
+}
+
+int CZolConnection::receive()
+{
+    m_oRecvLock.acquire();
+    if (m_bResetDue.exchange(false))
+    {
+        reset();
+    }
+    const int iResult = readAndCut(getLife());
+    m_oRecvLock.release();
+    resetIfDue();
+    if (iResult < 0 && CZolRunLog::isReady())
+    {
+        char acText[96];
+        snprintf(acText, sizeof acText, "receive() return %d, error in network connection.", iResult);
+        CZolDebugInfo("CZolConnection::receive").info(acText);
+    }
+    return iResult;
+}
+
+int CZolConnection::readAndCut(unsigned int uiLife)
+{
+    if (!m_bNonBlock)
+    {
+        m_bNonBlock = true;
+        zolsocket::prepare(getHandle());
+    }
+    for (;;)
+    {
+        const std::uint32_t uiRoom = m_uiRecvBufferLength - m_ulRecvLen;
+        const int iRead = recvInLife(m_pcRecvBuf + m_ulRecvLen, uiRoom, uiLife);
+        if (iRead <= 0)
+        {
+            return iRead;
+        }
+        m_ulRecvLen += static_cast<std::uint32_t>(iRead);
+        if (!cutMessages())
+        {
+            return -1;
+        }
+        // A read that did not fill the buffer took all there was; the reactor tells of what comes after it.
+        if (static_cast<std::uint32_t>(iRead) < uiRoom)
+        {
+            return 0;
+        }
+    }
+}
+
+bool CZolConnection::cutMessages()
+{
+    std::uint32_t uiAt = 0;
+    while (uiAt < m_ulRecvLen)
+    {
+        const std::uint32_t uiHave = m_ulRecvLen - uiAt;
+        if (m_poCurPdu == nullptr)
+        {
+            if (uiHave < zolpipe::HEADER_LENGTH)
+            {
+                keepPartOfHeader(uiAt);
+                return true;
+            }
+            if (!startPdu(m_pcRecvBuf + uiAt))
+            {
+                return false;
+            }
+        }
+        char *pcTo = reinterpret_cast<char *>(m_poCurPdu) + m_ulPduFilled;
+        if (uiHave < m_ulPduLeft)
+        {
+            std::memcpy(pcTo, m_pcRecvBuf + uiAt, uiHave);
+            m_ulPduFilled += uiHave;
+            m_ulPduLeft -= uiHave;
+            break;
+        }
+        std::memcpy(pcTo, m_pcRecvBuf + uiAt, m_ulPduLeft);
+        uiAt += m_ulPduLeft;
+        CZolMsgPdu *poPdu = m_poCurPdu;
+        m_poCurPdu = nullptr; // gone before it is handed on: the dispatcher owns it
+        m_ulPduFilled = 0;
+        m_ulPduLeft = 0;
+        ntohPdu(poPdu);
+        dispatchMsg(poPdu);
+    }
+    m_ulRecvLen = 0;
+    return true;
+}
+
+void CZolConnection::keepPartOfHeader(std::uint32_t uiAt)
+{
+    m_ulRecvLen -= uiAt;
+    if (uiAt != 0)
+    {
+        std::memmove(m_pcRecvBuf, m_pcRecvBuf + uiAt, m_ulRecvLen);
+    }
+}
+
+bool CZolConnection::startPdu(const char *pcHeader)
+{
+    const std::uint16_t usHeader = zolpipe::wireHeaderLength(pcHeader);
+    const std::uint64_t ulTotal = std::uint64_t(usHeader) + zolpipe::wireDataLength(pcHeader);
+    if (usHeader < zolpipe::HEADER_LENGTH || ulTotal > std::numeric_limits<std::uint32_t>::max() - ZOL_BLOCK_HEADER)
+    {
+        return false;
+    }
+    m_poCurPdu = new (static_cast<unsigned int>(ulTotal)) CZolMsgPdu;
+    m_ulPduLeft = static_cast<std::uint32_t>(ulTotal);
+    m_ulPduFilled = 0;
+    return m_poCurPdu != nullptr;
+}
+
+void CZolConnection::reset()
+{
+    CZolRunLog::info("CZolConnection::reset CZolConnection will be reset!");
+    m_bNonBlock = false;
+    m_ulRecvLen = 0;
+    m_ulPduFilled = 0;
+    m_ulPduLeft = 0;
+    delete m_poCurPdu;
+    m_poCurPdu = nullptr;
+    for (SZolBigMsgItem *poItem : m_oBigMsgList)
+    {
+        freeBlocks(poItem);
+    }
+    m_oBigMsgList.clear();
+    m_oBigMsgIndex.clear();
+}
+
+// Whoever cannot take the lock leaves the work to its holder, who looks here again after giving it up.
+void CZolConnection::resetIfDue()
+{
+    while (m_bResetDue.load() && m_oRecvLock.tryacquire() == 0)
+    {
+        if (m_bResetDue.exchange(false))
+        {
+            reset();
+        }
+        m_oRecvLock.release();
+    }
+}
+
+void CZolConnection::dispatchMsg(CZolMsgPdu *poPdu)
+{
+    if (poPdu == nullptr)
+    {
+        CZolDebugInfo("CZolConnection::dispatchMsg").error("invalid parameter, null pointer!");
+        return;
+    }
+    if (m_ePipeType != CONN_VEK)
+    {
+        poPdu->printf();
+    }
+    switch (poPdu->m_ucMsgType)
+    {
+    case CZolMsgPdu::MSG_REQUEST:
+    case CZolMsgPdu::MSG_RESPONSE:
+        deliverOrDrop(poPdu, "CZolConnection::dispatchMsg");
+        return;
+    case CZolMsgPdu::MSG_BIG_REQUEST:
+    case CZolMsgPdu::MSG_BIG_RESPONSE:
+        processBigMsgBlock(poPdu);
+        return;
+    case CZolMsgPdu::MSG_REGISTER:
+    case CZolMsgPdu::MSG_TIMER:
+        break;
+    case CZolMsgPdu::MSG_HELLO:
+        if (m_ePipeType == CONN_PASSIVE)
+        {
+            CZolConnMgr::instance()->sendHandshakeMsg(getOppProcID(), getOppProcHandle());
+        }
+        break;
+    default:
+        zolCount(zolCounters().m_ulInvalidType);
+        logWithFields(&CZolDebugInfo::error, "CZolConnection::dispatchMsg", "invalid message type, ", *poPdu);
+    }
+    delete poPdu;
+}
+
+int CZolConnection::deliverOrDrop(CZolMsgPdu *poPdu, const char *pcScope)
+{
+    const int iResult = deliverMsg(poPdu);
+    if (iResult != ZOL_OK)
+    {
+        zolCount(zolCounters().m_ulNoManager);
+        if (CZolRunLog::isReady())
+        {
+            const std::string strText = "dispatch message failed, " + zolFieldTail(*poPdu) + ", Error:";
+            CZolDebugInfo(pcScope).error((strText + std::to_string(iResult)).c_str());
+        }
+        delete poPdu;
+    }
+    return iResult;
+}
+
+int CZolConnection::deliverMsg(CZolMsgPdu *poPdu)
+{
+    CZolDebugInfo oDebug("CZolConnection::deliverMsg");
+    if (poPdu == nullptr)
+    {
+        oDebug.error("invalid parameter: null pointer!");
+        return ZOL_ERR_FAILED;
+    }
+    CZolAppMgr *poAppMgr = CZolAppMgr::instance();
+    if (isForgedRequest(*poPdu))
+    {
+        dropForgedRequest(poPdu);
+        return ZOL_OK;
+    }
+    CZolTaskMgr *poTaskMgr = poAppMgr->findTaskMgr(poPdu->m_ucDestModule);
+    if (poTaskMgr != nullptr)
+    {
+        return poTaskMgr->enqueueMsg(zolBlockOf(poPdu), false);
+    }
+    if (poPdu->m_ucDestModule == zolpipe::INITIAL_MODULE && poPdu->m_usDestSubModuleId == zolpipe::INITIAL_TASK &&
+        poAppMgr->getStatus() == APPMGR_INITIAL)
+    {
+        // the thread that waits for this answer is this one, inside the reactor's loop
+        poAppMgr->getReactor()->end_reactor_event_loop();
+        poAppMgr->enqueueMsg(poPdu);
+        return ZOL_OK;
+    }
+    oDebug.error("dest not found!");
+    return ZOL_ERR_NO_DEST;
+}
+
+// The command of a direct request carries an address of this process. From a pipe it can only be an attempt to have
+// the built-in task follow an address of the sender's choice.
+bool CZolConnection::isForgedRequest(const CZolMsgPdu &oPdu)
+{
+    return oPdu.m_ucDestModule == zolpipe::BUILT_IN_MODULE && oPdu.m_ulCmdID == MSG_DIRECT_REQUEST_CMDID;
+}
+
+// Leaves the lines of any other command that the built-in manager makes no task for.
+void CZolConnection::dropForgedRequest(CZolMsgPdu *poPdu)
+{
+    zolCount(zolCounters().m_ulNoTask);
+    if (CZolRunLog::isReady())
+    {
+        char acText[192];
+        snprintf(acText, sizeof acText, "receive a unknown command code: %u", poPdu->m_ulCmdID);
+        CZolDebugInfo("CZolInlineTaskMgr::createTask").debug(acText);
+        snprintf(acText, sizeof acText,
+                 "createTask() return NULL when process message, src: %u,%u,%u,%u, dst:%u,%u, cmd:%u",
+                 poPdu->m_usSrcProcID, poPdu->m_usSrcProcHandle, poPdu->m_ucSrcModule, poPdu->m_usSrcSubModuleId,
+                 poPdu->m_ucDestModule, poPdu->m_usDestSubModuleId, poPdu->m_ulCmdID);
+        CZolDebugInfo("CZolTaskMgr::unknownTaskMsg").error(acText);
+    }
+    delete poPdu;
+}

@@ -1,0 +1,291 @@
+#include "transport/ZolPipeOpener.h"
+
+#include "ZolApi.h"
+#include "ZolAppMgr.h"
+#include "ZolRunLog.h"
+#include "transport/ZolConnMgr.h"
+#include "transport/ZolPipeProtocol.h"
+#include "transport/ZolText.h"
+
+#include <ace/OS_NS_Thread.h>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace
+{
+
+const char *const SCOPE = "CZolConnection::connect";
+
+} // namespace
+
+CZolPipeOpener::~CZolPipeOpener()
+{
+    if (m_eState != IDLE && m_eState != DONE)
+    {
+        finish(-1);
+    }
+}
+
+short CZolPipeOpener::getEvents() const
+{
+    return m_eState == READING ? POLLIN : POLLOUT;
+}
+
+void CZolPipeOpener::start(bool bTry)
+{
+    if (!lock(bTry))
+    {
+        m_eState = DONE;
+        return;
+    }
+    CZolDebugInfo oDebug(SCOPE);
+    if (!m_oConn->m_bAddrValid)
+    {
+        oDebug.warning("fail to build a connect because the remote address is invalid.");
+        return finish(-1);
+    }
+    const ACE_INET_Addr &oAddr = m_oConn->m_oOppAddr;
+    const std::string strTarget = zoltext("OppAddr: ", zoladdress(oAddr), ", OppPort: ", oAddr.get_port_number(),
+                                          ", PipeType: ", m_oConn->getPipeType());
+    if (m_oConn->getPipeStatus())
+    {
+        oDebug.info(("the connect is valid already. " + strTarget).c_str());
+        return finish(0);
+    }
+    oDebug.info(("begin to connect. " + strTarget).c_str());
+    begin();
+}
+
+// False, with nothing held, if bTry and another thread is busy with the connection.
+bool CZolPipeOpener::lock(bool bTry)
+{
+    ACE_RW_Mutex &oLock = m_oConn->m_oPipeLock;
+    for (;;)
+    {
+        if ((bTry ? oLock.tryacquire_write() : oLock.acquire_write()) != 0)
+        {
+            return false;
+        }
+        // down, but with its socket: whoever took the last life down is about to close it and needs this lock
+        if (m_oConn->getPipeStatus() || m_oConn->getHandle() == ACE_INVALID_HANDLE)
+        {
+            m_bLocked = true;
+            return true;
+        }
+        oLock.release();
+        if (bTry)
+        {
+            return false;
+        }
+        ACE_OS::thr_yield();
+    }
+}
+
+void CZolPipeOpener::begin()
+{
+    m_oDeadline = zolsocket::in(std::chrono::seconds(zolpipe::CONNECT_SECONDS));
+    m_eState = CONNECTING;
+    const ACE_HANDLE oHandle = zolsocket::open();
+    m_oConn->m_oStream.set_handle(oHandle);
+    const int iStarted = oHandle == ACE_INVALID_HANDLE ? -1 : zolsocket::startConnect(oHandle, m_oConn->m_oOppAddr);
+    if (iStarted < 0)
+    {
+        return fail("connect failed, error: ");
+    }
+    if (iStarted == 0)
+    {
+        connected();
+    }
+}
+
+void CZolPipeOpener::step()
+{
+    if (m_eState == CONNECTING)
+    {
+        pollfd oPoll{getHandle(), POLLOUT, 0};
+        if (poll(&oPoll, 1, 0) > 0)
+        {
+            return zolsocket::finishConnect(getHandle()) == 0 ? connected() : fail("connect failed, error: ");
+        }
+        if (isLate())
+        {
+            errno = ETIME;
+            fail("connect failed, error: ");
+        }
+        return;
+    }
+    if (m_eState != DONE)
+    {
+        transfer();
+    }
+}
+
+void CZolPipeOpener::connected()
+{
+    CZolConnMgr *poMgr = CZolConnMgr::instance();
+    m_eState = SENDING;
+    m_oDeadline = zolsocket::in(std::chrono::seconds(zolpipe::REGISTER_SECONDS));
+    m_poPdu = zolpipe::newRegisterRequest(poMgr->getProcID(), poMgr->isOwnHandle() ? poMgr->getProcHandle() : 0,
+                                          poMgr->isNoHandle());
+    if (m_poPdu == nullptr)
+    {
+        return fail("send register msg failed, error: ");
+    }
+    htonPdu(m_poPdu);
+    transfer();
+}
+
+void CZolPipeOpener::transfer()
+{
+    if (m_eState == SENDING && send())
+    {
+        m_eState = READING;
+        m_uiDone = 0;
+    }
+    if (m_eState == READING && read())
+    {
+        answered();
+    }
+    if (m_eState != DONE && isLate())
+    {
+        errno = ETIME;
+        fail(m_eState == SENDING ? "send register msg failed, error: " : "recv response of register failed, error: ");
+    }
+}
+
+// True when all has gone out.
+bool CZolPipeOpener::send()
+{
+    const ssize_t iSent = ::send(getHandle(), reinterpret_cast<char *>(m_poPdu) + m_uiDone,
+                                 zolpipe::REGISTER_LENGTH - m_uiDone, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (iSent > 0)
+    {
+        m_uiDone += static_cast<unsigned int>(iSent);
+    }
+    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+    {
+        fail("send register msg failed, error: ");
+    }
+    return m_uiDone == zolpipe::REGISTER_LENGTH;
+}
+
+// True when all has come in, into the PDU of the request.
+bool CZolPipeOpener::read()
+{
+    const ssize_t iRead = ::recv(getHandle(), reinterpret_cast<char *>(m_poPdu) + m_uiDone,
+                                 zolpipe::REGISTER_LENGTH - m_uiDone, MSG_DONTWAIT);
+    if (iRead > 0)
+    {
+        m_uiDone += static_cast<unsigned int>(iRead);
+    }
+    else if (iRead == 0)
+    {
+        errno = ECONNRESET;
+        fail("recv response of register failed, error: ");
+    }
+    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+    {
+        fail("recv response of register failed, error: ");
+    }
+    return m_eState == READING && m_uiDone == zolpipe::REGISTER_LENGTH;
+}
+
+void CZolPipeOpener::answered()
+{
+    CZolDebugInfo oDebug(SCOPE);
+    ntohPdu(m_poPdu);
+    if (m_poPdu->m_ucMsgType != CZolMsgPdu::MSG_REGISTER)
+    {
+        oDebug.error("Unknown type of response message for register process!");
+        return finish(-1);
+    }
+    const auto iStatus = static_cast<int>(zolpipe::load32(reinterpret_cast<char *>(m_poPdu) + zolpipe::HEADER_LENGTH));
+    if (iStatus != 0)
+    {
+        oDebug.info(zoltext("Register failed! Error: ", iStatus).c_str());
+        return finish(iStatus);
+    }
+    succeed();
+}
+
+void CZolPipeOpener::succeed()
+{
+    CZolConnMgr *poMgr = CZolConnMgr::instance();
+    CZolConnection &oConn = *m_oConn.get();
+    oConn.m_oStatusLock.acquire_write();
+    if (oConn.getPipeType() == CZolConnection::CONN_INITIATIVE)
+    {
+        oConn.m_usOppProcID = m_poPdu->m_usSrcProcID;
+        oConn.m_usOppProcHandle = m_poPdu->m_usSrcProcHandle;
+    }
+    else if (!poMgr->isNoHandle() && !poMgr->isOwnHandle())
+    {
+        poMgr->m_usProcHandle.store(m_poPdu->m_usDestProcHandle, std::memory_order_relaxed);
+    }
+    const unsigned short usOppProcID = oConn.m_usOppProcID;
+    const unsigned short usOppProcHandle = oConn.m_usOppProcHandle;
+    oConn.setLastRecvTime(zolsocket::wallSeconds());
+    oConn.m_uiLife.fetch_add(1, std::memory_order_acq_rel);
+    oConn.m_bPipeStatus.store(true, std::memory_order_release);
+    oConn.m_oStatusLock.release();
+    poMgr->pipesChanged();
+    CZolDebugInfo oDebug(SCOPE);
+    oDebug.info(zoltext("register successful. OppProcID: ", usOppProcID, " OppProcHandle: ", usOppProcHandle).c_str());
+    finish(0);
+}
+
+void CZolPipeOpener::fail(const char *pcText)
+{
+    CZolDebugInfo oDebug(SCOPE);
+    const int iError = errno;
+    oDebug.error(zoltext(pcText, iError, ", ", zolerror(iError)).c_str());
+    finish(-1);
+}
+
+void CZolPipeOpener::finish(int iResult)
+{
+    delete m_poPdu;
+    m_poPdu = nullptr;
+    if (m_bLocked)
+    {
+        if (iResult != 0 && !m_oConn->getPipeStatus())
+        {
+            m_oConn->closeSocket();
+        }
+        m_oConn->m_oPipeLock.release();
+        m_bLocked = false;
+    }
+    m_iResult = iResult;
+    m_eState = DONE;
+}
+
+void CZolPipeOpener::run(const std::vector<std::unique_ptr<CZolPipeOpener>> &oOpeners)
+{
+    std::vector<pollfd> oPolls;
+    for (;;)
+    {
+        oPolls.clear();
+        zolsocket::Deadline oFirst = zolsocket::Deadline::max();
+        for (const auto &poOpener : oOpeners)
+        {
+            if (!poOpener->isDone())
+            {
+                oPolls.push_back({poOpener->getHandle(), poOpener->getEvents(), 0});
+                oFirst = std::min(oFirst, poOpener->getDeadline());
+            }
+        }
+        if (oPolls.empty())
+        {
+            return;
+        }
+        const auto oLeft = std::chrono::ceil<std::chrono::milliseconds>(oFirst - zolsocket::Clock::now()).count();
+        poll(oPolls.data(), oPolls.size(), static_cast<int>(std::max<long long>(oLeft, 0)));
+        for (const auto &poOpener : oOpeners)
+        {
+            poOpener->step();
+        }
+    }
+}
