@@ -1,0 +1,270 @@
+// Names every public operation, so that one which the shared library does not show is a link error. Built like any
+// application: the public headers and -lzol, no header of the ASN.1 runtime.
+
+#include "zol.h"
+
+#include <cstdio>
+
+namespace
+{
+
+int g_iKept = 0;
+
+/// Makes the compiler keep the reference to the operation.
+template <typename Pointer>
+void keep(Pointer fnOperation)
+{
+    volatile Pointer fnKept = fnOperation;
+    g_iKept += fnKept != nullptr ? 1 : 0;
+}
+
+using Asn = SNACC::AsnType;
+using Cmd = std::uint32_t;
+using Len = std::uint32_t;
+using Proc = std::uint16_t;
+using Mgr = std::uint8_t;
+using Task = std::uint16_t;
+using Text = const std::string &;
+using Pdu = CZolMsgPdu;
+
+void keepSettingsAndHelpers()
+{
+    keep(&zol::init);
+    keep(&zol::addResFile);
+    keep(&zol::initResMgr);
+    keep(&zol::getResMgr);
+    keep<const std::string *(*)(Text)>(&zol::getResByKey);
+    keep<std::string (*)(Text, Text)>(&zol::getResByKey);
+    keep<int (*)(Text, int &)>(&zol::getResByKey);
+    keep<int (*)(Text, int &, int, int)>(&zol::getResByKey);
+    keep(&zol::saveResWithKey);
+    keep(&zol::getCurrFormatTime);
+    keep<bool (*)(const char *, int)>(&zol::isDigit);
+    keep<bool (*)(Text)>(&zol::isDigit);
+    keep(&zol::trimString);
+    keep(&zol::getTrimEnv);
+    keep(&zol::strError);
+}
+
+void keepEncodingAndSending()
+{
+    keep<Pdu *(*)(Cmd, const Asn *, Proc, Mgr, Task)>(&zol::encodeReq);
+    keep<Pdu *(*)(Cmd, const char *, Len, Proc, Mgr, Task)>(&zol::encodeReq);
+    keep<Pdu *(*)(const Pdu &, const Asn *)>(&zol::encodeResp);
+    keep<Pdu *(*)(const Pdu &, const char *, Len)>(&zol::encodeResp);
+    keep(&zol::decodeAsn);
+    keep(&zol::messageCopy);
+    keep<int (*)(Cmd, const Asn *, Proc, Mgr, Task)>(&zol::sendReqMsg);
+    keep<int (*)(Cmd, const char *, Len, Proc, Mgr, Task)>(&zol::sendReqMsg);
+    keep<int (*)(Cmd, const Asn *, int, Pdu *&, Proc, Mgr, Task)>(&zol::sendSyncReq);
+    keep<int (*)(Cmd, const Asn *, int, Asn &, Proc, Mgr, Task)>(&zol::sendSyncReq);
+    keep<int (*)(Cmd, const char *, Len, int, Pdu *&, Proc, Mgr, Task)>(&zol::sendSyncReq);
+    keep<int (*)(Cmd, const char *, Len, int, Asn &, Proc, Mgr, Task)>(&zol::sendSyncReq);
+    keep<int (*)(Cmd, const Asn *)>(&zol::sendBroadCast);
+    keep<int (*)(Cmd, const char *, Len)>(&zol::sendBroadCast);
+    keep<int (*)(const Pdu &, const Asn *)>(&zol::sendRespMsg);
+    keep<int (*)(const Pdu &, const char *, Len)>(&zol::sendRespMsg);
+    keep(&zol::resendMessage);
+    keep<int (*)(std::uint32_t, std::uint16_t, Pdu *&, Pdu **, int)>(&zol::sendP2PMsg);
+    keep<int (*)(std::uint32_t, std::uint16_t, Pdu *&, Pdu **, int, int)>(&zol::sendP2PMsg);
+    keep<int (*)(Text, std::uint16_t, Pdu *&, Pdu **, int)>(&zol::sendP2PMsg);
+}
+
+void keepControl()
+{
+    keep(&zol::bindPort);
+    keep(&zol::connect);
+    keep(&zol::setListener);
+    keep(&zol::setVEKAddrStatus);
+    keep(&zol::setVEKAddress);
+    keep(&zol::connect2VEK);
+    keep(&zol::shutVEKConnect);
+    keep(&zol::setProcIDAndHandle);
+    keep(&zol::debugCmdResend);
+    keep(&zol::getStatistics);
+    keep(&zol::setHandlerLimit);
+}
+
+void keepMessages()
+{
+    keep<void *(*)(std::size_t, unsigned int)>(&CZolMsgPdu::operator new);
+    keep<void (*)(void *, std::size_t)>(&CZolMsgPdu::operator delete);
+    keep(&CZolMsgPdu::init);
+    keep<void (Pdu::*)(std::string &) const>(&CZolMsgPdu::printf);
+    keep(&htonPdu);
+    keep(&ntohPdu);
+    keep(&CZolMemBlock::allocMem);
+    keep(&CZolMemBlock::freeMem);
+    keep(&CZolMemBlock::getData);
+    keep(&CZolMemList::insert);
+    keep(&CZolMemList::popHead);
+    keep(&CZolMemList::deleteHead);
+    keep(&CZolMemList::deleteAll);
+    keep(&CZolMemMan::instance);
+    keep(&CZolMemMan::allocMem);
+    keep(&CZolMemMan::freeMem);
+    const CZolMemBlock oBlock;
+    const CZolMemMan oMemMan(1, 1, 0);
+}
+
+void keepAppMgr()
+{
+    keep(&CZolAppMgr::instance);
+    keep(&CZolAppMgr::destroy);
+    keep(&CZolAppMgr::initAppMgr);
+    keep(&CZolAppMgr::addTaskMgr);
+    keep(&CZolAppMgr::findTaskMgr);
+    keep(&CZolAppMgr::handleEvents);
+    keep(&CZolAppMgr::exitThreads);
+    keep(&CZolAppMgr::getStatus);
+    keep(&CZolAppMgr::getReactor);
+    keep(&CZolAppMgr::getProcID);
+    keep(&CZolAppMgr::getProcHandle);
+    keep(&CZolAppMgr::statusOfConnToVek);
+    keep(&CZolAppMgr::getCurrentTask);
+    keep(&CZolAppMgr::sendLocalAsynMsg);
+    keep(&CZolAppMgr::sendAsynMsg);
+    keep(&CZolAppMgr::sendSynMsg);
+    keep(&CZolAppMgr::registerSubscribe);
+    keep(&CZolAppMgr::cancelSubscribe);
+    keep(&CZolAppMgr::subscribe);
+    keep(&CZolAppMgr::getProcAddrByID);
+    keep(&CZolAppMgr::dumpAllTaskMgr);
+    keep(&CZolAppMgr::enqueueMsg);
+    g_iKept += g_ulQueueSize.load() > 0 && g_mapDispatchMutex.empty() ? 1 : 0;
+}
+
+struct CMgr : CZolTaskMgr
+{
+    using CZolTaskMgr::CZolTaskMgr;
+    CZolTask *createTask(CZolMsgPdu *poMsg) override { return CZolTaskMgr::createTask(poMsg); }
+    bool initTaskMgr() override { return CZolTaskMgr::initTaskMgr(); }
+    int open(void *pvArg) override { return CZolTaskMgr::open(pvArg); }
+    int svc() override { return CZolTaskMgr::svc(); }
+};
+
+struct CTask : CZolTask
+{
+    using CZolTask::CZolTask;
+    void reqMsgProcess(const CZolMsgPdu *poMsg) override { CZolTask::reqMsgProcess(poMsg); }
+    void respMsgProcess(const CZolMsgPdu *poMsg) override { CZolTask::respMsgProcess(poMsg); }
+    void timerCallBack(unsigned long ulTimerID) override { CZolTask::timerCallBack(ulTimerID); }
+    ACE_Reactor *getReactor() override { return CZolTask::getReactor(); }
+    void eventLoop() override { CZolTask::eventLoop(); }
+};
+
+struct CListener : CZolListener
+{
+    int handleP2PMsg(CZolMsgPdu *, CZolMsgPdu *&) override { return 0; }
+};
+
+void keepTasks()
+{
+    keep(&CZolTaskMgr::enqueueMsg);
+    keep(&CZolTaskMgr::addStaticTask);
+    keep(&CZolTaskMgr::addAssistTask);
+    keep(&CZolTaskMgr::delAssistTask);
+    keep(&CZolTaskMgr::findTask);
+    keep(&CZolTaskMgr::findTaskOfThread);
+    keep(&CZolTaskMgr::getTaskMgrID);
+    keep(&CZolTaskMgr::getLengthOfMsgQueue);
+    keep(&CZolTaskMgr::getLengthOfBufferMsg);
+    keep(&CZolTaskMgr::dumpAllTask);
+    keep(&CZolTask::sendSynMsg);
+    keep(&CZolTask::sendAsynMsg);
+    keep(&CZolTask::setTimer);
+    keep(&CZolTask::cancelTimer);
+    keep(&CZolTask::registerSubscribe);
+    keep(&CZolTask::cancelSubscribe);
+    keep(&CZolTask::recvNonZolMsg);
+    keep(&CZolTask::popFrontZolMsg);
+    keep(&CZolTask::setTaskStatus);
+    keep(&CZolTask::exitTask);
+    keep(&CZolTask::getTaskID);
+    keep(&CZolTask::getTaskStatus);
+    keep(&CZolTask::getTaskType);
+    keep(&CZolTask::getTaskMgr);
+    CMgr oMgr(3, 1);
+    CTask oTask(&oMgr);
+    CTask oLone;
+    const CListener oListener;
+}
+
+void keepTimers()
+{
+    using Set = unsigned long;
+    keep(&CZolTimer::instance);
+    keep(&CZolTimer::init);
+    keep(&CZolTimer::setCycleInterval);
+    keep<Set (CZolTimer::*)(long, unsigned char, unsigned int, unsigned short)>(&CZolTimer::setDatePeriod);
+    keep<Set (CZolTimer::*)(Text, unsigned char, unsigned int, unsigned short)>(&CZolTimer::setDatePeriod);
+    keep<Set (CZolTimer::*)(long, long, unsigned int, unsigned char, unsigned int, unsigned short)>(
+        &CZolTimer::setDayPeriod);
+    keep<Set (CZolTimer::*)(Text, Text, Text, unsigned char, unsigned int, unsigned short)>(&CZolTimer::setDayPeriod);
+    keep<Set (CZolTimer::*)(long, long, unsigned char, unsigned int, unsigned char, unsigned int, unsigned short)>(
+        &CZolTimer::setWeekPeriod);
+    keep<Set (CZolTimer::*)(Text, Text, unsigned char, Text, unsigned char, unsigned int, unsigned short)>(
+        &CZolTimer::setWeekPeriod);
+    keep<Set (CZolTimer::*)(long, long, unsigned char, unsigned int, unsigned char, unsigned int, unsigned short)>(
+        &CZolTimer::setMonthPeriod);
+    keep<Set (CZolTimer::*)(Text, Text, unsigned char, Text, unsigned char, unsigned int, unsigned short)>(
+        &CZolTimer::setMonthPeriod);
+    keep<int (CZolTimer::*)(unsigned long)>(&CZolTimer::cancelTimer);
+    keep<int (CZolTimer::*)(unsigned char, unsigned short)>(&CZolTimer::cancelTimer);
+    keep(&CZolTimer::registerPreciseClock);
+    keep(&CZolTimer::cancelPreciseClock);
+    keep(&CZolTimer::printf);
+    keep(&SZolTimerItem::isValid);
+    keep(&SZolTimerItem::sendMessage);
+    keep(&SZolTimerItem::printf);
+    keep(&CZolDateUtil::getTimeInSeconds);
+    keep(&CZolDateUtil::getLastMonthDay);
+    keep(&CZolDateUtil::fillTime);
+    keep(&CZolDateUtil::strToTime);
+    keep(&CZolDateUtil::timeToStr);
+    const CZolPreciseClock oClock;
+}
+
+void keepLog()
+{
+    keep(&CZolRunLog::debug);
+    keep(&CZolRunLog::info);
+    keep(&CZolRunLog::warning);
+    keep(&CZolRunLog::error);
+    keep(&CZolRunLog::fatal);
+    keep(&CZolRunLog::startupLog);
+    keep(&CZolRunLog::isReady);
+    keep<int (*)()>(&CZolRunLog::logLevel);
+    keep<void (*)(int)>(&CZolRunLog::logLevel);
+    keep(&CZolDebugInfo::debug);
+    keep(&CZolDebugInfo::info);
+    keep(&CZolDebugInfo::warning);
+    keep(&CZolDebugInfo::error);
+    keep(&CZolDebugInfo::fatal);
+    keep(&CZolLogTask::instance);
+    keep(&CZolLogTask::init);
+    keep(&CZolLogTask::getLogPath);
+    keep(&CZolLogTask::output);
+    keep(&CZolLogTask::writeLog);
+    keep(&CZolLogTask::startupLog);
+    CZolLogTask::MAX_FILE_SIZE = 1 << 20;
+    CZolLogTask::MAX_FILE_NUMBER_LIMIT = 5;
+    CZolLogTask::DEFAULT_FILE_NUMBER = 3;
+    const CZolLogTask oLogTask(1024, 2, true);
+}
+
+} // namespace
+
+int main()
+{
+    keepSettingsAndHelpers();
+    keepEncodingAndSending();
+    keepControl();
+    keepMessages();
+    keepAppMgr();
+    keepTasks();
+    keepTimers();
+    keepLog();
+    std::printf("%d operations\n", g_iKept);
+    return 0;
+}
