@@ -16,6 +16,7 @@
 
 class ACE_Mutex;
 class ACE_Reactor;
+class CZolExitEvent;
 class CZolTask;
 class CZolTaskMgr;
 
@@ -140,18 +141,18 @@ private:
     int startServices(unsigned short usProcID, unsigned short usProcHandle, bool bNoHandle, const char *pcLogName,
                       const char *pcLogPath);
     void registerTaskMgr(CZolTaskMgr *poTaskMgr);
-    bool openTaskMgrs();
+    bool openTaskMgrs(const std::vector<CZolTaskMgr *> &oTaskMgrs);
     void runReactor();
-    void stopTaskMgrs();
-    int refuseToSend(const char *pcScope, EnumAppMgrStatus eStatus) const;
+    void stopTaskMgrs(const std::vector<CZolTaskMgr *> &oTaskMgrs);
     int sendSynMsgByAssistTask(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds);
     int sendSynMsgAtInitialStage(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds);
-    int runReactorForResponse(int iSeconds);
+    bool runReactorForResponse(int iSeconds);
+    static int readProcAddr(const CZolMsgPdu &oResponse, unsigned int &uiAddr, unsigned short &usPort);
 
     /// Naps until the process is running, at most a second.
     void napUntilRunning();
 
-    static CZolAppMgr *sm_poInstance; // fixed after the first instance(); what a signal handler may read
+    static std::atomic<CZolAppMgr *> sm_poInstance; // fixed after the first instance()
 
     std::atomic<EnumAppMgrStatus> m_eStatus{APPMGR_UNINITIALIZED}; // only ever moves forward
     std::list<CZolTaskMgr *> m_oTaskMgrList;     // owned; guarded by m_oListLock; in the order of registration
@@ -163,7 +164,7 @@ private:
     mutable ACE_Thread_Mutex m_oListLock;              // leaf
     ACE_Thread_Mutex m_oRunningMutex;                  // leaf; for m_oRunning alone
     ACE_Condition<ACE_Thread_Mutex> m_oRunning;        // with m_oRunningMutex; monotonic; the process is running
-    int m_iExitEvent = -1;                             // eventfd that ends the reactor's wait; fixed
+    CZolExitEvent *m_poExitEvent;                      // owned; ends the reactor's wait
 };
 
 #endif

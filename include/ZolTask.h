@@ -102,12 +102,17 @@ public:
 private:
     friend class CZolTaskMgr;
 
-    bool isSynRequest(const CZolMsgPdu *poRequest) const;
-    int sendSynRequest(CZolMsgPdu *poRequest, CZolTaskMgr *poLocalMgr);
-    int waitForResponse(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds, CZolTaskMgr *poLocalMgr);
+    int checkSynRequest(const CZolMsgPdu *poRequest) const;
+    EnumTaskState beginSynCall();
     void awaitDelivery(int iSeconds);
+    void endSynCall(EnumTaskState eBefore);
     int takeResponse(CZolMsgPdu *&poResponse);
     CZolTaskMgr *findLocalDest(const CZolMsgPdu &oMsg, const char *pcScope) const;
+
+    void buffer(CZolMsgPdu *poMsg);
+
+    /// Has eventLoop() return. The caller holds m_oStatusMutex.
+    void endEventLoop();
 
     /// Stores eState, with a line. The caller holds m_oStatusMutex.
     void setStatusWithLog(EnumTaskState eState);

@@ -77,10 +77,14 @@ private:
 /// What one thread of a manager is doing.
 struct SZolThreadEntry
 {
-    ACE_thread_t m_ulThreadID;                      ///< fixed
-    std::atomic<CZolTask *> m_poTask{nullptr};      ///< the task that the thread runs; written by the thread itself
-    std::atomic<std::uint64_t> m_ulHandlerSince{0}; ///< monotonic ms since when its handler runs, 0 outside of handlers
-    std::atomic<std::uint32_t> m_ulHandlerCmd{0};   ///< command of that message
+    ACE_thread_t m_ulThreadID;                  ///< fixed
+    std::atomic<CZolTask *> m_poTask{nullptr};  ///< the task that the thread runs; written by the thread itself
+    std::atomic<std::uint32_t> m_uiRun{0};      ///< grows when a handler begins and when it ends: odd while it runs
+    std::atomic<std::uint32_t> m_ulRunCmd{0};   ///< command of its message
+    std::atomic<unsigned short> m_usRunTask{0}; ///< id of its task
+    std::uint32_t m_uiWatchedRun = 0;           ///< the watchdog's own: m_uiRun as last seen,
+    std::uint64_t m_ulWatchedSinceMs = 0;       ///< when it was first seen,
+    bool m_bNamed = false;                      ///< and whether it has been named in the log
 };
 
 /// One addressable place in a process, named by a one-byte id: a queue of messages, threads, a table of tasks. An
@@ -165,36 +169,38 @@ private:
         DISPATCH_DELETE = 2 // the calling thread is to delete the task, which nobody else touches any more
     };
 
-    /// usTaskID if it is free, a free id of the ring for 0; 0 if there is none. Under the write lock.
-    unsigned short acquireTaskID(unsigned short usTaskID);
-    int addTask(CZolTask *poTask, unsigned short usTaskID);
+    using PduHolder = std::unique_ptr<CZolMsgPdu>; // gives the message up also when the thread is cancelled
+
+    unsigned short acquireTaskID(unsigned short usTaskID); // the caller holds m_oTaskLock for writing
+    unsigned short addTask(CZolTask *poTask, unsigned short usTaskID);
+    bool removeTask(unsigned short usTaskID, CZolTask *poTask);
 
     int putq(CZolMemBlock *poBlock, bool bPriority);
     int getq(CZolMemBlock *&poBlock);
     void fillBatch();
     bool isFull() const;
-    bool pollForMsg();
+    void waitForRoom();
+    bool deliverResponse(CZolMemBlock *poBlock);
 
+    bool serveOneMsg(unsigned long ulThreadID);
     int existTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID);
     int decideTaskMsg(CZolMsgPdu *poMsg, CZolTask &oTask, unsigned long ulThreadID);
+    int startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ulThreadID);
     int unknownTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID);
     CZolTask *callCreateTask(CZolMsgPdu *poMsg);
+    void runTask(CZolTask *poTask, unsigned long ulThreadID);
     int processTaskMsg(CZolTask *poTask, unsigned long ulThreadID, EnumTaskState &eState);
+    CZolMsgPdu *nextMsgOf(CZolTask &oTask, unsigned long ulThreadID, EnumTaskState &eState);
     void processOneMsg(CZolTask &oTask, CZolMsgPdu *poMsg);
-    void endRun(CZolTask &oTask, unsigned long ulThreadID, EnumTaskState &eState);
-    bool deliverResponse(CZolMemBlock *poBlock);
-    bool serveOneMsg(unsigned long ulThreadID);
-    void runTask(CZolTask *poTask, unsigned long ulThreadID, int iDispatch);
-
-    /// Calls a handler. What it throws ends here: one fatal line, and a task that can end ends.
+    void processRequest(CZolTask &oTask, const CZolMsgPdu &oMsg);
+    void processTimer(CZolTask &oTask, PduHolder &oHolder);
     template <typename Handler>
     void callHandler(CZolTask &oTask, std::uint32_t ulCmdID, Handler fnHandler);
-    void handlerThrew(CZolTask &oTask, std::uint32_t ulCmdID, const char *pcWhat);
+    void logThrown(unsigned short usTaskID, std::uint32_t ulCmdID, const char *pcWhat) const;
+    void delTask(CZolTask *poTask, unsigned long ulThreadID);
 
-    void delTask(unsigned short usTaskID, unsigned long ulThreadID);
-    void removeTask(unsigned short usTaskID, CZolTask *poTask);
-    void setTaskOfThread(unsigned long ulThreadID, CZolTask *poTask);
     SZolThreadEntry *findThread(unsigned long ulThreadID) const;
+    void setTaskOfThread(unsigned long ulThreadID, CZolTask *poTask);
     bool isRunByThread(const CZolTask *poTask) const;
     void addTaskToSynWaitList(CZolTask *poTask);
     void removeTaskFromSynWaitList(CZolTask *poTask);
@@ -215,12 +221,10 @@ private:
 
     ACE_Mutex *m_poDispatchMutex = nullptr;       // set when the manager is added; see g_mapDispatchMutex
     ACE_Manual_Event m_oTableReady;               // set by open() when the table of threads is complete
-    std::atomic<bool> m_bTableReady{false};       // pairs with the look-ups: the table may be read
-    std::atomic<int> m_iTableSize{0};             // entries of m_ppThreadTable
+    std::atomic<int> m_iTableSize{0};             // entries of m_ppThreadTable; its store publishes the table
     CZolMemList *m_poBatch;                       // owned; guarded by the dispatch mutex: what getq hands out next
     std::atomic<std::uint64_t> m_ulTakenBytes{0}; // written under the dispatch mutex: bytes of the batch handed out
     std::atomic<unsigned int> m_uiBatchCount{0};  // written under the dispatch mutex: messages left in the batch
-    std::atomic<unsigned int> m_uiArrivals{0};    // written under m_oQueueMutex; polled by an idle thread
     std::atomic<int> m_iFullWaiters{0};           // written under m_oQueueMutex: senders in m_oNotFull
     int m_iEmptyWaiters = 0;                      // guarded by m_oQueueMutex: threads in m_oNotEmpty
 };

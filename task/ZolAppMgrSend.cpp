@@ -1,0 +1,380 @@
+// The sending half of the application manager: asynchronous and synchronous sends, subscriptions, address look-up.
+
+#include "ZolAppMgr.h"
+#include "ZolMemMan.h"
+#include "ZolRunLog.h"
+#include "ZolTaskMgr.h"
+#include "message/ZolCounters.h"
+#include "task/ZolInlineTask.h"
+#include "task/ZolMonotonic.h"
+#include "transport/ZolConnMgr.h"
+#include "transport/ZolSendMsgTask.h"
+
+#include <ace/Reactor.h>
+#include <ace/Thread.h>
+#include <arpa/inet.h>
+#include <cassert>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+
+namespace
+{
+
+// Where a response of the initial stage is addressed to, as no task exists then.
+constexpr unsigned char INITIAL_MODULE = 255;
+constexpr unsigned short INITIAL_TASK = 65535;
+
+constexpr int SERVICE_SECONDS = 5; // limit of a subscription and of an address look-up
+
+constexpr unsigned int SUBSCRIBE_BYTES = 12;
+constexpr unsigned int ADDRESS_BYTES = 4;
+
+/// A request of this process to the gateway, whose key is process 0, handle 0. Null when memory is out.
+CZolMsgPdu *newServiceRequest(CZolMsgPdu::EnumZolPduType eType, unsigned int uiDataLength)
+{
+    CZolMsgPdu *poMsg = new (static_cast<unsigned int>(sizeof(CZolMsgPdu)) + uiDataLength) CZolMsgPdu;
+    if (poMsg != nullptr)
+    {
+        poMsg->init();
+        poMsg->m_ucMsgType = static_cast<ACE_Byte>(eType);
+        poMsg->m_usSrcProcID = CZolAppMgr::instance()->getProcID();
+        poMsg->m_usSrcProcHandle = CZolAppMgr::instance()->getProcHandle();
+        poMsg->m_ulDataLength = uiDataLength;
+    }
+    return poMsg;
+}
+
+char *payloadOf(CZolMsgPdu *poMsg)
+{
+    return reinterpret_cast<char *>(poMsg) + poMsg->m_usHeaderLength;
+}
+
+} // namespace
+
+// ---- Asynchronous ---------------------------------------------------------------------------------------------------
+
+int CZolAppMgr::sendLocalAsynMsg(CZolMsgPdu *&poMsg, unsigned char ucTaskMgrID)
+{
+    CZolMsgPdu *poTaken = poMsg;
+    poMsg = nullptr;
+    switch (getStatus())
+    {
+    case APPMGR_RUNNING:
+        break;
+    case APPMGR_UNINITIALIZED:
+        delete poTaken;
+        std::printf("CZolAppMgr not initialized!");
+        return ZOL_ERR_STAGE;
+    case APPMGR_INITIAL:
+        delete poTaken;
+        CZolDebugInfo("CZolAppMgr::sendLocalAsynMsg").error("cannot call sendLocalAsynMsg() at initial stage!");
+        return ZOL_ERR_STAGE;
+    default:
+        delete poTaken;
+        std::printf("cannot send message at exit stage!");
+        return ZOL_ERR_FAILED;
+    }
+    if (poTaken == nullptr)
+    {
+        CZolDebugInfo("CZolAppMgr::sendLocalAsynMsg").error("invalid parameter, null pointer!");
+        return ZOL_ERR_FAILED;
+    }
+    CZolTaskMgr *poTaskMgr = findTaskMgr(ucTaskMgrID);
+    if (poTaskMgr == nullptr)
+    {
+        CZolDebugInfo("CZolAppMgr::sendLocalAsynMsg").error("cannot find destination");
+        zolCount(zolCounters().m_ulNoManager);
+        delete poTaken;
+        return ZOL_ERR_NO_DEST;
+    }
+    const int iResult = poTaskMgr->enqueueMsg(zolBlockOf(poTaken), true);
+    if (iResult != ZOL_OK)
+    {
+        delete poTaken;
+    }
+    return iResult;
+}
+
+int CZolAppMgr::sendAsynMsg(CZolMsgPdu *&poMsg)
+{
+    CZolDebugInfo oDebug("CZolAppMgr::sendAsynMsg");
+    CZolMsgPdu *poTaken = poMsg;
+    poMsg = nullptr;
+    const EnumAppMgrStatus eStatus = getStatus();
+    if (eStatus == APPMGR_UNINITIALIZED)
+    {
+        std::printf("CZolAppMgr not initialized!\n");
+        delete poTaken;
+        return ZOL_ERR_STAGE;
+    }
+    if (eStatus == APPMGR_EXIT)
+    {
+        std::printf("cannot send message at exit stage!\n");
+        delete poTaken;
+        return ZOL_ERR_FAILED;
+    }
+    if (poTaken == nullptr)
+    {
+        oDebug.error("invalid parameter, null pointer!");
+        return ZOL_ERR_FAILED;
+    }
+    if (poTaken->m_usDestProcID == getProcID() && poTaken->m_usDestProcHandle == getProcHandle())
+    {
+        const unsigned char ucTaskMgrID = poTaken->m_ucDestModule;
+        return sendLocalAsynMsg(poTaken, ucTaskMgrID);
+    }
+    if (CZolConnMgr::instance()->isConnected(poTaken->m_usDestProcID, poTaken->m_usDestProcHandle))
+    {
+        return CZolSendMsgTask::instance()->sendMsg(zolBlockOf(poTaken));
+    }
+    oDebug.error("the connection to vEK is interrupted !");
+    zolCount(zolCounters().m_ulNoConnection);
+    delete poTaken;
+    return ZOL_ERR_INTERRUPTED;
+}
+
+// ---- Synchronous ----------------------------------------------------------------------------------------------------
+
+int CZolAppMgr::sendSynMsg(CZolMsgPdu *&poRequest, CZolMsgPdu *&poResponse, int iSeconds)
+{
+    CZolMsgPdu *poTaken = poRequest;
+    poRequest = nullptr;
+    if (poTaken == nullptr)
+    {
+        CZolDebugInfo("CZolAppMgr::sendSynMsg").error("invalid parameter, null pointer!");
+        return ZOL_ERR_FAILED;
+    }
+    int iResult = ZOL_ERR_FAILED;
+    switch (getStatus())
+    {
+    case APPMGR_RUNNING:
+        return sendSynMsgByAssistTask(poTaken, poResponse, iSeconds);
+    case APPMGR_INITIAL:
+        return sendSynMsgAtInitialStage(poTaken, poResponse, iSeconds);
+    case APPMGR_UNINITIALIZED:
+        std::printf("CZolAppMgr not initialized!\n");
+        iResult = ZOL_ERR_STAGE;
+        break;
+    default:
+        std::printf("cannot send message at exit stage!\n");
+        break;
+    }
+    delete poTaken;
+    poResponse = nullptr;
+    return iResult;
+}
+
+/// Each call has a task of its own, driven by the calling thread alone, so that any number of threads can be in a call
+/// and a task that calls from one of its handlers takes no part in it.
+int CZolAppMgr::sendSynMsgByAssistTask(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds)
+{
+    CZolDebugInfo oDebug("CZolAppMgr::sendSynMsg");
+    CZolTaskMgr *poTaskMgr = findTaskMgr(CZolInlineTaskMgr::TASK_MGR_ID);
+    if (poTaskMgr == nullptr)
+    {
+        oDebug.error("cannot find InlineTaskMgr!");
+        delete poRequest;
+        poResponse = nullptr;
+        return ZOL_ERR_FAILED;
+    }
+    CZolTask *poTask = new (std::nothrow) CZolTask;
+    if (poTaskMgr->addAssistTask(poTask, false) != ZOL_OK)
+    {
+        oDebug.error("add assist task to InlineTaskMgr failed!");
+        delete poRequest;
+        poResponse = nullptr;
+        delete poTask;
+        return ZOL_ERR_FAILED;
+    }
+    const int iResult = poTask->sendSynMsg(poRequest, poResponse, iSeconds);
+    poTask->exitTask(); // deletes it
+    return iResult;
+}
+
+/// No thread serves anything yet: the caller runs the reactor itself, and the receive path ends its loop when the
+/// response is there.
+int CZolAppMgr::sendSynMsgAtInitialStage(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds)
+{
+    CZolDebugInfo oDebug("CZolAppMgr::sendSynMsg");
+    poResponse = nullptr;
+    if (!CZolConnMgr::instance()->isConnected(poRequest->m_usDestProcID, poRequest->m_usDestProcHandle))
+    {
+        oDebug.error("the connection to vEK is interrupted !");
+        zolCount(zolCounters().m_ulNoConnection);
+        delete poRequest;
+        return ZOL_ERR_INTERRUPTED;
+    }
+    if (ACE_Thread::self() != m_ulInitThread.load(std::memory_order_relaxed))
+    {
+        oDebug.error("at initial stage, cannot call sendSynMsg() in multithread environment!");
+        delete poRequest;
+        return ZOL_ERR_FAILED;
+    }
+    poRequest->m_ucSrcModule = INITIAL_MODULE;
+    poRequest->m_usSrcSubModuleId = INITIAL_TASK;
+    if (CZolSendMsgTask::instance()->sendMsg(zolBlockOf(poRequest)) == ZOL_ERR_FAILED)
+    {
+        oDebug.error("send message failed!");
+        delete poRequest;
+        return ZOL_ERR_FAILED;
+    }
+    delete m_poSynRespMsg; // a response that came too late for an earlier call
+    m_poSynRespMsg = nullptr;
+    if (!runReactorForResponse(iSeconds))
+    {
+        oDebug.error("run event loop failed!");
+        return ZOL_ERR_FAILED;
+    }
+    if (m_poSynRespMsg == nullptr)
+    {
+        oDebug.warning("receive message timeout.");
+        return ZOL_ERR_TIMEOUT;
+    }
+    poResponse = m_poSynRespMsg;
+    m_poSynRespMsg = nullptr;
+    return ZOL_OK;
+}
+
+/// Runs the reactor until the response is there or the time is over; false if it cannot be run. The loop may end early,
+/// by a signal or a wake-up that is left from before: it goes on for the time that remains.
+bool CZolAppMgr::runReactorForResponse(int iSeconds)
+{
+    const ACE_Time_Value oDeadline = zolMonotonicNow() + ACE_Time_Value(iSeconds);
+    ACE_Time_Value oRemaining;
+    do
+    {
+        oRemaining = oDeadline - zolMonotonicNow();
+        if (oRemaining < ACE_Time_Value::zero)
+        {
+            oRemaining = ACE_Time_Value::zero;
+        }
+        m_poReactor->owner(ACE_Thread::self());
+        m_poReactor->reset_reactor_event_loop();
+        ACE_Time_Value oSlice = oRemaining; // the call writes to its argument
+        if (m_poReactor->run_reactor_event_loop(oSlice) == -1)
+        {
+            return false;
+        }
+    } while (m_poSynRespMsg == nullptr && oRemaining > ACE_Time_Value::zero);
+    return true;
+}
+
+void CZolAppMgr::enqueueMsg(CZolMsgPdu *poMsg)
+{
+    if (getStatus() == APPMGR_INITIAL)
+    {
+        delete m_poSynRespMsg;
+        m_poSynRespMsg = poMsg;
+    }
+}
+
+// ---- Services of the gateway ----------------------------------------------------------------------------------------
+
+int CZolAppMgr::registerSubscribe(unsigned int uiCmd, unsigned char ucTaskMgrID, unsigned short usTaskID)
+{
+    CZolConnMgr::instance()->addSubscribe(uiCmd, ucTaskMgrID, usTaskID);
+    return subscribe(uiCmd, CZolMsgPdu::MSG_SUBSCRIBE, ucTaskMgrID, usTaskID);
+}
+
+int CZolAppMgr::cancelSubscribe(unsigned int uiCmd, unsigned char ucTaskMgrID, unsigned short usTaskID)
+{
+    CZolConnMgr::instance()->delSubscribe(uiCmd, ucTaskMgrID, usTaskID);
+    return subscribe(uiCmd, CZolMsgPdu::MSG_SUBSCRIBE_CANCEL, ucTaskMgrID, usTaskID);
+}
+
+/// Payload, big-endian:  0 task manager | 4 task | 8 command, 32 bits each
+int CZolAppMgr::subscribe(unsigned int uiCmd, CZolMsgPdu::EnumZolPduType eType, unsigned char ucTaskMgrID,
+                          unsigned short usTaskID)
+{
+    CZolDebugInfo oDebug("CZolAppMgr::subscribe");
+    const bool bAllowed = eType == CZolMsgPdu::MSG_SUBSCRIBE || eType == CZolMsgPdu::MSG_SUBSCRIBE_CANCEL;
+    assert(bAllowed);
+    if (!bAllowed)
+    {
+        return ZOL_ERR_FAILED;
+    }
+    CZolMsgPdu *poRequest = newServiceRequest(eType, SUBSCRIBE_BYTES);
+    CZolMsgPdu *poResponse = nullptr;
+    int iResult = ZOL_ERR_FAILED;
+    if (poRequest != nullptr)
+    {
+        poRequest->m_ulCmdID = uiCmd;
+        const ACE_UINT32 arrFields[] = {htonl(ucTaskMgrID), htonl(usTaskID), htonl(uiCmd)};
+        memcpy(payloadOf(poRequest), arrFields, sizeof arrFields);
+        iResult = sendSynMsg(poRequest, poResponse, SERVICE_SECONDS);
+    }
+    if (iResult == ZOL_OK)
+    {
+        delete poResponse;
+    }
+    else if (iResult == ZOL_ERR_TIMEOUT)
+    {
+        oDebug.error(("Sending subscribe message is timeout! commandID = " + std::to_string(uiCmd)).c_str());
+    }
+    else
+    {
+        oDebug.error(("Fail to send subscribe message. commandID = " + std::to_string(uiCmd) +
+                      ", retCode = " + std::to_string(iResult))
+                         .c_str());
+    }
+    return iResult;
+}
+
+/// Request:   0 process id | 2 process handle, 16 bits each
+/// Response:  0 result, 32 bits | 4 IPv4 address, 32 bits | 8 port, 16 bits; the last two only with the result 0
+int CZolAppMgr::getProcAddrByID(unsigned short usProcID, unsigned short usProcHandle, unsigned int &uiAddr,
+                                unsigned short &usPort)
+{
+    CZolDebugInfo oDebug("CZolAppMgr::getProcAddrByID");
+    CZolMsgPdu *poRequest = newServiceRequest(CZolMsgPdu::MSG_GET_ADDRESS, ADDRESS_BYTES);
+    CZolMsgPdu *poResponse = nullptr;
+    int iResult = ZOL_ERR_FAILED;
+    if (poRequest != nullptr)
+    {
+        const ACE_UINT16 arrFields[] = {htons(usProcID), htons(usProcHandle)};
+        memcpy(payloadOf(poRequest), arrFields, sizeof arrFields);
+        iResult = sendSynMsg(poRequest, poResponse, SERVICE_SECONDS);
+    }
+    if (iResult == ZOL_ERR_TIMEOUT)
+    {
+        oDebug.error("Sending get proc ip message is timeout!");
+        return iResult;
+    }
+    if (iResult == ZOL_OK)
+    {
+        iResult = readProcAddr(*poResponse, uiAddr, usPort);
+        delete poResponse;
+        return iResult;
+    }
+    oDebug.error(("Fail to get proc ip, retCode = " + std::to_string(iResult)).c_str());
+    return iResult;
+}
+
+int CZolAppMgr::readProcAddr(const CZolMsgPdu &oResponse, unsigned int &uiAddr, unsigned short &usPort)
+{
+    const char *pcPayload = reinterpret_cast<const char *>(&oResponse) + oResponse.m_usHeaderLength;
+    ACE_UINT32 ulResult = 0;
+    ACE_UINT32 ulAddr = 0;
+    ACE_UINT16 usNetPort = 0;
+    if (oResponse.m_ulDataLength < sizeof ulResult)
+    {
+        return ZOL_ERR_FAILED;
+    }
+    memcpy(&ulResult, pcPayload, sizeof ulResult);
+    const int iResult = static_cast<int>(ntohl(ulResult));
+    if (iResult != 0)
+    {
+        return iResult;
+    }
+    if (oResponse.m_ulDataLength < sizeof ulResult + sizeof ulAddr + sizeof usNetPort)
+    {
+        return ZOL_ERR_FAILED;
+    }
+    memcpy(&ulAddr, pcPayload + 4, sizeof ulAddr);
+    memcpy(&usNetPort, pcPayload + 8, sizeof usNetPort);
+    uiAddr = ntohl(ulAddr);
+    usPort = ntohs(usNetPort);
+    return ZOL_OK;
+}

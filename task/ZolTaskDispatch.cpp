@@ -1,0 +1,426 @@
+// From the queue of a task manager to the handlers of its tasks.
+//
+// Under the dispatch mutex the step from the head of the queue to the list of a task is one step, so two threads never
+// reorder two messages of a task. Handlers run outside of it, with no lock held. A thread that is told to run a task
+// owns that run until it has set the state back: nobody else runs or deletes the task meanwhile.
+
+#include "ZolAppMgr.h"
+#include "ZolMemMan.h"
+#include "ZolRunLog.h"
+#include "ZolTaskMgr.h"
+#include "message/ZolCounters.h"
+#include "task/ZolTaskLog.h"
+#include "task/ZolThreadSelf.h"
+
+#include <ace/Guard_T.h>
+#include <ace/Mutex.h>
+#include <cstring>
+#include <cxxabi.h>
+#include <exception>
+#include <memory>
+
+namespace
+{
+
+using PduHolder = std::unique_ptr<CZolMsgPdu>; // gives the message up also when the thread is cancelled
+
+/// Marks the time that a handler runs in the thread's entry, for the watchdog: odd while it runs.
+class CZolRunMark
+{
+public:
+    CZolRunMark(unsigned short usTaskID, std::uint32_t ulCmdID) : m_poEntry(zolThreadSelf().m_poEntry)
+    {
+        if (m_poEntry != nullptr)
+        {
+            m_poEntry->m_usRunTask.store(usTaskID, std::memory_order_relaxed);
+            m_poEntry->m_ulRunCmd.store(ulCmdID, std::memory_order_relaxed);
+            step();
+        }
+    }
+    ~CZolRunMark()
+    {
+        if (m_poEntry != nullptr)
+        {
+            step();
+        }
+    }
+    CZolRunMark(const CZolRunMark &) = delete;
+    CZolRunMark &operator=(const CZolRunMark &) = delete;
+
+private:
+    void step()
+    {
+        // only this thread writes
+        m_poEntry->m_uiRun.store(m_poEntry->m_uiRun.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
+
+    SZolThreadEntry *m_poEntry;
+};
+
+} // namespace
+
+// ---- Handlers that throw --------------------------------------------------------------------------------------------
+
+/// Calls a handler. What it throws ends here: one fatal line, and a task that can end ends.
+template <typename Handler>
+void CZolTaskMgr::callHandler(CZolTask &oTask, std::uint32_t ulCmdID, Handler fnHandler)
+{
+    try
+    {
+        const CZolRunMark oMark(oTask.getTaskID(), ulCmdID);
+        fnHandler();
+        return;
+    }
+    catch (abi::__forced_unwind &)
+    {
+        throw; // the thread is being cancelled
+    }
+    catch (const std::exception &oThrown)
+    {
+        logThrown(oTask.getTaskID(), ulCmdID, oThrown.what());
+    }
+    catch (...)
+    {
+        logThrown(oTask.getTaskID(), ulCmdID, "not a std::exception");
+    }
+    if (oTask.getTaskType() != TASK_STATIC)
+    {
+        oTask.exitTask(); // this thread runs it, and deletes it next
+    }
+}
+
+void CZolTaskMgr::logThrown(unsigned short usTaskID, std::uint32_t ulCmdID, const char *pcWhat) const
+{
+    zolFormatFatal("CZolTaskMgr::callHandler", "taskmgr %u task %u has thrown, cmd:%u, what: %s", m_ucTaskMgrID,
+                   usTaskID, ulCmdID, pcWhat);
+}
+
+// ---- The loop of a thread
+// ---------------------------------------------------------------------------------------------
+
+/// One turn of svc(). False when the process is ending.
+bool CZolTaskMgr::serveOneMsg(unsigned long ulThreadID)
+{
+    CZolTask *poTask = nullptr;
+    int iDispatch = DISPATCH_NONE;
+    CZolMsgPdu *poNewMsg = nullptr; // a message that names no task
+    {
+        ACE_Guard<ACE_Mutex> oGuard(*m_poDispatchMutex);
+        CZolMemBlock *poBlock = nullptr;
+        getq(poBlock);
+        if (CZolAppMgr::instance()->getStatus() == APPMGR_EXIT)
+        {
+            oGuard.release();
+            putq(poBlock, true); // for the next thread, which leaves in the same way
+            return false;
+        }
+        CZolMsgPdu *poMsg = zolPduOf(poBlock);
+        if (poMsg->m_usDestSubModuleId != 0)
+        {
+            iDispatch = existTaskMsg(poMsg, poTask, ulThreadID);
+        }
+        else
+        {
+            poNewMsg = poMsg;
+        }
+    }
+    if (poNewMsg != nullptr)
+    {
+        iDispatch = unknownTaskMsg(poNewMsg, poTask, ulThreadID);
+    }
+    if (iDispatch == DISPATCH_DELETE)
+    {
+        delTask(poTask, ulThreadID);
+    }
+    else if (iDispatch == DISPATCH_RUN)
+    {
+        runTask(poTask, ulThreadID);
+    }
+    return true;
+}
+
+void CZolTaskMgr::runTask(CZolTask *poTask, unsigned long ulThreadID)
+{
+    EnumTaskState eState = poTask->getTaskStatus();
+    if (eState != TASK_EXIT)
+    {
+        processTaskMsg(poTask, ulThreadID, eState);
+    }
+    if (eState == TASK_EXIT)
+    {
+        delTask(poTask, ulThreadID);
+    }
+}
+
+// ---- Messages that name a task --------------------------------------------------------------------------------------
+
+int CZolTaskMgr::existTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID)
+{
+    if (poMsg == nullptr)
+    {
+        CZolDebugInfo("CZolTaskMgr::existTaskMsg").error("invalid parameter, null pointer!");
+        return DISPATCH_NONE;
+    }
+    ACE_Read_Guard<ACE_RW_Thread_Mutex> oGuard(m_oTaskLock);
+    poTask = m_oTaskTable.find(poMsg->m_usDestSubModuleId);
+    if (poTask != nullptr)
+    {
+        return decideTaskMsg(poMsg, *poTask, ulThreadID);
+    }
+    const bool bResponse = poMsg->m_ucMsgType == CZolMsgPdu::MSG_RESPONSE;
+    zolCount(bResponse ? zolCounters().m_ulLateResponses : zolCounters().m_ulNoTask);
+    zolFormatError("CZolTaskMgr::existTaskMsg",
+                   "task id not found when process message, src: %u,%u,%u,%u, dst:%u,%u, cmd:%u", poMsg->m_usSrcProcID,
+                   poMsg->m_usSrcProcHandle, poMsg->m_ucSrcModule, poMsg->m_usSrcSubModuleId, poMsg->m_ucDestModule,
+                   poMsg->m_usDestSubModuleId, poMsg->m_ulCmdID);
+    delete poMsg;
+    return DISPATCH_NONE;
+}
+
+/// The fate of a message by the state of its task. The caller holds m_oTaskLock, so the task stays.
+int CZolTaskMgr::decideTaskMsg(CZolMsgPdu *poMsg, CZolTask &oTask, unsigned long ulThreadID)
+{
+    PduHolder oHolder(poMsg);
+    ACE_Guard<ACE_Thread_Mutex> oGuard(oTask.m_oStatusMutex);
+    switch (oTask.m_eTaskStatus.load(std::memory_order_relaxed))
+    {
+    case TASK_IDLE:
+        return startTask(oHolder, oTask, ulThreadID);
+    case TASK_EXEC:
+    case TASK_SYNWAIT:
+        oTask.buffer(oHolder.release());
+        return DISPATCH_NONE;
+    case TASK_EXIT:
+        if (poMsg->m_ucMsgType != CZolMsgPdu::MSG_TASK_EXIT)
+        {
+            zolCount(zolCounters().m_ulNoTask);
+            return DISPATCH_NONE;
+        }
+        if (oTask.m_bDeleting || oTask.m_bSynCall || isRunByThread(&oTask))
+        {
+            return DISPATCH_NONE; // whoever has it deletes it
+        }
+        oTask.m_bDeleting = true;
+        return DISPATCH_DELETE;
+    case TASK_NONZOLWAIT:
+        oTask.buffer(oHolder.release());
+        oTask.endEventLoop();
+        return DISPATCH_NONE;
+    }
+    zolCount(zolCounters().m_ulNoTask);
+    zolFormatError("CZolTaskMgr::existTaskMsg",
+                   "invalid task status when process message, src: %u,%u,%u,%u, dst:%u,%u, cmd: %d",
+                   poMsg->m_usSrcProcID, poMsg->m_usSrcProcHandle, poMsg->m_ucSrcModule, poMsg->m_usSrcSubModuleId,
+                   poMsg->m_ucDestModule, poMsg->m_usDestSubModuleId, poMsg->m_ulCmdID);
+    return DISPATCH_NONE;
+}
+
+/// The caller holds the task's m_oStatusMutex, and the task is idle.
+int CZolTaskMgr::startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ulThreadID)
+{
+    const CZolMsgPdu &oMsg = *oHolder;
+    switch (oMsg.m_ucMsgType)
+    {
+    case CZolMsgPdu::MSG_REQUEST:
+    case CZolMsgPdu::MSG_RESPONSE:
+    case CZolMsgPdu::MSG_TIMER:
+        oTask.buffer(oHolder.release());
+        oTask.m_eTaskStatus.store(TASK_EXEC, std::memory_order_release);
+        setTaskOfThread(ulThreadID, &oTask);
+        if (CZolRunLog::isReady())
+        {
+            zolFormatInfo("CZolTaskMgr::existTaskMsg", "taskmgr %u task %u become TASK_EXEC", m_ucTaskMgrID,
+                          oTask.getTaskID());
+        }
+        return DISPATCH_RUN;
+    default:
+        zolCount(zolCounters().m_ulInvalidType);
+        zolFormatError("CZolTaskMgr::existTaskMsg",
+                       "invalid message type, src: %u,%u,%u,%u, dst:%u,%u, type: %d, cmd: %d", oMsg.m_usSrcProcID,
+                       oMsg.m_usSrcProcHandle, oMsg.m_ucSrcModule, oMsg.m_usSrcSubModuleId, oMsg.m_ucDestModule,
+                       oMsg.m_usDestSubModuleId, oMsg.m_ucMsgType, oMsg.m_ulCmdID);
+        return DISPATCH_NONE;
+    }
+}
+
+// ---- Messages that create a task ------------------------------------------------------------------------------------
+
+int CZolTaskMgr::unknownTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID)
+{
+    poTask = nullptr;
+    if (poMsg == nullptr)
+    {
+        CZolDebugInfo("CZolTaskMgr::unknownTaskMsg").error("invalid parameter, null pointer!");
+        return DISPATCH_NONE;
+    }
+    const PduHolder oHolder(poMsg);
+    CZolTask *poNew = callCreateTask(poMsg);
+    if (poNew == nullptr)
+    {
+        zolCount(zolCounters().m_ulNoTask);
+        return DISPATCH_NONE;
+    }
+    poNew->m_poTaskMgr = this;
+    poNew->m_eTaskStatus.store(TASK_EXEC, std::memory_order_relaxed);
+    poNew->m_eTaskType = TASK_DYNAMIC;
+    setTaskOfThread(ulThreadID, poNew); // before anybody can find the task, and take it for one that nobody runs
+    const unsigned short usTaskID = addTask(poNew, 0);
+    if (usTaskID == 0)
+    {
+        setTaskOfThread(ulThreadID, nullptr);
+        zolCount(zolCounters().m_ulNoTask);
+        zolFormatError("CZolTaskMgr::unknownTaskMsg",
+                       "acquire task id failed when process message, src: %u,%u,%u,%u, dst:%u,%u, cmd:%u",
+                       poMsg->m_usSrcProcID, poMsg->m_usSrcProcHandle, poMsg->m_ucSrcModule, poMsg->m_usSrcSubModuleId,
+                       poMsg->m_ucDestModule, poMsg->m_usDestSubModuleId, poMsg->m_ulCmdID);
+        delete poNew;
+        return DISPATCH_NONE;
+    }
+    poTask = poNew;
+    const ACE_UINT32 ulCmdID = poMsg->m_ulCmdID;
+    if (CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::unknownTaskMsg", "taskmgr %u create task %u, task %u become TASK_EXEC",
+                      m_ucTaskMgrID, usTaskID, usTaskID);
+        zolFormatInfo("CZolTaskMgr::unknownTaskMsg", "taskmgr %u task %u process msg begin, cmd:%d", m_ucTaskMgrID,
+                      usTaskID, ulCmdID);
+    }
+    callHandler(*poTask, ulCmdID, [&] { poTask->reqMsgProcess(poMsg); });
+    if (CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::unknownTaskMsg", "taskmgr %u task %u process msg end, cmd:%d", m_ucTaskMgrID,
+                      usTaskID, ulCmdID);
+    }
+    return DISPATCH_RUN;
+}
+
+/// createTask(), or null with a line.
+CZolTask *CZolTaskMgr::callCreateTask(CZolMsgPdu *poMsg)
+{
+    try
+    {
+        CZolTask *poTask = createTask(poMsg);
+        if (poTask == nullptr)
+        {
+            zolFormatError("CZolTaskMgr::unknownTaskMsg",
+                           "createTask() return NULL when process message, src: %u,%u,%u,%u, dst:%u,%u, cmd:%u",
+                           poMsg->m_usSrcProcID, poMsg->m_usSrcProcHandle, poMsg->m_ucSrcModule,
+                           poMsg->m_usSrcSubModuleId, poMsg->m_ucDestModule, poMsg->m_usDestSubModuleId,
+                           poMsg->m_ulCmdID);
+        }
+        return poTask;
+    }
+    catch (abi::__forced_unwind &)
+    {
+        throw; // the thread is being cancelled
+    }
+    catch (const std::exception &oThrown)
+    {
+        logThrown(0, poMsg->m_ulCmdID, oThrown.what());
+    }
+    catch (...)
+    {
+        logThrown(0, poMsg->m_ulCmdID, "not a std::exception");
+    }
+    return nullptr;
+}
+
+// ---- Running a task -------------------------------------------------------------------------------------------------
+
+int CZolTaskMgr::processTaskMsg(CZolTask *poTask, unsigned long ulThreadID, EnumTaskState &eState)
+{
+    while (CZolMsgPdu *poMsg = nextMsgOf(*poTask, ulThreadID, eState))
+    {
+        processOneMsg(*poTask, poMsg);
+        if (poTask->getTaskStatus() == TASK_EXIT)
+        {
+            eState = TASK_EXIT; // what is left on the list goes with the task
+            return 0;
+        }
+    }
+    return 0;
+}
+
+/// The next message of the list; or null, and the run has ended: the task is idle then and may be started by another
+/// thread at once, or it is in TASK_EXIT and this thread's to delete. That is decided under m_oStatusMutex, as in
+/// decideTaskMsg(): either this thread sees a message on the list, or the dispatcher sees an idle task.
+CZolMsgPdu *CZolTaskMgr::nextMsgOf(CZolTask &oTask, unsigned long ulThreadID, EnumTaskState &eState)
+{
+    const unsigned short usTaskID = oTask.getTaskID();
+    bool bDone = false;
+    {
+        ACE_Guard<ACE_Thread_Mutex> oStatusGuard(oTask.m_oStatusMutex);
+        ACE_Guard<ACE_Thread_Mutex> oListGuard(oTask.m_oMsgListMutex);
+        bDone = oTask.m_poMsgList->m_ulCount == 0;
+        if (!bDone && CZolAppMgr::instance()->getStatus() == APPMGR_RUNNING)
+        {
+            return zolPduOf(oTask.m_poMsgList->popHead());
+        }
+        oTask.restoreStatus(TASK_IDLE, false);
+        eState = oTask.m_eTaskStatus.load(std::memory_order_relaxed);
+        setTaskOfThread(ulThreadID, nullptr);
+    }
+    if (bDone && eState == TASK_IDLE && CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::processTaskMsg", "taskmgr %u task %u become TASK_IDLE", m_ucTaskMgrID, usTaskID);
+    }
+    return nullptr;
+}
+
+void CZolTaskMgr::processOneMsg(CZolTask &oTask, CZolMsgPdu *poMsg)
+{
+    PduHolder oHolder(poMsg);
+    switch (poMsg->m_ucMsgType)
+    {
+    case CZolMsgPdu::MSG_REQUEST:
+    case CZolMsgPdu::MSG_RESPONSE:
+        processRequest(oTask, *poMsg);
+        break;
+    case CZolMsgPdu::MSG_TIMER:
+        processTimer(oTask, oHolder);
+        break;
+    default:
+        zolCount(zolCounters().m_ulInvalidType);
+        break;
+    }
+}
+
+void CZolTaskMgr::processRequest(CZolTask &oTask, const CZolMsgPdu &oMsg)
+{
+    const ACE_UINT32 ulCmdID = oMsg.m_ulCmdID;
+    if (CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::processTaskMsg", "taskmgr %u task %u process msg begin, cmd:%d", m_ucTaskMgrID,
+                      oTask.getTaskID(), ulCmdID);
+    }
+    callHandler(oTask, ulCmdID, [&] { oTask.respMsgProcess(&oMsg); });
+    if (CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::processTaskMsg", "taskmgr %u task %u process msg end, cmd:%d", m_ucTaskMgrID,
+                      oTask.getTaskID(), ulCmdID);
+    }
+}
+
+void CZolTaskMgr::processTimer(CZolTask &oTask, PduHolder &oHolder)
+{
+    const CZolMsgPdu &oMsg = *oHolder;
+    ACE_UINT32 ulTimerID = 0;
+    if (oMsg.m_ulDataLength < sizeof ulTimerID)
+    {
+        zolCount(zolCounters().m_ulInvalidType);
+        return;
+    }
+    memcpy(&ulTimerID, reinterpret_cast<const char *>(&oMsg) + oMsg.m_usHeaderLength, sizeof ulTimerID);
+    if (CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::processTaskMsg", "taskmgr %u task %u process timer %u begin", m_ucTaskMgrID,
+                      oTask.getTaskID(), ulTimerID);
+    }
+    callHandler(oTask, oMsg.m_ulCmdID, [&] { oTask.timerCallBack(ulTimerID); });
+    oHolder.reset();
+    if (CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::processTaskMsg", "taskmgr %u task %u process timer %u end", m_ucTaskMgrID,
+                      oTask.getTaskID(), ulTimerID);
+    }
+}
