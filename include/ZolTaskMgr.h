@@ -67,9 +67,9 @@ private:
     unsigned short bucketOf(unsigned short usTaskID) const;
     unsigned int findFreeFrom(unsigned int uiFrom, unsigned int uiTo) const;
 
+    SNode **m_ppBuckets = nullptr; // owned; heads of the chains, a new node goes to the front
     unsigned short m_usBucketCount = 64;
-    SNode **m_ppBuckets;              // owned; heads of the chains, a new node goes to the front
-    unsigned short m_usHashShift = 6; // 2 to this power is the number of chains
+    unsigned short m_usHashShift = 6;                          // 2 to this power is the number of chains
     std::unique_ptr<SNode *[]> m_arrPages[ALL_IDS / PAGE_IDS]; // index: id -> node, made a page at a time
     std::uint64_t m_arrTaken[ALL_IDS / 64] = {};               // one bit for each id in use
 };

@@ -7,13 +7,13 @@
 #include "message/ZolCounters.h"
 #include "task/ZolInlineTask.h"
 #include "task/ZolMonotonic.h"
+#include "transport/ZolAssert.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolSendMsgTask.h"
 
 #include <ace/Reactor.h>
 #include <ace/Thread.h>
 #include <arpa/inet.h>
-#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -290,7 +290,7 @@ int CZolAppMgr::subscribe(unsigned int uiCmd, CZolMsgPdu::EnumZolPduType eType, 
 {
     CZolDebugInfo oDebug("CZolAppMgr::subscribe");
     const bool bAllowed = eType == CZolMsgPdu::MSG_SUBSCRIBE || eType == CZolMsgPdu::MSG_SUBSCRIBE_CANCEL;
-    assert(bAllowed);
+    ZOL_ASSERT(bAllowed);
     if (!bAllowed)
     {
         return ZOL_ERR_FAILED;

@@ -2,7 +2,10 @@
 
 #include <new>
 
-CZolTaskTable::CZolTaskTable() : m_ppBuckets(new SNode *[m_usBucketCount]()) {}
+CZolTaskTable::CZolTaskTable()
+{
+    m_ppBuckets = new SNode *[m_usBucketCount]();
+}
 
 CZolTaskTable::~CZolTaskTable()
 {
