@@ -116,7 +116,8 @@ TEST_F(StatisticsTest, NamesALongHandlerOnceForEachRun)
     runApplication(
         [&]
         {
-            const auto fnLines = [this] { return countOf(m_oInstallation.logText(), "cmd: 4711"); };
+            const auto fnLines = [this]
+            { return countOf(m_oInstallation.logText(), "handler runs for more than 50 ms, cmd:4711\n"); };
             zol::setHandlerLimit(50);
             EXPECT_EQ(ZOL_OK, zol::sendReqMsg(4711, nullptr, 0, PROCESS, MANAGER, SLOW));
             EXPECT_TRUE(waitUntil([&] { return fnLines() == 1; }));
