@@ -1,11 +1,10 @@
 #include "ZolApi.h"
 #include "ZolAppMgr.h"
 #include "ZolTaskMgr.h"
-#include "ZolTimer.h"
+#include "timer/ZolTimerTask.h"
 
 #include <ace/Event_Handler.h>
 #include <ace/Guard_T.h>
-#include <ace/Reactor.h>
 #include <ace/Thread_Mutex.h>
 #include <ace/Time_Value.h>
 #include <algorithm>
@@ -22,7 +21,7 @@ namespace
 class CZolWatchdog : public ACE_Event_Handler
 {
 public:
-    void setLimit(ACE_Reactor &oReactor, unsigned int uiLimitMs);
+    void setLimit(unsigned int uiLimitMs);
     int handle_timeout(const ACE_Time_Value &oNow, const void *pvArg) override;
 
 private:
@@ -31,20 +30,20 @@ private:
     long m_lReactorId = -1;      // guarded by m_oSetLock
 };
 
-void CZolWatchdog::setLimit(ACE_Reactor &oReactor, unsigned int uiLimitMs)
+void CZolWatchdog::setLimit(unsigned int uiLimitMs)
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oSetLock);
     m_uiLimitMs.store(uiLimitMs, std::memory_order_relaxed);
     if (m_lReactorId != -1)
     {
-        oReactor.cancel_timer(m_lReactorId);
+        CZolTimerTask::instance()->cancelTimer(m_lReactorId);
         m_lReactorId = -1;
     }
     if (uiLimitMs != 0)
     {
         ACE_Time_Value oPeriod;
         oPeriod.msec(static_cast<long>(std::max(uiLimitMs / 4, 1U)));
-        m_lReactorId = oReactor.schedule_timer(this, nullptr, oPeriod, oPeriod);
+        m_lReactorId = CZolTimerTask::instance()->scheduleTimer(this, nullptr, oPeriod, oPeriod);
     }
 }
 
@@ -74,10 +73,9 @@ namespace zol
 void setHandlerLimit(unsigned int uiLimitMs)
 {
     static CZolWatchdog *const poWatchdog = new CZolWatchdog; // NOLINT: leaked, the timer thread outlives main
-    ACE_Reactor *const poReactor = CZolTimer::instance()->reactor();
-    if (poReactor != nullptr)
+    if (CZolAppMgr::instance()->getStatus() != APPMGR_UNINITIALIZED)
     {
-        poWatchdog->setLimit(*poReactor, uiLimitMs);
+        poWatchdog->setLimit(uiLimitMs);
     }
 }
 
