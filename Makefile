@@ -2,7 +2,7 @@
 
 FILE ?=
 
-.PHONY: help deps build demo test test-asan test-tsan bench lint format install clean
+.PHONY: help deps deps-tests build demo test test-asan test-tsan bench lint format install clean
 .DEFAULT_GOAL := help
 
 help:
@@ -20,6 +20,8 @@ help:
 
 deps:
 	@scripts/install-deps
+deps-tests:
+	@scripts/install-deps tests
 
 build/build.ninja: | deps
 	@cmake --preset release
@@ -34,14 +36,14 @@ build: deps build/build.ninja
 demo: build
 	@examples/wordcount/demo $(if $(FILE),"$(FILE)")
 
-test: build
+test: deps-tests build
 	@ctest --preset release
 
-test-asan: deps build/asan/build.ninja
+test-asan: deps-tests build/asan/build.ninja
 	@cmake --build --preset asan
 	@ctest --preset asan
 
-test-tsan: deps build/tsan/build.ninja
+test-tsan: deps-tests build/tsan/build.ninja
 	@cmake --build --preset tsan
 	@ctest --preset tsan
 

@@ -88,7 +88,14 @@ const SZolGatewaySnapshot *CZolSnapshotExchange::get(std::chrono::milliseconds o
         m_bOutstanding = true;
         signalFd(m_iAskedFd);
     }
-    return waitFilled(oWait) ? m_poPresent : nullptr;
+    const auto oNow = std::chrono::steady_clock::now();
+    const bool bTriedJustNow = m_bSilent && oNow - m_oGivenUp < oMaxAge;
+    m_bSilent = !waitFilled(bTriedJustNow ? std::chrono::milliseconds(0) : oWait);
+    if (m_bSilent && !bTriedJustNow)
+    {
+        m_oGivenUp = std::chrono::steady_clock::now();
+    }
+    return m_bSilent ? nullptr : m_poPresent;
 }
 
 // An answer that does not come in time is still owed: the next get() takes it from its slot or goes on waiting for it,

@@ -172,6 +172,8 @@ private:
     SZolGatewaySnapshot *m_poPresent = nullptr; // the one last received, null before the first
     bool m_bOutstanding = false;                // the other one is with the routing thread or in a slot
     std::chrono::steady_clock::time_point m_oReceived;
+    bool m_bSilent = false; // the last call got no answer; m_oGivenUp is when it stopped waiting
+    std::chrono::steady_clock::time_point m_oGivenUp;
     std::uint64_t m_ulNumber = 0;
 };
 
