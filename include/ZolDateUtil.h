@@ -21,11 +21,11 @@
 class ZOL_EXPORT CZolDateUtil
 {
 public:
-    static const int ONE_DAY = 86400;   ///< seconds
-    static const int ONE_WEEK = 604800; ///< seconds
-    static const int DATE_STRING_LEN = 10;
-    static const int TIME_STRING_LEN = 8;
-    static const int DATETIME_STRING_LEN = 19;
+    static constexpr int ONE_DAY = 86400;   ///< seconds
+    static constexpr int ONE_WEEK = 604800; ///< seconds
+    static constexpr int DATE_STRING_LEN = 10;
+    static constexpr int TIME_STRING_LEN = 8;
+    static constexpr int DATETIME_STRING_LEN = 19;
 
     /// Seconds since the last local midnight, as the clock on the wall shows them: 86399 at most.
     static unsigned int getTimeInSeconds();

@@ -13,8 +13,8 @@ struct SZolTimerItem;
 class CZolCalendar
 {
 public:
-    static const long FAILED = -1;   ///< no calendar rule, or the platform cannot tell
-    static const long PAST_END = -2; ///< the instant does not lie before the end of the rule's period
+    static constexpr long FAILED = -1;   ///< no calendar rule, or the platform cannot tell
+    static constexpr long PAST_END = -2; ///< the instant does not lie before the end of the rule's period
 
     /// The instant of oItem's rule that follows oReference. A reference right on the time of day gives itself for the
     /// day kind and the next week or month for the others.

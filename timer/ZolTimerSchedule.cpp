@@ -239,7 +239,10 @@ int CZolTimer::handle_timeout(const ACE_Time_Value &, const void *pvArg)
         {
             return 0;
         }
-        poNode->m_lReactorId = CZolTimerTask::instance()->firingId(); // whoever set it may not have come to it yet
+        if (poNode->m_lReactorId == -1)
+        {
+            poNode->m_lReactorId = CZolTimerTask::instance()->firingId(); // schedule() has not come to it yet
+        }
         oItem = *poNode;
         lDueTime = poNode->m_lDueTime;
     }

@@ -1,0 +1,469 @@
+#include "timer/TimerFixture.h"
+#include "timer/Zone.h"
+
+#include <algorithm>
+#include <random>
+#include <thread>
+
+using namespace zoltest;
+
+namespace
+{
+
+const long FAR = 4102444800; // 2100-01-01 00:00:00 UTC
+const unsigned char NOBODY = 77;
+
+long now()
+{
+    return CZolWallClock::now();
+}
+
+unsigned int at(unsigned int uiHour)
+{
+    return uiHour * 3600;
+}
+
+class TimerTest : public TimerFixture
+{
+protected:
+    /// The expiry of a timer, as the reactor would bring it.
+    static void fire(unsigned long ulTimerId, long lWallTime)
+    {
+        g_lWallTime = lWallTime;
+        timer()->handle_timeout(ACE_Time_Value::zero, reinterpret_cast<const void *>(ulTimerId));
+    }
+    static unsigned int queued(CZolTaskMgr *poMgr) { return poMgr->getLengthOfBufferMsg(); }
+};
+
+long instant(const char *pcText)
+{
+    return CZolDateUtil::strToTime(pcText);
+}
+
+} // namespace
+
+// ---- Refusals
+
+TEST_F(TimerTest, RefusesWhatMakesNoSense)
+{
+    CZolTimer &oTimer = *timer();
+    const long lNow = now();
+    const unsigned long arrIds[] = {
+        oTimer.setCycleInterval(0, MANAGER, 1, TASK),
+        oTimer.setCycleInterval(0x80000000U, MANAGER, 1, TASK),
+        oTimer.setCycleInterval(0xFFFFFFFFU, MANAGER, 1, TASK),
+        oTimer.setCycleInterval(1, NOBODY, 1, TASK),
+        oTimer.setDatePeriod(lNow - 2, MANAGER, 1, TASK),
+        oTimer.setDatePeriod(-1, MANAGER, 1, TASK),
+        oTimer.setDatePeriod(lNow + 100, NOBODY, 1, TASK),
+        oTimer.setDayPeriod(lNow, lNow, at(9), MANAGER, 1, TASK),
+        oTimer.setDayPeriod(FAR, lNow, at(9), MANAGER, 1, TASK),
+        oTimer.setDayPeriod(lNow, FAR, 86401, MANAGER, 1, TASK),
+        oTimer.setDayPeriod(lNow - 200000, lNow - 100000, at(9), MANAGER, 1, TASK),
+        oTimer.setDayPeriod(0x7FFFFFFFFFFFFFF0, 0x7FFFFFFFFFFFFFFF, at(9), MANAGER, 1, TASK),
+        oTimer.setDayPeriod(lNow, FAR, at(9), NOBODY, 1, TASK),
+        oTimer.setWeekPeriod(lNow, FAR, 7, at(9), MANAGER, 1, TASK),
+        oTimer.setWeekPeriod(lNow, FAR, 255, at(9), MANAGER, 1, TASK),
+        oTimer.setWeekPeriod(FAR, lNow, 1, at(9), MANAGER, 1, TASK),
+        oTimer.setMonthPeriod(lNow, FAR, 0, at(9), MANAGER, 1, TASK),
+        oTimer.setMonthPeriod(lNow, FAR, 32, at(9), MANAGER, 1, TASK),
+        oTimer.setMonthPeriod(lNow, FAR, 1, 0xFFFFFFFF, MANAGER, 1, TASK),
+        oTimer.setMonthPeriod(lNow, FAR, 1, at(9), NOBODY, 1, TASK),
+        oTimer.setDatePeriod("2001-01-01 00:00:00", MANAGER, 1, TASK),
+        oTimer.setDatePeriod("2099-01-01 00:00", MANAGER, 1, TASK),
+        oTimer.setDatePeriod("2099-01-01 00:60:00", MANAGER, 1, TASK),
+        oTimer.setDatePeriod("", MANAGER, 1, TASK),
+        oTimer.setDayPeriod("2020-01-01", "2099-01-0", "09:00:00", MANAGER, 1, TASK),
+        oTimer.setDayPeriod("2020-13-01", "2099-01-01", "09:00:00", MANAGER, 1, TASK),
+        oTimer.setDayPeriod("2020-01-01", "2099-01-01", "24:00:00", MANAGER, 1, TASK),
+        oTimer.setDayPeriod("2020-01-01", "2099-01-01", "9:00:00", MANAGER, 1, TASK),
+        oTimer.setWeekPeriod("2020-01-01", "2099-01-01", 7, "09:00:00", MANAGER, 1, TASK),
+        oTimer.setWeekPeriod("2020-01-01", "2099-01-01x", 6, "09:00:00", MANAGER, 1, TASK),
+        oTimer.setMonthPeriod("2020-01-01", "2099-01-01", 32, "09:00:00", MANAGER, 1, TASK),
+        oTimer.setMonthPeriod("2020-01-01", "1960-01-01", 1, "09:00:00", MANAGER, 1, TASK),
+    };
+    for (size_t ui = 0; ui < sizeof arrIds / sizeof *arrIds; ++ui)
+    {
+        EXPECT_EQ(0U, arrIds[ui]) << "case " << ui;
+    }
+    EXPECT_EQ("zOL Timer List:\n", dump());
+    EXPECT_EQ(1U, oTimer.setCycleInterval(0x7FFFFFFF, MANAGER, 1, TASK)) << "a refusal has drawn an id, or more";
+}
+
+TEST_F(TimerTest, CancelTellsWhatItDoesNotKnow)
+{
+    const unsigned long ulId = timer()->setCycleInterval(1000, MANAGER, 1, TASK);
+    for (const unsigned long ulOther : {0UL, ulId + 1, ulId + (1UL << 32), ~0UL})
+    {
+        EXPECT_EQ(ZOL_ERR_NO_DEST, timer()->cancelTimer(ulOther)) << ulOther;
+    }
+    EXPECT_EQ(ZOL_OK, timer()->cancelTimer(ulId));
+    EXPECT_EQ(ZOL_ERR_NO_DEST, timer()->cancelTimer(ulId));
+    EXPECT_EQ(ZOL_OK, timer()->cancelTimer(NOBODY, 65535));
+}
+
+// ---- The dump
+
+TEST_F(TimerTest, DumpsEveryKindOldestFirst)
+{
+    setZone("UTC");
+    timer()->setCycleInterval(60, MANAGER, 7, TASK);
+    timer()->setDatePeriod("2099-01-01 00:00:00", MANAGER, 4294967295U, 65535);
+    timer()->setDayPeriod("2020-01-01", "2099-01-01", "09:00:01", MANAGER, 8, TASK);
+    timer()->setWeekPeriod("2020-01-01", "2099-01-01", 6, "00:00:00", OTHER_MANAGER, 9, 33);
+    timer()->setMonthPeriod("2020-01-01", "2099-01-01 12:00:00", 31, "23:59:59", MANAGER, 10, TASK);
+    timer()->registerPreciseClock(100000, [](unsigned long) {});
+    EXPECT_EQ("zOL Timer List:\n"
+              "    timerid: 1 (reactorid: 0) , type: 0, TaskMgrID: 3, TaskID: 1, CmdCode: 7, Interval: 60, TimeSecs: "
+              "4294967295, Days: 0, StartTime: -1, EndTime: -1\n"
+              "    timerid: 2 (reactorid: 1) , type: 1, TaskMgrID: 3, TaskID: 65535, CmdCode: 4294967295, Interval: 0, "
+              "TimeSecs: 4294967295, Days: 0, StartTime: 4070908800, EndTime: -1\n"
+              "    timerid: 3 (reactorid: 2) , type: 2, TaskMgrID: 3, TaskID: 1, CmdCode: 8, Interval: 86400, "
+              "TimeSecs: 32401, Days: 0, StartTime: 1577836800, EndTime: 4070908800\n"
+              "    timerid: 4 (reactorid: 3) , type: 3, TaskMgrID: 4, TaskID: 33, CmdCode: 9, Interval: 604800, "
+              "TimeSecs: 0, Days: 6, StartTime: 1577836800, EndTime: 4070908800\n"
+              "    timerid: 5 (reactorid: 4) , type: 4, TaskMgrID: 3, TaskID: 1, CmdCode: 10, Interval: 4233600, "
+              "TimeSecs: 86399, Days: 31, StartTime: 1577836800, EndTime: 4070952000\n",
+              dump());
+    timer()->cancelTimer(1);
+    timer()->cancelTimer(3);
+    timer()->cancelTimer(5);
+    timer()->setCycleInterval(61, MANAGER, 7, TASK);
+    const std::string strDump = dump();
+    EXPECT_LT(strDump.find("timerid: 2 "), strDump.find("timerid: 4 "));
+    EXPECT_LT(strDump.find("timerid: 4 "), strDump.find("timerid: 7 ")); // 6 is the clock
+    EXPECT_EQ(3U, countOf(strDump, "timerid"));
+}
+
+TEST_F(TimerTest, CancelsTheTimersOfOneTaskOnly)
+{
+    for (unsigned int ui = 0; ui < 3; ++ui)
+    {
+        timer()->setCycleInterval(1000, MANAGER, 1, TASK);
+        timer()->setCycleInterval(1000, MANAGER, 1, TASK + 256);
+        timer()->setCycleInterval(1000, OTHER_MANAGER, 1, TASK);
+    }
+    EXPECT_EQ(ZOL_OK, timer()->cancelTimer(MANAGER, TASK));
+    EXPECT_EQ(6U, timer()->getTimerCount());
+    EXPECT_EQ(0U, countOf(dump(), "TaskMgrID: 3, TaskID: 1,"));
+    EXPECT_EQ(3U, countOf(dump(), "TaskMgrID: 4, TaskID: 1,"));
+    EXPECT_EQ(3U, countOf(dump(), "TaskMgrID: 3, TaskID: 257,"));
+}
+
+TEST_F(TimerTest, IdsGoRoundAndPassOverThoseInUse)
+{
+    const unsigned long ulFirst = timer()->setCycleInterval(1000, MANAGER, 1, TASK);
+    const unsigned long ulClock = timer()->registerPreciseClock(100000, [](unsigned long) {});
+    EXPECT_EQ(1U, ulFirst);
+    EXPECT_EQ(2U, ulClock);
+    CZolTimerProbe::setSequence(0xFFFFFFFF);
+    EXPECT_EQ(0xFFFFFFFFU, timer()->setCycleInterval(1000, MANAGER, 1, TASK));
+    EXPECT_EQ(3U, timer()->setCycleInterval(1000, MANAGER, 1, TASK));
+    EXPECT_EQ(4U, timer()->registerPreciseClock(100000, [](unsigned long) {}));
+}
+
+// ---- The calendar at a firing, by a clock that the test moves
+
+TEST_F(TimerTest, StartsFromNowOrFromTheStartOfThePeriod)
+{
+    setZone("Europe/Berlin");
+    const struct
+    {
+        const char *pcNow, *pcStart;
+        unsigned int uiTimeSecs;
+        const char *pcFirst;
+    } arrCases[] = {
+        {"2026-01-20 08:59:59", "2020-01-01", at(9), "2026-01-20 09:00:00"},
+        {"2026-01-20 09:00:01", "2020-01-01", at(9), "2026-01-21 09:00:00"},
+        {"2026-01-10 00:00:00", "2026-01-20 08:00:00", at(9), "2026-01-20 09:00:00"},
+        {"2026-01-10 00:00:00", "2026-01-20 08:00:00", at(7), "2026-01-21 07:00:00"},
+        {"2026-01-10 00:00:00", "2026-01-20 08:00:00", at(8), "2026-01-20 08:00:00"},
+        {"2026-03-28 23:00:00", "2020-01-01", at(9), "2026-03-29 09:00:00"},
+    };
+    for (const auto &oCase : arrCases)
+    {
+        stopWallClock(instant(oCase.pcNow));
+        SZolTimerItem oItem;
+        oItem.m_eType = TIMER_DAY;
+        oItem.m_ucTaskMgrID = MANAGER;
+        oItem.m_uiTimeSecs = oCase.uiTimeSecs;
+        oItem.m_lStartTime = instant(oCase.pcStart);
+        oItem.m_lEndTime = FAR;
+        long lDelay = 0;
+        EXPECT_EQ(oCase.pcFirst, textOf(CZolTimerProbe::nextFiring(0, lDelay, oItem))) << oCase.pcNow;
+        EXPECT_EQ(instant(oCase.pcFirst) - instant(oCase.pcNow), lDelay) << oCase.pcNow;
+        oItem.m_ucTaskMgrID = NOBODY;
+        EXPECT_EQ(-1, CZolTimerProbe::scheduledTime(localTm(now()), oItem));
+    }
+}
+
+TEST_F(TimerTest, DayTimersEndWithTheirPeriod)
+{
+    setZone("UTC");
+    stopWallClock(instant("2026-01-10 00:00:00"));
+    const long lDay = CZolDateUtil::ONE_DAY;
+    const unsigned long ulId =
+        timer()->setDayPeriod(std::string("2026-01-20 08:00:00"), "2026-01-23 09:00:00", "09:00:00", MANAGER, 1, TASK);
+    ASSERT_NE(0U, ulId);
+    const long lFirst = instant("2026-01-20 09:00:00");
+    for (int iDay = 0; iDay < 4; ++iDay)
+    {
+        EXPECT_EQ(1U, timer()->getTimerCount()) << iDay;
+        fire(ulId, lFirst + iDay * lDay);
+    }
+    EXPECT_EQ(4U, queued(m_poMgr));
+    EXPECT_EQ(0U, timer()->getTimerCount()) << "the last firing is the one that falls on the end";
+    fire(ulId, lFirst + 4 * lDay); // under way when it was cancelled
+    EXPECT_EQ(4U, queued(m_poMgr));
+    stopWallClock(instant("2026-01-10 00:00:00"));
+    EXPECT_EQ(0U, timer()->setDayPeriod(std::string("2026-01-20 08:00:00"), "2026-01-20 09:00:00", "09:00:00", MANAGER,
+                                        1, TASK));
+}
+
+// At each firing the instant that follows by the calendar must be the one for which the reactor is armed already.
+TEST_F(TimerTest, MonthTimersStayOnTheCalendarForYears)
+{
+    for (const char *pcZone : {"UTC", "Europe/Berlin", "America/New_York", "Asia/Kolkata", "Australia/Lord_Howe"})
+    {
+        setZone(pcZone);
+        for (const unsigned int uiTimeSecs : {0U, 2 * 3600 + 900U, 36000U, 86399U, 86400U})
+        {
+            for (unsigned char ucDay = 1; ucDay <= 31; ++ucDay)
+            {
+                SZolTimerItem oItem;
+                oItem.m_eType = TIMER_MONTH;
+                oItem.m_ucTaskMgrID = MANAGER;
+                oItem.m_uiTimeSecs = uiTimeSecs;
+                oItem.m_ucDays = ucDay;
+                oItem.m_lStartTime = 0;
+                oItem.m_lEndTime = FAR;
+                stopWallClock(instant("2026-01-03 12:00:00"));
+                long lDelay = 0;
+                long lArmed = CZolTimerProbe::nextFiring(0, lDelay, oItem);
+                for (int iFiring = 0; iFiring < 60; ++iFiring)
+                {
+                    const long lInterval = CZolTimerProbe::monthInterval(lArmed, oItem);
+                    ASSERT_GT(lInterval, 27 * 86400) << pcZone << " day " << int{ucDay} << " " << textOf(lArmed);
+                    ASSERT_LT(lInterval, 32 * 86400) << pcZone << " day " << int{ucDay} << " " << textOf(lArmed);
+                    stopWallClock(iFiring % 2 == 0 ? lArmed : lArmed - 3600); // set back in every other month
+                    const long lNext = CZolTimerProbe::nextFiring(lArmed, lDelay, oItem);
+                    lArmed += lInterval;
+                    ASSERT_EQ(textOf(lArmed), textOf(lNext)) << pcZone << " day " << int{ucDay};
+                }
+            }
+        }
+    }
+}
+
+TEST_F(TimerTest, MonthTimersEndWithTheirPeriod)
+{
+    setZone("UTC");
+    stopWallClock(instant("2026-01-30 00:00:00"));
+    const unsigned long ulId =
+        timer()->setMonthPeriod("2026-01-01", "2026-06-30 12:00:00", 31, "10:00:00", MANAGER, 1, TASK);
+    ASSERT_NE(0U, ulId);
+    for (const char *pcFiring : {"2026-01-31 10:00:00", "2026-02-28 10:00:00", "2026-03-31 10:00:00",
+                                 "2026-04-30 10:00:00", "2026-05-31 10:00:00", "2026-06-30 10:00:00"})
+    {
+        EXPECT_EQ(1U, timer()->getTimerCount()) << pcFiring;
+        fire(ulId, instant(pcFiring));
+    }
+    EXPECT_EQ(6U, queued(m_poMgr));
+    EXPECT_EQ(0U, timer()->getTimerCount());
+
+    stopWallClock(instant("2026-01-30 00:00:00"));
+    const unsigned long ulOnce =
+        timer()->setMonthPeriod("2026-01-01", "2026-02-15 00:00:00", 31, "10:00:00", MANAGER, 1, TASK);
+    EXPECT_EQ(1U, countOf(dump(), "Interval: 4233600"));
+    fire(ulOnce, instant("2026-01-31 10:00:00"));
+    EXPECT_EQ(0U, timer()->getTimerCount()) << "a period with one instant fires once";
+    EXPECT_EQ(0U, countOf(m_oInstallation.logText(), "CZolTimer::handle_timeout"));
+}
+
+TEST_F(TimerTest, ADayTimerAskedAtItsVerySecondBelongsToTomorrow)
+{
+    const unsigned int uiNow = CZolDateUtil::getTimeInSeconds();
+    const unsigned long ulId = timer()->setDayPeriod(0, FAR, uiNow, MANAGER, 1, TASK);
+    EXPECT_NE(0U, ulId);
+    EXPECT_EQ(0U, queued(m_poMgr));
+    EXPECT_EQ(1U, timer()->getTimerCount());
+}
+
+// ---- Firing
+
+TEST_F(TimerTest, CycleTimersReachTheTaskUntilCancelled)
+{
+    runApplication(
+        [this]
+        {
+            const unsigned long ulId = m_poTask->setTimer(1);
+            const unsigned long ulDirect = timer()->setCycleInterval(1, MANAGER, 99, TASK);
+            EXPECT_TRUE(
+                waitUntil([&] { return m_poTask->callbacks(ulId) >= 2 && m_poTask->callbacks(ulDirect) >= 2; }));
+            m_poTask->cancelTimer(ulId);
+            timer()->cancelTimer(ulDirect);
+            const unsigned int uiBefore = m_poTask->callbacks(ulId);
+            const unsigned long ulNext = timer()->setCycleInterval(2, MANAGER, 99, TASK);
+            EXPECT_TRUE(waitUntil([&] { return m_poTask->callbacks(ulNext) >= 1; }));
+            EXPECT_LE(m_poTask->callbacks(ulId), uiBefore + 1); // one may have been in the queue
+            EXPECT_EQ(0U, m_poTask->requests(ulId));
+        });
+}
+
+TEST_F(TimerTest, TenThousandDatesOfTheRunningSecondFireOnceEach)
+{
+    runApplication(
+        [this]
+        {
+            std::vector<unsigned long> oIds;
+            while (oIds.size() < 10000)
+            {
+                const unsigned long ulId = timer()->setDatePeriod(now(), MANAGER, 4711, TASK);
+                if (ulId != 0) // the second may have turned between the two looks at the clock
+                {
+                    oIds.push_back(ulId);
+                }
+            }
+            EXPECT_TRUE(waitUntil([this] { return m_poTask->m_uiTotal >= 10000; }));
+            EXPECT_TRUE(waitUntil([] { return timer()->getTimerCount() == 0; }));
+            EXPECT_EQ(10000U, m_poTask->m_uiTotal);
+            EXPECT_EQ(4711U, m_poTask->m_ulCmd);
+            for (const unsigned long ulId : oIds)
+            {
+                EXPECT_EQ(1U, m_poTask->requests(ulId)) << ulId;
+            }
+        });
+}
+
+// A cancel that says 0 may come too late for the message, one that says -6 must have been preceded by it.
+TEST_F(TimerTest, CancelAgainstFiring)
+{
+    runApplication(
+        [this]
+        {
+            std::atomic<unsigned int> uiLost{0};
+            std::vector<std::thread> oThreads;
+            std::mutex oLock;
+            std::vector<unsigned long> oFired;
+            for (int iThread = 0; iThread < 4; ++iThread)
+            {
+                oThreads.emplace_back(
+                    [&]
+                    {
+                        for (int i = 0; i < 3000; ++i)
+                        {
+                            const unsigned long ulId = timer()->setDatePeriod(now(), MANAGER, 1, TASK);
+                            if (ulId != 0 && timer()->cancelTimer(ulId) == ZOL_ERR_NO_DEST)
+                            {
+                                const std::lock_guard<std::mutex> oGuard(oLock);
+                                oFired.push_back(ulId);
+                            }
+                            timer()->setCycleInterval(1, MANAGER, 1, static_cast<unsigned short>(100 + i % 7));
+                            timer()->cancelTimer(MANAGER, static_cast<unsigned short>(100 + (i + 3) % 7));
+                        }
+                    });
+            }
+            for (std::thread &oThread : oThreads)
+            {
+                oThread.join();
+            }
+            for (unsigned short us = 100; us < 107; ++us)
+            {
+                timer()->cancelTimer(MANAGER, us);
+            }
+            EXPECT_EQ("zOL Timer List:\n", dump());
+            EXPECT_TRUE(waitUntil([&] { return queued(m_poMgr) == 0; }));
+            for (const unsigned long ulId : oFired)
+            {
+                EXPECT_TRUE(waitUntil([&] { return m_poTask->requests(ulId) == 1; })) << ulId;
+            }
+        });
+}
+
+namespace
+{
+
+/// Made for a message, it arms timers and ends.
+class CShortLived : public CZolTask
+{
+    void reqMsgProcess(const CZolMsgPdu *) override
+    {
+        for (unsigned int ui = 1; ui <= 5; ++ui)
+        {
+            setTimer(ui);
+            CZolTimer::instance()->setDatePeriod(now() + 1, getTaskMgr()->getTaskMgrID(), 1, getTaskID());
+        }
+        exitTask();
+    }
+};
+
+class CShortLivedMgr : public CZolTaskMgr
+{
+public:
+    CShortLivedMgr() : CZolTaskMgr(9, 2) {}
+    CZolTask *createTask(CZolMsgPdu *) override { return new CShortLived; }
+};
+
+} // namespace
+
+TEST_F(TimerTest, ATaskThatEndsTakesItsTimersAlong)
+{
+    auto *const poMgr = new CShortLivedMgr;
+    ASSERT_EQ(ZOL_OK, CZolAppMgr::instance()->addTaskMgr(poMgr));
+    runApplication(
+        [&]
+        {
+            for (int i = 0; i < 500; ++i)
+            {
+                CZolMsgPdu *poMsg = new (28) CZolMsgPdu;
+                poMsg->init();
+                poMsg->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
+                poMsg->m_ucDestModule = 9;
+                EXPECT_EQ(ZOL_OK, CZolAppMgr::instance()->sendLocalAsynMsg(poMsg, 9));
+            }
+            EXPECT_TRUE(waitUntil([&] { return queued(poMgr) == 0 && timer()->getTimerCount() == 0; }));
+            const unsigned long ulId =
+                timer()->setDatePeriod(now() + 1, MANAGER, 1, TASK); // all others are over by then
+            EXPECT_TRUE(waitUntil([&] { return m_poTask->requests(ulId) == 1; }));
+            EXPECT_EQ(0U, timer()->getTimerCount());
+        });
+}
+
+// ---- Many
+
+TEST_F(TimerTest, AHundredThousandTimersAreSetFiredAndCancelled)
+{
+    runApplication(
+        [this]
+        {
+            const unsigned int uiTimers = 100000;
+            std::vector<unsigned long> oIds;
+            for (unsigned int ui = 0; ui < uiTimers; ++ui)
+            {
+                oIds.push_back(
+                    timer()->setCycleInterval(100000, OTHER_MANAGER, 1, static_cast<unsigned short>(33 + ui % 1000)));
+            }
+            EXPECT_EQ(uiTimers, timer()->getTimerCount());
+            std::shuffle(oIds.begin(), oIds.end(), std::mt19937(42));
+            for (unsigned int ui = 0; ui < uiTimers / 2; ++ui)
+            {
+                ASSERT_EQ(ZOL_OK, timer()->cancelTimer(oIds[ui]));
+            }
+            EXPECT_EQ(uiTimers / 2, timer()->getTimerCount());
+            EXPECT_EQ(uiTimers / 2, countOf(dump(), "timerid"));
+            for (unsigned short us = 33; us < 1033; ++us)
+            {
+                timer()->cancelTimer(OTHER_MANAGER, us);
+            }
+            EXPECT_EQ("zOL Timer List:\n", dump());
+
+            const long lSoon = now() + 2;
+            for (unsigned int ui = 0; ui < uiTimers; ++ui)
+            {
+                timer()->setDatePeriod(std::max(lSoon, now()), MANAGER, 1, TASK);
+            }
+            EXPECT_TRUE(waitUntil([&] { return m_poTask->m_uiTotal >= uiTimers; }, std::chrono::seconds(60)));
+            EXPECT_EQ(uiTimers, m_poTask->m_uiTotal);
+            EXPECT_EQ(0U, timer()->getTimerCount());
+        });
+}
