@@ -34,3 +34,21 @@ function(zol_test name)
     target_link_libraries(${name} PRIVATE zol_test_support ${arg_LIBS} GTest::gtest_main zol_options)
     gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${arg_TIMEOUT})
 endfunction()
+
+# zol_asn1_library(name file): the C++ classes that esnacc makes of an ASN.1 file, in the build tree. They are foreign
+# code: built without our warnings, and their headers are system headers.
+function(zol_asn1_library name file)
+    find_program(ESNACC esnacc REQUIRED)
+    get_filename_component(base ${file} NAME_WE)
+    set(folder ${CMAKE_CURRENT_BINARY_DIR}/${name})
+    file(MAKE_DIRECTORY ${folder})
+    add_custom_command(
+        OUTPUT ${folder}/${base}.cpp ${folder}/${base}.h
+        COMMAND ${ESNACC} -C -mo ${folder}/ ${CMAKE_CURRENT_SOURCE_DIR}/${file}
+        DEPENDS ${file}
+        VERBATIM)
+    add_library(${name} STATIC ${folder}/${base}.cpp)
+    target_compile_options(${name} PRIVATE -w)
+    target_include_directories(${name} SYSTEM PUBLIC ${folder} /usr/include/cxx-lib/inc)
+    target_link_libraries(${name} PUBLIC cxxasn1)
+endfunction()
