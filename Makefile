@@ -2,13 +2,15 @@
 
 FILE ?=
 
-.PHONY: help deps deps-tests build demo test test-asan test-tsan bench lint format install clean
+.PHONY: help deps deps-tests build demo demo-exchange test test-asan test-tsan bench lint format install clean
 .DEFAULT_GOAL := help
 
 help:
 	@echo "make build      build/lib/libzol.so, build/bin/vek and the examples"
 	@echo "make demo       the main job on real input: words of a text, counted by three processes and a gateway"
 	@echo "                (FILE=path counts the words of that file)"
+	@echo "make demo-exchange  a small market of five processes, whose gateway is killed on the way"
+	@echo "                (FILE=path trades the orders of that file)"
 	@echo "make test       all tests"
 	@echo "make test-asan  all tests under the address and undefined behaviour sanitizers"
 	@echo "make test-tsan  all tests under the thread sanitizer"
@@ -35,6 +37,9 @@ build: deps build/build.ninja
 
 demo: build
 	@examples/wordcount/demo $(if $(FILE),"$(FILE)")
+
+demo-exchange: build
+	@examples/exchange/demo $(if $(FILE),"$(FILE)")
 
 test: deps-tests build
 	@ctest --preset release
