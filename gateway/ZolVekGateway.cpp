@@ -1,0 +1,519 @@
+#include "ZolVekGateway.h"
+
+#include "ZolRunLog.h"
+#include "ZolVekLog.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <ctime>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+// What epoll carries: the address of a session, or one of these small numbers.
+const std::uint64_t LISTENER_EVENT = 0;
+const std::uint64_t FIRST_WATCHED_EVENT = 1;
+const std::uint64_t LAST_WATCHED_EVENT = 63;
+
+const std::uint32_t UNREGISTERED_FRAME_BYTES = VEK_HEADER_BYTES + 4; // the register message, and nothing larger
+const std::uint64_t CROWDED_MS = 500; // with all places of newcomers taken, one has at least so long to register
+
+std::uint64_t monotonicMs()
+{
+    timespec oNow{};
+    clock_gettime(CLOCK_MONOTONIC, &oNow);
+    return static_cast<std::uint64_t>(oNow.tv_sec) * 1000 + static_cast<std::uint64_t>(oNow.tv_nsec) / 1000000;
+}
+
+} // namespace
+
+CZolVekGateway::CZolVekGateway(const SZolVekSettings &oSettings, TClock fnClock)
+    : m_oSettings(oSettings), m_fnClock(fnClock ? std::move(fnClock) : TClock(monotonicMs)),
+      m_oRouter(m_oSettings, m_oStatistics, m_oMemory, m_oRoutes, m_oAgenda),
+      m_oRegistrar(m_oSettings, m_oStatistics, m_oRoutes, m_oAgenda)
+{
+    m_iEpoll = epoll_create1(EPOLL_CLOEXEC);
+    m_oAgenda.m_ulNowMs = m_fnClock();
+    m_oRoutes.rest(std::uint64_t{1000} * m_oSettings.m_uiHandleRestSeconds);
+    if (m_oSettings.m_uiGraceSeconds > 0)
+    {
+        m_oRouter.graceUntil(m_oAgenda.m_ulNowMs + std::uint64_t{1000} * m_oSettings.m_uiGraceSeconds);
+    }
+}
+
+CZolVekGateway::~CZolVekGateway()
+{
+    m_oGraves.clear();
+    m_oSessions.clear();
+    m_oRouter.endTurn();
+    if (m_iEpoll >= 0)
+    {
+        ::close(m_iEpoll);
+    }
+}
+
+bool CZolVekGateway::open(std::string &strError)
+{
+    if (!m_oListener.open(m_oSettings, strError))
+    {
+        return false;
+    }
+    epoll_event oEvent{};
+    oEvent.events = EPOLLIN;
+    oEvent.data.u64 = LISTENER_EVENT;
+    m_bListening = epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, m_oListener.handle(), &oEvent) == 0;
+    return m_bListening;
+}
+
+void CZolVekGateway::watch(int iHandle, std::function<void()> fnReadable)
+{
+    epoll_event oEvent{};
+    oEvent.events = EPOLLIN;
+    oEvent.data.u64 = FIRST_WATCHED_EVENT + m_oWatched.size();
+    m_oWatched.push_back(std::move(fnReadable));
+    epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, iHandle, &oEvent);
+}
+
+// ---- The loop -----------------------------------------------------------------------------------------------------
+
+bool CZolVekGateway::isHurried() const
+{
+    return m_bDraining || !m_oNewcomers.empty() || m_oRegistrar.isProbing();
+}
+
+std::uint64_t CZolVekGateway::nextTickMs() const
+{
+    return m_ulLastTickMs + (isHurried() ? SHORT_TICK_MS : TICK_MS);
+}
+
+int CZolVekGateway::waitMs(int iMaxWaitMs) const
+{
+    if (!m_oAgenda.m_oReady.empty())
+    {
+        return 0;
+    }
+    const std::uint64_t ulNow = m_fnClock();
+    const std::uint64_t ulDue = nextTickMs();
+    const int iDueMs = ulDue <= ulNow ? 0 : static_cast<int>(std::min<std::uint64_t>(ulDue - ulNow, TICK_MS));
+    return iMaxWaitMs < 0 ? iDueMs : std::min(iMaxWaitMs, iDueMs);
+}
+
+void CZolVekGateway::runOnce(int iMaxWaitMs)
+{
+    epoll_event aoEvents[MAX_EVENTS];
+    const int iCount = epoll_wait(m_iEpoll, aoEvents, MAX_EVENTS, waitMs(iMaxWaitMs));
+    m_oAgenda.m_ulNowMs = m_fnClock();
+    for (int i = 0; i < iCount; ++i)
+    {
+        const std::uint64_t ulWhat = aoEvents[i].data.u64;
+        if (ulWhat == LISTENER_EVENT)
+        {
+            acceptAll();
+        }
+        else if (ulWhat <= LAST_WATCHED_EVENT)
+        {
+            m_oWatched[ulWhat - FIRST_WATCHED_EVENT]();
+        }
+        else
+        {
+            onEvent(*static_cast<CZolVekSession *>(aoEvents[i].data.ptr), aoEvents[i].events);
+        }
+    }
+    std::vector<CZolVekSession *> oReady;
+    oReady.swap(m_oAgenda.m_oReady);
+    for (CZolVekSession *poSession : oReady)
+    {
+        turn(*poSession);
+    }
+    closeDoomed();
+    if (m_oAgenda.m_ulNowMs >= nextTickMs())
+    {
+        tick();
+        closeDoomed();
+    }
+    bury();
+}
+
+void CZolVekGateway::acceptAll()
+{
+    for (int i = 0; i < static_cast<int>(MAX_EVENTS); ++i)
+    {
+        if (unregistered() >= m_oSettings.m_uiMaxUnregistered)
+        {
+            epoll_ctl(m_iEpoll, EPOLL_CTL_DEL, m_oListener.handle(), nullptr);
+            m_bListening = false; // the backlog holds them; sweepNewcomers() goes on
+            return;
+        }
+        std::uint32_t uiAddress = 0;
+        std::uint16_t usPort = 0;
+        const int iSocket = m_oListener.accept(uiAddress, usPort);
+        if (iSocket < 0)
+        {
+            return;
+        }
+        adopt(iSocket, uiAddress, usPort);
+    }
+}
+
+void CZolVekGateway::adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t usPort)
+{
+    auto poSession = std::make_unique<CZolVekSession>(iSocket, uiAddress, usPort, ++m_ulLastSerial, &m_oMemory);
+    CZolVekSession *const poPlain = poSession.get();
+    poPlain->m_ulSinceMs = m_oAgenda.m_ulNowMs;
+    poPlain->m_ulReceivedMs = m_oAgenda.m_ulNowMs;
+    poPlain->m_ulSentMs = m_oAgenda.m_ulNowMs;
+    epoll_event oEvent{};
+    oEvent.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+    oEvent.data.ptr = poPlain;
+    if (epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, iSocket, &oEvent) != 0)
+    {
+        return; // the destructor closes the socket
+    }
+    ++m_oStatistics.m_ulAccepted;
+    m_oNewcomers.push_back({poPlain, poPlain->m_ulSerial});
+    m_oSessions.emplace(poPlain, std::move(poSession));
+}
+
+void CZolVekGateway::onEvent(CZolVekSession &oSession, std::uint32_t uiEvents)
+{
+    if (oSession.m_eState == VEK_CLOSED)
+    {
+        return; // closed earlier in this turn
+    }
+    if ((uiEvents & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0)
+    {
+        oSession.m_bReadable = true;
+        oSession.m_bEnded = oSession.m_bEnded || (uiEvents & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+        m_oAgenda.ready(oSession);
+    }
+    if ((uiEvents & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && oSession.m_bBlocked)
+    {
+        oSession.m_bBlocked = false;
+        m_oRouter.beginTurn();
+        flush(oSession);
+    }
+}
+
+// ---- A turn of one pipe -------------------------------------------------------------------------------------------
+
+bool CZolVekGateway::mayRead(const CZolVekSession &oSession) const
+{
+    if (!oSession.m_bReadable || oSession.m_poWaitsFor != nullptr || !oSession.m_strDoom.empty())
+    {
+        return false;
+    }
+    return oSession.m_eState == VEK_UNREGISTERED || oSession.m_eState == VEK_REFUSED ||
+           (oSession.m_eState == VEK_UP && !m_bDraining);
+}
+
+void CZolVekGateway::turn(CZolVekSession &oSession)
+{
+    oSession.m_bReady = false;
+    if (oSession.m_eState == VEK_CLOSED || oSession.m_poWaitsFor != nullptr || !oSession.m_strDoom.empty())
+    {
+        return;
+    }
+    m_oRouter.beginTurn();
+    oSession.m_oReader.begin(m_oBuffer);
+    // what an earlier turn could not place comes first, and only then is more read
+    if (takeFrames(oSession) && mayRead(oSession))
+    {
+        std::string strReason;
+        const int iRead = oSession.receive(strReason);
+        if (iRead > 0)
+        {
+            oSession.m_ulReceivedMs = m_oAgenda.m_ulNowMs;
+            oSession.m_ulBytesIn += static_cast<std::uint64_t>(iRead);
+            m_oStatistics.m_ulBytesIn += static_cast<std::uint64_t>(iRead);
+            takeFrames(oSession);
+        }
+        else if (iRead < 0)
+        {
+            m_oAgenda.doom(oSession, strReason);
+        }
+    }
+    oSession.m_oReader.end();
+    flushDirty();
+    m_oRouter.endTurn();
+    if (mayRead(oSession))
+    {
+        m_oAgenda.ready(oSession);
+    }
+}
+
+bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
+{
+    CZolVekFrame oFrame;
+    for (;;)
+    {
+        const bool bUp = oSession.m_eState == VEK_UP;
+        if (!bUp && oSession.m_eState != VEK_UNREGISTERED && oSession.m_eState != VEK_REFUSED)
+        {
+            return false;
+        }
+        const EnumZolVekRead eRead =
+            oSession.m_oReader.next(oFrame, bUp ? m_oSettings.m_uiMaxFrameBytes : UNREGISTERED_FRAME_BYTES);
+        if (eRead == VEK_READ_MORE)
+        {
+            return true;
+        }
+        if (eRead == VEK_READ_DAMAGED)
+        {
+            m_oAgenda.doom(oSession, "a frame announced " + std::to_string(oSession.m_oReader.announcedBytes()) +
+                                         " bytes, or a header shorter than a header");
+            return false;
+        }
+        if (!bUp)
+        {
+            if (oSession.m_eState == VEK_UNREGISTERED)
+            {
+                m_oRegistrar.first(oSession, oFrame);
+            }
+            if (!oSession.m_strDoom.empty())
+            {
+                return false;
+            }
+            continue; // what follows a refusal is read and dropped, so that the close does not reset the connection
+        }
+        if (m_oRouter.route(oSession, oFrame) == VEK_STALLED)
+        {
+            oSession.m_oReader.undo();
+            return false;
+        }
+        ++oSession.m_ulFramesIn;
+        ++m_oStatistics.m_ulFramesIn;
+    }
+}
+
+void CZolVekGateway::flush(CZolVekSession &oSession)
+{
+    if (!oSession.m_bBlocked && !oSession.m_oOutbox.isEmpty())
+    {
+        std::uint64_t ulWritten = 0;
+        const EnumZolVekFlush eResult = oSession.m_oOutbox.flush(oSession.m_iSocket, ulWritten);
+        if (ulWritten > 0)
+        {
+            oSession.m_ulSentMs = m_oAgenda.m_ulNowMs;
+            oSession.m_ulStuckSinceMs = m_oAgenda.m_ulNowMs;
+            oSession.m_ulBytesOut += ulWritten;
+            m_oStatistics.m_ulBytesOut += ulWritten;
+        }
+        else if (eResult == VEK_FLUSH_BROKEN)
+        {
+            const int iError = errno;
+            m_oAgenda.doom(oSession, strerrordesc_np(iError));
+        }
+        if (eResult == VEK_FLUSH_BLOCKED)
+        {
+            oSession.m_ulStuckSinceMs =
+                oSession.m_ulStuckSinceMs == 0 ? m_oAgenda.m_ulNowMs : oSession.m_ulStuckSinceMs;
+            oSession.m_bBlocked = true;
+        }
+        else if (eResult == VEK_FLUSH_DONE)
+        {
+            oSession.m_ulStuckSinceMs = 0;
+        }
+    }
+    oSession.m_oOutbox.settle();
+    m_oRouter.wakeWaiters(oSession);
+}
+
+void CZolVekGateway::flushDirty()
+{
+    for (CZolVekSession *poSession : m_oAgenda.m_oDirty)
+    {
+        poSession->m_bDirty = false;
+        if (poSession->m_eState != VEK_CLOSED)
+        {
+            flush(*poSession);
+        }
+    }
+    m_oAgenda.m_oDirty.clear();
+}
+
+// ---- Closing ------------------------------------------------------------------------------------------------------
+
+void CZolVekGateway::closeDoomed()
+{
+    while (!m_oAgenda.m_oDoomed.empty())
+    {
+        std::vector<CZolVekSession *> oDoomed;
+        oDoomed.swap(m_oAgenda.m_oDoomed);
+        for (CZolVekSession *poSession : oDoomed)
+        {
+            close(*poSession);
+        }
+        m_oRouter.beginTurn();
+        flushDirty(); // of what others got because these have gone; that may doom further ones
+        m_oRouter.endTurn();
+    }
+}
+
+void CZolVekGateway::close(CZolVekSession &oSession)
+{
+    const bool bUp = oSession.m_eState == VEK_UP;
+    CZolVekLog::line(bUp || oSession.m_eState == VEK_REFUSED ? CZolRunLog::LEVEL_INFO : CZolRunLog::LEVEL_WARNING,
+                     "CZolVekGateway::close", "%s is down: %s; %" PRIu64 " bytes were waiting for it",
+                     oSession.name().c_str(), oSession.m_strDoom.c_str(), oSession.m_oOutbox.bytes());
+    if (!oSession.m_oOutbox.isEmpty() && bUp)
+    {
+        m_oStatistics.m_ulDropQueued += oSession.m_oOutbox.bytes();
+    }
+    if (bUp)
+    {
+        m_oRoutes.remove(oSession.m_uiKey, m_oAgenda.m_ulNowMs);
+    }
+    oSession.m_eState = VEK_CLOSED;
+    ::close(oSession.m_iSocket);
+    m_oRouter.gone(oSession);
+    m_oRegistrar.gone(oSession);
+    const auto oFound = m_oSessions.find(&oSession);
+    m_oGraves.push_back(std::move(oFound->second));
+    m_oSessions.erase(oFound);
+}
+
+void CZolVekGateway::bury()
+{
+    if (m_oGraves.empty())
+    {
+        return;
+    }
+    auto &oReady = m_oAgenda.m_oReady;
+    oReady.erase(std::remove_if(oReady.begin(), oReady.end(),
+                                [](const CZolVekSession *po) { return po->m_eState == VEK_CLOSED; }),
+                 oReady.end());
+    m_oGraves.clear();
+}
+
+// ---- The clock ----------------------------------------------------------------------------------------------------
+
+void CZolVekGateway::tick()
+{
+    m_ulLastTickMs = m_oAgenda.m_ulNowMs;
+    m_oRouter.beginTurn();
+    m_oRegistrar.tick();
+    sweepNewcomers();
+    if (m_oAgenda.m_ulNowMs >= m_ulNextSweepMs)
+    {
+        m_ulNextSweepMs = m_oAgenda.m_ulNowMs + TICK_MS;
+        m_oRouter.tick();
+        sweep();
+    }
+    flushDirty();
+    m_oRouter.endTurn();
+    if (m_bDraining)
+    {
+        checkDrained();
+    }
+}
+
+void CZolVekGateway::sweepNewcomers()
+{
+    const std::uint64_t ulNow = m_oAgenda.m_ulNowMs;
+    while (!m_oNewcomers.empty())
+    {
+        CZolVekSession *const poSession = m_oNewcomers.front().m_poSession;
+        const auto oFound = m_oSessions.find(poSession);
+        const bool bWaits = oFound != m_oSessions.end() && poSession->m_ulSerial == m_oNewcomers.front().m_ulSerial &&
+                            poSession->m_eState != VEK_UP && poSession->m_strDoom.empty();
+        if (bWaits && poSession->m_eState != VEK_PROBING)
+        {
+            const std::uint64_t ulWaitedMs = ulNow - poSession->m_ulSinceMs;
+            const bool bCrowded = !m_bListening && !m_bDraining && ulWaitedMs >= CROWDED_MS &&
+                                  unregistered() - m_oAgenda.m_oDoomed.size() >= m_oSettings.m_uiMaxUnregistered;
+            if (!bCrowded && ulWaitedMs < std::uint64_t{1000} * m_oSettings.m_uiRegisterSeconds)
+            {
+                break;
+            }
+            m_oAgenda.doom(*poSession, poSession->m_eState == VEK_REFUSED ? "it was refused"
+                                       : bCrowded                         ? "it did not register, and others wait"
+                                                                          : "it did not register in time");
+        }
+        m_oNewcomers.pop_front();
+    }
+    if (!m_bListening && m_oListener.handle() >= 0 && unregistered() < m_oSettings.m_uiMaxUnregistered)
+    {
+        epoll_event oEvent{};
+        oEvent.events = EPOLLIN;
+        oEvent.data.u64 = LISTENER_EVENT;
+        m_bListening = epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, m_oListener.handle(), &oEvent) == 0;
+    }
+}
+
+void CZolVekGateway::sweep()
+{
+    const std::uint64_t ulNow = m_oAgenda.m_ulNowMs;
+    m_oRoutes.forEach(
+        [&](CZolVekSession *poSession)
+        {
+            if (poSession->m_oOutbox.isEmpty())
+            {
+                poSession->m_oOutbox.shrink();
+                if (ulNow - poSession->m_ulSentMs >= std::uint64_t{1000} * m_oSettings.m_uiHelloSeconds)
+                {
+                    char acHello[VEK_HEADER_BYTES];
+                    poSession->fillHello(acHello);
+                    poSession->m_oOutbox.addHello(acHello);
+                    m_oAgenda.dirty(*poSession);
+                }
+            }
+            else if (poSession->m_ulStuckSinceMs != 0 &&
+                     ulNow - poSession->m_ulStuckSinceMs >= std::uint64_t{1000} * m_oSettings.m_uiStuckSeconds)
+            {
+                m_oAgenda.doom(*poSession,
+                               "it took no byte for " + std::to_string(m_oSettings.m_uiStuckSeconds) + " s");
+            }
+        });
+}
+
+// ---- The end ------------------------------------------------------------------------------------------------------
+
+void CZolVekGateway::drain()
+{
+    m_bDraining = true;
+    m_oRegistrar.drain();
+    m_ulDrainUntilMs = m_oAgenda.m_ulNowMs + std::uint64_t{1000} * m_oSettings.m_uiDrainSeconds;
+    CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::drain", "draining, %zu pipes are up", m_oRoutes.size());
+}
+
+void CZolVekGateway::checkDrained()
+{
+    std::uint64_t ulLeft = 0;
+    std::size_t ulWaiting = 0;
+    m_oRoutes.forEach(
+        [&](CZolVekSession *poSession)
+        {
+            ulLeft += poSession->m_oOutbox.bytes();
+            ulWaiting += poSession->m_poWaitsFor != nullptr ? 1 : 0;
+        });
+    if (ulLeft > 0 || ulWaiting > 0 || !m_oAgenda.m_oReady.empty())
+    {
+        if (m_oAgenda.m_ulNowMs < m_ulDrainUntilMs)
+        {
+            return;
+        }
+        CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::checkDrained",
+                         "the time to drain is over, %" PRIu64 " bytes are lost, %zu sources had to wait", ulLeft,
+                         ulWaiting);
+    }
+    m_bDone = true;
+}
+
+void CZolVekGateway::reload(const SZolVekSettings &oSettings)
+{
+    SZolVekSettings oNew = oSettings;
+    oNew.m_strListenHost = m_oSettings.m_strListenHost;
+    oNew.m_uiListenPort = m_oSettings.m_uiListenPort;
+    oNew.m_strLogPath = m_oSettings.m_strLogPath;
+    oNew.m_uiMaxLogNumber = m_oSettings.m_uiMaxLogNumber;
+    oNew.m_uiMaxLogSize = m_oSettings.m_uiMaxLogSize;
+    oNew.m_uiSilenceSeconds = m_oSettings.m_uiSilenceSeconds;
+    oNew.m_uiGraceSeconds = m_oSettings.m_uiGraceSeconds;
+    m_oSettings = oNew;
+    m_oRoutes.rest(std::uint64_t{1000} * m_oSettings.m_uiHandleRestSeconds);
+    CZolRunLog::logLevel(static_cast<int>(m_oSettings.m_uiLogLevel));
+}

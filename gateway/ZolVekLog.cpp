@@ -1,0 +1,110 @@
+#include "ZolVekLog.h"
+
+#include "ZolApi.h"
+#include "ZolLogTask.h"
+#include "ZolRunLog.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+bool s_bRunLog = false; // set before the first line, by open()
+
+void toRunLog(int iLevel, const char *pcScope, const char *pcText)
+{
+    CZolDebugInfo oDebug(pcScope);
+    switch (iLevel)
+    {
+    case CZolRunLog::LEVEL_FATAL:
+        oDebug.fatal(pcText);
+        break;
+    case CZolRunLog::LEVEL_ERROR:
+        oDebug.error(pcText);
+        break;
+    case CZolRunLog::LEVEL_WARNING:
+        oDebug.warning(pcText);
+        break;
+    case CZolRunLog::LEVEL_INFO:
+        oDebug.info(pcText);
+        break;
+    default:
+        oDebug.debug(pcText);
+        break;
+    }
+}
+
+} // namespace
+
+void CZolVekLog::open(const SZolVekSettings &oSettings)
+{
+    CZolRunLog::logLevel(static_cast<int>(oSettings.m_uiLogLevel));
+    if (oSettings.m_strLogPath.empty())
+    {
+        return;
+    }
+    if (access(oSettings.m_strLogPath.c_str(), W_OK | X_OK) != 0)
+    {
+        line(CZolRunLog::LEVEL_ERROR, "CZolVekLog::open", "%s cannot be written, the log goes to standard error",
+             oSettings.m_strLogPath.c_str());
+        return;
+    }
+    zol::saveResWithKey("MaxLogNumber", std::to_string(oSettings.m_uiMaxLogNumber));
+    zol::saveResWithKey("MaxLogSize", std::to_string(oSettings.m_uiMaxLogSize));
+    s_bRunLog = CZolLogTask::instance()->init(0, 0, "vek", oSettings.m_strLogPath.c_str()) == 0;
+}
+
+void CZolVekLog::flush()
+{
+    if (s_bRunLog)
+    {
+        CZolLogTask::instance()->writeLog();
+    }
+}
+
+void CZolVekLog::line(int iLevel, const char *pcScope, const char *pcFormat, ...)
+{
+    if (CZolRunLog::logLevel() < iLevel || (s_bRunLog && !CZolRunLog::isReady()))
+    {
+        return;
+    }
+    char acText[512];
+    va_list oArguments;
+    va_start(oArguments, pcFormat);
+    vsnprintf(acText, sizeof acText, pcFormat, oArguments);
+    va_end(oArguments);
+    if (s_bRunLog)
+    {
+        toRunLog(iLevel, pcScope, acText);
+        return;
+    }
+    char acTime[32];
+    zol::getCurrFormatTime(acTime);
+    fprintf(stderr, "%s %s %s\n", acTime, pcScope, acText);
+}
+
+bool CZolVekRateLimit::pass(std::uint64_t ulSubject, std::uint64_t ulNowMs, std::uint64_t &ulHeldBack)
+{
+    ulHeldBack = 0;
+    if (m_oSubjects.size() >= MAX_SUBJECTS && m_oSubjects.find(ulSubject) == m_oSubjects.end())
+    {
+        m_oSubjects.clear();
+    }
+    const auto oResult = m_oSubjects.insert({ulSubject, {ulNowMs, 0}});
+    SSubject &oSubject = oResult.first->second;
+    if (oResult.second)
+    {
+        return true;
+    }
+    if (ulNowMs - oSubject.m_ulLastMs < 1000)
+    {
+        ++oSubject.m_ulHeldBack;
+        return false;
+    }
+    ulHeldBack = oSubject.m_ulHeldBack;
+    oSubject = {ulNowMs, 0};
+    return true;
+}

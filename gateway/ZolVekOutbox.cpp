@@ -1,0 +1,419 @@
+#include "ZolVekOutbox.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+namespace
+{
+
+const std::uint32_t FIRST_CHUNK_BYTES = 4 * 1024;
+const std::uint32_t CHUNK_BYTES = 64 * 1024;
+const std::uint32_t ITEM_BYTES = 48; // what an item takes in the list, counted with its bytes
+
+/// Below this a piece is copied beside its neighbours: a copy of that size costs less than one more element of writev.
+const std::uint32_t SMALL_PIECE_BYTES = 1024;
+
+/// Of a frame that a reader has found whole.
+std::uint32_t frameLength(const char *pcFrame)
+{
+    return zolVekRead16(pcFrame + VEK_AT_HEADER_LENGTH) + zolVekRead32(pcFrame + VEK_AT_DATA_LENGTH);
+}
+
+} // namespace
+
+/// Collects the next bytes of the queue for one writev: large pieces from where they lie, small and patched ones side
+/// by side in a scratch buffer that all outboxes of the thread share.
+class CZolVekOutbox::CGather
+{
+public:
+    static constexpr std::size_t MAX_PIECES = 64;
+    static constexpr std::size_t MAX_BYTES = 256 * 1024;
+    static constexpr std::size_t SCRATCH_BYTES = 128 * 1024;
+
+    bool isFull(std::size_t ulNext) const
+    {
+        return m_ulPieces + 2 > MAX_PIECES || (m_ulBytes > 0 && m_ulBytes + ulNext > MAX_BYTES) ||
+               m_ulScratch + VEK_HEADER_BYTES + SMALL_PIECE_BYTES > SCRATCH_BYTES;
+    }
+
+    void add(const char *pcData, std::size_t ulLength)
+    {
+        if (ulLength < SMALL_PIECE_BYTES)
+        {
+            std::memcpy(copyTo(ulLength), pcData, ulLength);
+            return;
+        }
+        m_aoPieces[m_ulPieces].iov_base = const_cast<char *>(pcData);
+        m_aoPieces[m_ulPieces].iov_len = ulLength;
+        ++m_ulPieces;
+        m_ulBytes += ulLength;
+    }
+
+    /// The record as its subscriber gets it, without the first uiDone bytes.
+    void addRecord(const SItem &oItem, std::uint32_t uiDone)
+    {
+        const SZolVekRecord &oRecord = *oItem.m_poRecord;
+        const SZolVekAddress &oAddress = oItem.m_oAddress;
+        if (oAddress.m_ucType == 0 || uiDone >= VEK_HEADER_BYTES)
+        {
+            add(oRecord.m_pcData + uiDone, oRecord.m_uiLength - uiDone);
+            return;
+        }
+        char acHeader[VEK_HEADER_BYTES];
+        std::memcpy(acHeader, oRecord.m_pcData, sizeof acHeader);
+        zolVekPatch(acHeader, oAddress);
+        std::memcpy(copyTo(VEK_HEADER_BYTES - uiDone), acHeader + uiDone, VEK_HEADER_BYTES - uiDone);
+        if (oRecord.m_uiLength > VEK_HEADER_BYTES)
+        {
+            add(oRecord.m_pcData + VEK_HEADER_BYTES, oRecord.m_uiLength - VEK_HEADER_BYTES);
+        }
+    }
+
+    ssize_t write(int iSocket)
+    {
+        if (m_ulPieces == 1)
+        {
+            return send(iSocket, m_aoPieces[0].iov_base, m_aoPieces[0].iov_len, MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+        msghdr oMessage{};
+        oMessage.msg_iov = m_aoPieces;
+        oMessage.msg_iovlen = m_ulPieces;
+        return sendmsg(iSocket, &oMessage, MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+
+    std::size_t bytes() const { return m_ulBytes; }
+
+private:
+    char *copyTo(std::size_t ulLength)
+    {
+        static thread_local char acScratch[SCRATCH_BYTES];
+        char *const pcAt = acScratch + m_ulScratch;
+        m_ulScratch += ulLength;
+        m_ulBytes += ulLength;
+        if (m_ulPieces > 0)
+        {
+            iovec &oLast = m_aoPieces[m_ulPieces - 1];
+            if (static_cast<char *>(oLast.iov_base) + oLast.iov_len == pcAt)
+            {
+                oLast.iov_len += ulLength;
+                return pcAt;
+            }
+        }
+        m_aoPieces[m_ulPieces].iov_base = pcAt;
+        m_aoPieces[m_ulPieces].iov_len = ulLength;
+        ++m_ulPieces;
+        return pcAt;
+    }
+
+    iovec m_aoPieces[MAX_PIECES];
+    std::size_t m_ulPieces = 0;
+    std::size_t m_ulBytes = 0;
+    std::size_t m_ulScratch = 0;
+};
+
+CZolVekOutbox::~CZolVekOutbox()
+{
+    for (std::size_t ulAt = m_uiHead; ulAt < m_oItems.size(); ++ulAt)
+    {
+        release(m_oItems[ulAt]);
+    }
+}
+
+CZolVekOutbox::SItem CZolVekOutbox::item(EnumKind eKind, std::uint32_t uiLength)
+{
+    SItem oItem{};
+    oItem.m_eKind = eKind;
+    oItem.m_uiLength = uiLength;
+    return oItem;
+}
+
+void CZolVekOutbox::push(const SItem &oItem)
+{
+    m_oItems.push_back(oItem);
+    m_ulBytes += oItem.m_uiLength + ITEM_BYTES;
+    m_poMemory->m_ulBytes += ITEM_BYTES;
+}
+
+void CZolVekOutbox::addBytes(const char *pcData, std::uint32_t uiLength)
+{
+    if (!isEmpty())
+    {
+        SItem &oLast = m_oItems.back();
+        if (oLast.m_eKind == KIND_SPAN && oLast.m_pcSpan + oLast.m_uiLength == pcData)
+        {
+            oLast.m_uiLength += uiLength;
+            m_ulBytes += uiLength;
+            return;
+        }
+    }
+    SItem oItem = item(KIND_SPAN, uiLength);
+    oItem.m_pcSpan = pcData;
+    push(oItem);
+    ++m_uiSpans;
+}
+
+void CZolVekOutbox::addRecord(SZolVekRecord *poRecord, const SZolVekAddress &oAddress)
+{
+    poRecord->take();
+    SItem oItem = item(KIND_RECORD, poRecord->m_uiLength);
+    oItem.m_poRecord = poRecord;
+    oItem.m_oAddress = oAddress;
+    push(oItem);
+}
+
+CZolVekOutbox::SItem CZolVekOutbox::newChunk(const char *pcData, std::uint32_t uiLength, std::uint32_t uiCapacity)
+{
+    SItem oItem = item(KIND_CHUNK, uiLength);
+    oItem.m_uiCapacity = uiCapacity;
+    oItem.m_pcChunk = new char[uiCapacity];
+    std::memcpy(oItem.m_pcChunk, pcData, uiLength);
+    m_poMemory->m_ulBytes += uiCapacity + ITEM_BYTES;
+    return oItem;
+}
+
+void CZolVekOutbox::addCopy(const char *pcData, std::uint32_t uiLength)
+{
+    std::uint32_t uiCapacity = FIRST_CHUNK_BYTES;
+    if (!isEmpty() && m_oItems.back().m_eKind == KIND_CHUNK && !m_oItems.back().m_bHello)
+    {
+        SItem &oLast = m_oItems.back();
+        if (oLast.m_uiLength + uiLength <= oLast.m_uiCapacity)
+        {
+            std::memcpy(oLast.m_pcChunk + oLast.m_uiLength, pcData, uiLength);
+            oLast.m_uiLength += uiLength;
+            m_ulBytes += uiLength;
+            return;
+        }
+        uiCapacity = CHUNK_BYTES; // a backlog that has filled a chunk fills another
+    }
+    m_oItems.push_back(newChunk(pcData, uiLength, std::max(uiCapacity, uiLength)));
+    m_ulBytes += uiLength + ITEM_BYTES;
+}
+
+void CZolVekOutbox::settle()
+{
+    if (m_uiSpans == 0)
+    {
+        return;
+    }
+    // a backlog may be long, the spans are at its end
+    std::size_t ulFirst = m_oItems.size();
+    for (std::uint32_t uiSeen = 0; uiSeen < m_uiSpans;)
+    {
+        --ulFirst;
+        uiSeen += m_oItems[ulFirst].m_eKind == KIND_SPAN ? 1 : 0;
+    }
+    if (ulFirst == m_uiHead)
+    {
+        cutSentFrames(m_oItems[ulFirst]);
+    }
+    std::vector<SItem> oYoungest(m_oItems.begin() + static_cast<std::ptrdiff_t>(ulFirst), m_oItems.end());
+    m_oItems.resize(ulFirst);
+    for (const SItem &oItem : oYoungest)
+    {
+        if (oItem.m_eKind != KIND_SPAN)
+        {
+            m_oItems.push_back(oItem);
+            continue;
+        }
+        m_ulBytes -= oItem.m_uiLength + ITEM_BYTES;
+        m_poMemory->m_ulBytes -= ITEM_BYTES;
+        addCopy(oItem.m_pcSpan, oItem.m_uiLength);
+    }
+    m_uiSpans = 0;
+}
+
+void CZolVekOutbox::cutSentFrames(SItem &oSpan)
+{
+    std::uint32_t uiStart = 0;
+    for (std::uint32_t uiNext = 0; uiNext <= m_uiHeadDone && uiNext < oSpan.m_uiLength;)
+    {
+        uiStart = uiNext;
+        uiNext += frameLength(oSpan.m_pcSpan + uiNext);
+    }
+    // the frame on its way stays whole: an item begins where a frame begins
+    oSpan.m_pcSpan += uiStart;
+    oSpan.m_uiLength -= uiStart;
+    m_uiHeadDone -= uiStart;
+}
+
+const char *CZolVekOutbox::bytesOf(const SItem &oItem) const
+{
+    switch (oItem.m_eKind)
+    {
+    case KIND_SPAN:
+        return oItem.m_pcSpan;
+    case KIND_CHUNK:
+        return oItem.m_pcChunk;
+    default:
+        return oItem.m_poRecord->m_pcData;
+    }
+}
+
+std::uint32_t CZolVekOutbox::frameEnd(const SItem &oItem, std::uint32_t uiDone) const
+{
+    if (oItem.m_eKind == KIND_RECORD)
+    {
+        return uiDone == 0 ? 0 : oItem.m_uiLength;
+    }
+    const char *const pcBytes = bytesOf(oItem);
+    std::uint32_t uiAt = 0;
+    while (uiAt < uiDone)
+    {
+        uiAt += frameLength(pcBytes + uiAt);
+    }
+    return uiAt;
+}
+
+void CZolVekOutbox::addHello(const char *pcHello)
+{
+    SItem oHello = newChunk(pcHello, VEK_HEADER_BYTES, VEK_HEADER_BYTES);
+    oHello.m_bHello = true;
+    m_ulBytes += VEK_HEADER_BYTES + ITEM_BYTES;
+    ++m_uiHellos;
+    if (isEmpty())
+    {
+        m_oItems.push_back(oHello);
+        return;
+    }
+    std::size_t ulAt = m_uiHead;
+    const std::uint32_t uiEnd = frameEnd(m_oItems[ulAt], m_uiHeadDone);
+    if (uiEnd > 0 && uiEnd < m_oItems[ulAt].m_uiLength)
+    {
+        // the first item holds further frames behind the one that is on its way: they become an item of their own
+        SItem oRest = m_oItems[ulAt];
+        oRest.m_uiLength -= uiEnd;
+        if (oRest.m_eKind == KIND_CHUNK)
+        {
+            oRest = newChunk(bytesOf(m_oItems[ulAt]) + uiEnd, oRest.m_uiLength, oRest.m_uiLength);
+        }
+        else
+        {
+            oRest.m_pcSpan += uiEnd;
+            m_poMemory->m_ulBytes += ITEM_BYTES;
+            ++m_uiSpans;
+        }
+        m_ulBytes += ITEM_BYTES;
+        m_oItems[ulAt].m_uiLength = uiEnd;
+        m_oItems.insert(m_oItems.begin() + static_cast<std::ptrdiff_t>(ulAt) + 1, oRest);
+    }
+    if (uiEnd > 0)
+    {
+        ++ulAt;
+    }
+    while (ulAt < m_oItems.size() && m_oItems[ulAt].m_bHello)
+    {
+        ++ulAt;
+    }
+    m_oItems.insert(m_oItems.begin() + static_cast<std::ptrdiff_t>(ulAt), oHello);
+}
+
+void CZolVekOutbox::release(SItem &oItem)
+{
+    m_poMemory->m_ulBytes -= ITEM_BYTES;
+    if (oItem.m_bHello)
+    {
+        --m_uiHellos;
+    }
+    switch (oItem.m_eKind)
+    {
+    case KIND_SPAN:
+        --m_uiSpans;
+        break;
+    case KIND_CHUNK:
+        m_poMemory->m_ulBytes -= oItem.m_uiCapacity;
+        delete[] oItem.m_pcChunk;
+        break;
+    case KIND_RECORD:
+        oItem.m_poRecord->drop();
+        break;
+    }
+}
+
+void CZolVekOutbox::consume(std::size_t ulBytes)
+{
+    while (ulBytes > 0)
+    {
+        SItem &oHead = m_oItems[m_uiHead];
+        const std::uint32_t uiLeft = oHead.m_uiLength - m_uiHeadDone;
+        if (ulBytes < uiLeft)
+        {
+            m_uiHeadDone += static_cast<std::uint32_t>(ulBytes);
+            m_ulBytes -= ulBytes;
+            return;
+        }
+        ulBytes -= uiLeft;
+        m_ulBytes -= uiLeft + ITEM_BYTES;
+        m_uiHeadDone = 0;
+        release(oHead);
+        ++m_uiHead;
+    }
+}
+
+void CZolVekOutbox::trim()
+{
+    if (isEmpty())
+    {
+        m_uiHead = 0;
+        m_oItems.clear();
+        return;
+    }
+    if (m_uiHead > 1024 && m_uiHead > m_oItems.size() / 2)
+    {
+        m_oItems.erase(m_oItems.begin(), m_oItems.begin() + static_cast<std::ptrdiff_t>(m_uiHead));
+        m_uiHead = 0;
+    }
+}
+
+void CZolVekOutbox::shrink()
+{
+    if (isEmpty())
+    {
+        std::vector<SItem>().swap(m_oItems);
+    }
+}
+
+EnumZolVekFlush CZolVekOutbox::flush(int iSocket, std::uint64_t &ulWritten)
+{
+    while (!isEmpty())
+    {
+        CGather oGather;
+        std::uint32_t uiDone = m_uiHeadDone;
+        for (std::size_t ulAt = m_uiHead; ulAt < m_oItems.size(); ++ulAt)
+        {
+            const SItem &oItem = m_oItems[ulAt];
+            if (oGather.isFull(oItem.m_uiLength - uiDone))
+            {
+                break;
+            }
+            if (oItem.m_eKind == KIND_RECORD)
+            {
+                oGather.addRecord(oItem, uiDone);
+            }
+            else
+            {
+                oGather.add(bytesOf(oItem) + uiDone, oItem.m_uiLength - uiDone);
+            }
+            uiDone = 0;
+        }
+        const ssize_t lSent = oGather.write(iSocket);
+        if (lSent < 0)
+        {
+            if (errno == EINTR)
+            {
+                continue;
+            }
+            return errno == EAGAIN || errno == EWOULDBLOCK ? VEK_FLUSH_BLOCKED : VEK_FLUSH_BROKEN;
+        }
+        ulWritten += static_cast<std::uint64_t>(lSent);
+        consume(static_cast<std::size_t>(lSent));
+        trim();
+        if (static_cast<std::size_t>(lSent) < oGather.bytes())
+        {
+            return VEK_FLUSH_BLOCKED;
+        }
+    }
+    return VEK_FLUSH_DONE;
+}

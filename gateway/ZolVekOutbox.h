@@ -1,0 +1,130 @@
+#ifndef ZOL_VEK_OUTBOX_H
+#define ZOL_VEK_OUTBOX_H
+
+#include "ZolVekFrame.h"
+#include "ZolVekRecord.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+/// The address that a publication gets on its way to one subscriber.
+struct SZolVekAddress
+{
+    TZolVekKey m_uiProcess = 0;
+    std::uint8_t m_ucModule = 0;
+    std::uint16_t m_usTask = 0;
+    std::uint8_t m_ucType = 0; ///< 0: the frame leaves as it is
+};
+
+/// Gives a header, in wire order, the type and destination of a subscriber.
+inline void zolVekPatch(char *pcHeader, const SZolVekAddress &oAddress)
+{
+    pcHeader[VEK_AT_TYPE] = static_cast<char>(oAddress.m_ucType);
+    zolVekWrite16(pcHeader + VEK_AT_DEST_PROC, zolVekProcOf(oAddress.m_uiProcess));
+    zolVekWrite16(pcHeader + VEK_AT_DEST_HANDLE, zolVekHandleOf(oAddress.m_uiProcess));
+    pcHeader[VEK_AT_DEST_MODULE] = static_cast<char>(oAddress.m_ucModule);
+    zolVekWrite16(pcHeader + VEK_AT_DEST_TASK, oAddress.m_usTask);
+}
+
+/// What a flush came to.
+enum EnumZolVekFlush
+{
+    VEK_FLUSH_DONE,    ///< nothing is left
+    VEK_FLUSH_BLOCKED, ///< the socket takes no more for now
+    VEK_FLUSH_BROKEN   ///< the pipe is gone
+};
+
+/// Frames that wait for one pipe, oldest first, whole.
+///
+/// Three kinds of items: a *span* of bytes in the read buffer that lives for the present turn only, a *chunk* of bytes
+/// of the outbox's own, a *record* that other outboxes may share. addBytes() makes spans, and the usual flush at the
+/// end of the turn writes them from where they were read, without a copy. What the socket does not take settle() copies
+/// to chunks, which is why a pipe at rest owns no memory but this object.
+///
+///     items   [ chunk, 812 of 4096 bytes sent ][ record, patched for task 7 ][ span ][ span ]
+///             ^ m_uiHead, m_uiHeadDone = 812                                 only within a turn
+///
+/// Threads:   the routing thread only.
+/// Order:     that of adding; only a hello passes, and it never cuts into a frame.
+class CZolVekOutbox
+{
+public:
+    explicit CZolVekOutbox(SZolVekMemory *poMemory) : m_poMemory(poMemory) {}
+    ~CZolVekOutbox();
+    CZolVekOutbox(const CZolVekOutbox &) = delete;
+    CZolVekOutbox &operator=(const CZolVekOutbox &) = delete;
+
+    /// Whole frames that stay where they are until settle().
+    void addBytes(const char *pcData, std::uint32_t uiLength);
+
+    /// Whole frames that the caller reuses at once.
+    void addCopy(const char *pcData, std::uint32_t uiLength);
+
+    /// One frame; the outbox takes a reference of its own.
+    void addRecord(SZolVekRecord *poRecord, const SZolVekAddress &oAddress);
+
+    /// A hello of 28 bytes: goes ahead of all frames of which no byte has left.
+    void addHello(const char *pcHello);
+
+    /// Writes to iSocket until all is out or the socket takes no more. ulWritten grows by what it took.
+    EnumZolVekFlush flush(int iSocket, std::uint64_t &ulWritten);
+
+    /// Copies what the read buffer still holds of this outbox. To be called before that buffer is used again.
+    void settle();
+
+    /// Gives back the memory that an empty list keeps for its next use.
+    void shrink();
+
+    bool isEmpty() const { return m_uiHead == m_oItems.size(); }
+
+    /// Bytes waiting, and what the list of them takes: what the bound of a pipe is held against.
+    std::uint64_t bytes() const { return m_ulBytes; }
+
+    /// Hellos among the waiting frames.
+    unsigned int hellos() const { return m_uiHellos; }
+
+private:
+    enum EnumKind : std::uint8_t
+    {
+        KIND_SPAN,
+        KIND_CHUNK,
+        KIND_RECORD
+    };
+    struct SItem
+    {
+        union
+        {
+            const char *m_pcSpan;
+            char *m_pcChunk; // owned
+            SZolVekRecord *m_poRecord;
+        };
+        std::uint32_t m_uiLength;
+        std::uint32_t m_uiCapacity; // chunk: bytes allocated
+        EnumKind m_eKind;
+        bool m_bHello;
+        SZolVekAddress m_oAddress; // record only
+    };
+    class CGather;
+
+    static SItem item(EnumKind eKind, std::uint32_t uiLength);
+    SItem newChunk(const char *pcData, std::uint32_t uiLength, std::uint32_t uiCapacity);
+    const char *bytesOf(const SItem &oItem) const;
+    std::uint32_t frameEnd(const SItem &oItem, std::uint32_t uiDone) const;
+    void cutSentFrames(SItem &oSpan);
+    void push(const SItem &oItem);
+    void release(SItem &oItem);
+    void consume(std::size_t ulBytes);
+    void trim();
+
+    SZolVekMemory *const m_poMemory;
+
+    std::vector<SItem> m_oItems; // live from m_uiHead on
+    std::uint32_t m_uiHead = 0;
+    std::uint32_t m_uiHeadDone = 0; // bytes of the first live item that have left
+    std::uint32_t m_uiSpans = 0;    // spans among the items; they are the youngest, but for records of the same turn
+    std::uint32_t m_uiHellos = 0;
+    std::uint64_t m_ulBytes = 0;
+};
+
+#endif

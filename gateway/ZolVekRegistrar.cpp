@@ -1,0 +1,225 @@
+#include "ZolVekRegistrar.h"
+
+#include "ZolRunLog.h"
+#include "ZolVekLog.h"
+
+#include <algorithm>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace
+{
+
+const std::uint32_t BODY_BYTES = 4;
+
+TZolVekKey keyOf(const char *pcRequest, std::uint16_t usHandle)
+{
+    return zolVekKey(zolVekRead16(pcRequest + VEK_AT_SRC_PROC), usHandle);
+}
+
+/// False once the kernel knows that the other end has gone.
+bool isEstablished(int iSocket)
+{
+    tcp_info oInfo{};
+    socklen_t uiLength = sizeof oInfo;
+    return getsockopt(iSocket, IPPROTO_TCP, TCP_INFO, &oInfo, &uiLength) != 0 || oInfo.tcpi_state == TCP_ESTABLISHED;
+}
+
+} // namespace
+
+void CZolVekRegistrar::first(CZolVekSession &oSession, const CZolVekFrame &oFrame)
+{
+    if (oFrame.type() != CZolMsgPdu::MSG_REGISTER || oFrame.headerLength() != VEK_HEADER_BYTES ||
+        oFrame.dataLength() != BODY_BYTES)
+    {
+        m_oAgenda.doom(oSession, "its first message is no register message");
+        return;
+    }
+    const char *const pcRequest = oFrame.data();
+    const std::uint16_t usProcID = zolVekRead16(pcRequest + VEK_AT_SRC_PROC);
+    const int iStatus = admit(oSession, usProcID);
+    if (iStatus != VEK_STATUS_ACCEPTED)
+    {
+        refuse(oSession, pcRequest, iStatus);
+        return;
+    }
+    std::uint16_t usHandle = zolVekRead16(pcRequest + VEK_AT_SRC_HANDLE);
+    const bool bAllocate = usHandle == 0 && zolVekRead32(oFrame.payload()) == 0;
+    if (bAllocate)
+    {
+        if (!m_oRoutes.allocate(usProcID, m_oAgenda.m_ulNowMs, usHandle))
+        {
+            refuse(oSession, pcRequest, VEK_STATUS_FULL);
+            return;
+        }
+        accept(oSession, pcRequest, zolVekKey(usProcID, usHandle));
+        return;
+    }
+    CZolVekSession *const poOld = m_oRoutes.find(zolVekKey(usProcID, usHandle));
+    if (poOld == nullptr)
+    {
+        accept(oSession, pcRequest, zolVekKey(usProcID, usHandle));
+        return;
+    }
+    startProbe(oSession, *poOld, pcRequest);
+}
+
+int CZolVekRegistrar::admit(const CZolVekSession &oSession, std::uint16_t usProcID) const
+{
+    if (m_bDraining)
+    {
+        return VEK_STATUS_DRAINING;
+    }
+    if (!m_oPolicy.mayRegister(usProcID, oSession.m_uiAddress))
+    {
+        return VEK_STATUS_FORBIDDEN;
+    }
+    return m_oRoutes.size() >= m_oSettings.m_uiMaxConnections ? VEK_STATUS_FULL : VEK_STATUS_ACCEPTED;
+}
+
+void CZolVekRegistrar::startProbe(CZolVekSession &oNewcomer, CZolVekSession &oOld, const char *pcRequest)
+{
+    SProbe oProbe = {&oNewcomer, &oOld, m_oAgenda.m_ulNowMs, {}};
+    std::memcpy(oProbe.m_acRequest, pcRequest, sizeof oProbe.m_acRequest);
+    oNewcomer.m_eState = VEK_PROBING;
+    m_oProbes.push_back(oProbe);
+    if (!isEstablished(oOld.m_iSocket))
+    {
+        m_oAgenda.doom(oOld, "its process has gone, and another one takes its place");
+        return;
+    }
+    char acHello[VEK_HEADER_BYTES];
+    oOld.fillHello(acHello);
+    oOld.m_oOutbox.addHello(acHello);
+    m_oAgenda.dirty(oOld);
+}
+
+bool CZolVekRegistrar::isAlive(const SProbe &oProbe, std::uint64_t ulNowMs)
+{
+    int iUnacknowledged = 0;
+    const int iSocket = oProbe.m_poOld->m_iSocket;
+    if (ioctl(iSocket, SIOCOUTQ, &iUnacknowledged) == 0 && iUnacknowledged == 0)
+    {
+        return true;
+    }
+    // a process that is stopped takes no bytes, but its kernel still answers
+    tcp_info oInfo{};
+    socklen_t uiLength = sizeof oInfo;
+    return getsockopt(iSocket, IPPROTO_TCP, TCP_INFO, &oInfo, &uiLength) == 0 &&
+           oInfo.tcpi_last_ack_recv + 1 < ulNowMs - oProbe.m_ulStartMs;
+}
+
+void CZolVekRegistrar::tick()
+{
+    for (std::size_t ulAt = 0; ulAt < m_oProbes.size();)
+    {
+        SProbe &oProbe = m_oProbes[ulAt];
+        const std::uint64_t ulWaitedMs = m_oAgenda.m_ulNowMs - oProbe.m_ulStartMs;
+        if (!oProbe.m_poOld->m_strDoom.empty())
+        {
+            ++ulAt; // it closes at the end of this turn
+            continue;
+        }
+        if (ulWaitedMs > 0 && isAlive(oProbe, m_oAgenda.m_ulNowMs))
+        {
+            refuse(*oProbe.m_poNewcomer, oProbe.m_acRequest, VEK_STATUS_UP);
+            m_oProbes.erase(m_oProbes.begin() + static_cast<std::ptrdiff_t>(ulAt));
+            continue;
+        }
+        if (ulWaitedMs >= std::uint64_t{1000} * m_oSettings.m_uiProbeSeconds)
+        {
+            m_oAgenda.doom(*oProbe.m_poOld, "its machine does not answer, and another process takes its place");
+        }
+        ++ulAt;
+    }
+}
+
+void CZolVekRegistrar::gone(CZolVekSession &oSession)
+{
+    for (std::size_t ulAt = 0; ulAt < m_oProbes.size();)
+    {
+        const SProbe oProbe = m_oProbes[ulAt];
+        if (oProbe.m_poNewcomer != &oSession && oProbe.m_poOld != &oSession)
+        {
+            ++ulAt;
+            continue;
+        }
+        m_oProbes.erase(m_oProbes.begin() + static_cast<std::ptrdiff_t>(ulAt));
+        if (oProbe.m_poOld != &oSession)
+        {
+            continue;
+        }
+        const TZolVekKey uiKey = keyOf(oProbe.m_acRequest, zolVekRead16(oProbe.m_acRequest + VEK_AT_SRC_HANDLE));
+        const int iStatus = admit(*oProbe.m_poNewcomer, zolVekProcOf(uiKey));
+        if (iStatus != VEK_STATUS_ACCEPTED)
+        {
+            refuse(*oProbe.m_poNewcomer, oProbe.m_acRequest, iStatus);
+        }
+        else if (m_oRoutes.find(uiKey) == nullptr)
+        {
+            accept(*oProbe.m_poNewcomer, oProbe.m_acRequest, uiKey);
+        }
+        else
+        {
+            refuse(*oProbe.m_poNewcomer, oProbe.m_acRequest, VEK_STATUS_UP); // another newcomer was first
+        }
+        m_oAgenda.ready(*oProbe.m_poNewcomer);
+    }
+}
+
+void CZolVekRegistrar::accept(CZolVekSession &oSession, const char *pcRequest, TZolVekKey uiKey)
+{
+    oSession.m_eState = VEK_UP;
+    oSession.m_uiKey = uiKey;
+    m_oRoutes.add(uiKey, &oSession);
+    ++m_oStatistics.m_ulRegistered;
+    respond(oSession, pcRequest, zolVekHandleOf(uiKey), VEK_STATUS_ACCEPTED);
+    CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekRegistrar::accept", "%s is up, %zu in all",
+                     oSession.name().c_str(), m_oRoutes.size());
+}
+
+void CZolVekRegistrar::refuse(CZolVekSession &oSession, const char *pcRequest, int iStatus)
+{
+    oSession.m_eState = VEK_REFUSED;
+    switch (iStatus)
+    {
+    case VEK_STATUS_UP:
+        ++m_oStatistics.m_ulRefusedUp;
+        break;
+    case VEK_STATUS_FORBIDDEN:
+        ++m_oStatistics.m_ulRefusedId;
+        break;
+    case VEK_STATUS_FULL:
+        ++m_oStatistics.m_ulRefusedFull;
+        break;
+    default:
+        ++m_oStatistics.m_ulRefusedDrain;
+        break;
+    }
+    respond(oSession, pcRequest, zolVekRead16(pcRequest + VEK_AT_SRC_HANDLE), iStatus);
+    CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekRegistrar::refuse",
+                     "process %u handle %u from %s refused, status %d", zolVekRead16(pcRequest + VEK_AT_SRC_PROC),
+                     zolVekRead16(pcRequest + VEK_AT_SRC_HANDLE), oSession.name().c_str(), iStatus);
+}
+
+void CZolVekRegistrar::respond(CZolVekSession &oSession, const char *pcRequest, std::uint16_t usHandle, int iStatus)
+{
+    char acResponse[VEK_HEADER_BYTES + BODY_BYTES] = {};
+    acResponse[VEK_AT_VERSION] = pcRequest[VEK_AT_VERSION];
+    acResponse[VEK_AT_TYPE] = CZolMsgPdu::MSG_REGISTER;
+    std::memcpy(acResponse + VEK_AT_COMMAND, pcRequest + VEK_AT_COMMAND, 4);
+    std::memcpy(acResponse + VEK_AT_DEST_PROC, pcRequest + VEK_AT_SRC_PROC, 2);
+    zolVekWrite16(acResponse + VEK_AT_DEST_HANDLE, usHandle);
+    acResponse[VEK_AT_SRC_MODULE] = pcRequest[VEK_AT_DEST_MODULE];
+    acResponse[VEK_AT_DEST_MODULE] = pcRequest[VEK_AT_SRC_MODULE];
+    std::memcpy(acResponse + VEK_AT_SRC_TASK, pcRequest + VEK_AT_DEST_TASK, 2);
+    std::memcpy(acResponse + VEK_AT_DEST_TASK, pcRequest + VEK_AT_SRC_TASK, 2);
+    zolVekWrite16(acResponse + VEK_AT_HEADER_LENGTH, VEK_HEADER_BYTES);
+    zolVekWrite32(acResponse + VEK_AT_DATA_LENGTH, BODY_BYTES);
+    zolVekWrite32(acResponse + VEK_HEADER_BYTES, static_cast<std::uint32_t>(iStatus));
+    oSession.m_oOutbox.addCopy(acResponse, sizeof acResponse);
+    m_oAgenda.dirty(oSession);
+}

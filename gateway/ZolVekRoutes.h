@@ -1,0 +1,88 @@
+#ifndef ZOL_VEK_ROUTES_H
+#define ZOL_VEK_ROUTES_H
+
+#include "ZolVekFrame.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+class CZolVekSession;
+
+/// Which pipe leads to which process, and which handles are free.
+///
+/// Threads: the routing thread only.
+class CZolVekRoutes
+{
+public:
+    /// The pipe registered under exactly this id and handle, or null.
+    CZolVekSession *find(TZolVekKey uiKey) const;
+
+    /// A pipe for messages that name the id alone: the one with handle 0, else the one that the fewest sources use.
+    CZolVekSession *choose(std::uint16_t usProcID) const;
+
+    /// Enters a pipe under a key that is free.
+    void add(TZolVekKey uiKey, CZolVekSession *poSession);
+
+    /// How long a freed handle rests.
+    void rest(std::uint64_t ulRestMs) { m_ulRestMs = ulRestMs; }
+
+    /// Takes a pipe out. Its handle, if not 0, rests from ulNowMs on.
+    void remove(TZolVekKey uiKey, std::uint64_t ulNowMs);
+
+    /// One more (or one less) source uses the pipe of uiKey for messages that name its id alone.
+    void use(TZolVekKey uiKey, int iBy);
+
+    /// The lowest free handle of the id, from 1 on. One that still rests is taken only when no other is free, the
+    /// longest free first. False if all are in use.
+    bool allocate(std::uint16_t usProcID, std::uint64_t ulNowMs, std::uint16_t &usHandle);
+
+    /// Grows with every change, so that a source sees when a choice that it has kept may be wrong.
+    std::uint64_t generation() const { return m_ulGeneration; }
+
+    std::size_t size() const { return m_oByKey.size(); }
+
+    template <typename Function>
+    void forEach(Function fnEach) const
+    {
+        for (const auto &oPair : m_oByKey)
+        {
+            fnEach(oPair.second.m_poSession);
+        }
+    }
+
+private:
+    static constexpr unsigned int HANDLES = 65535; // 1 to 65534 are given out
+
+    struct SRoute
+    {
+        CZolVekSession *m_poSession;
+        unsigned int m_uiSources; // that use it for the id alone
+    };
+    struct SProcess
+    {
+        std::set<std::pair<unsigned int, TZolVekKey>> m_oBySources; // the pipes of the id, least used first
+        std::vector<bool> m_oTaken;                                 // by handle: in use, or at rest
+        unsigned int m_uiLowest = 1;                                // no handle below is free
+
+        // Since when, and which. An entry holds only while m_oFreedMs agrees with it: a process that brings a handle of
+        // its own may take one that rests.
+        std::deque<std::pair<std::uint64_t, std::uint16_t>> m_oResting;
+        std::unordered_map<std::uint16_t, std::uint64_t> m_oFreedMs;
+    };
+
+    SProcess &process(std::uint16_t usProcID);
+    void setTaken(SProcess &oProcess, unsigned int uiHandle, bool bTaken);
+    void wake(SProcess &oProcess, std::uint64_t ulNowMs);
+    bool takeRested(SProcess &oProcess, std::uint64_t ulFreedBefore, std::uint16_t &usHandle);
+
+    std::unordered_map<TZolVekKey, SRoute> m_oByKey;
+    std::unordered_map<std::uint16_t, std::unique_ptr<SProcess>> m_oProcesses;
+    std::uint64_t m_ulGeneration = 1;
+    std::uint64_t m_ulRestMs = 60000;
+};
+
+#endif
