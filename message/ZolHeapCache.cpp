@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <malloc.h>
 #include <new>
 #include <pthread.h>
 
@@ -90,92 +91,47 @@ unsigned int roundsOf(unsigned int uiClass)
     return static_cast<unsigned int>(std::clamp<std::size_t>(16384 / chunkBytes(uiClass), 4, SMagazine::CAPACITY));
 }
 
-void emptyToHeap(SMagazine *poMagazine)
-{
-    while (poMagazine->m_uiCount > 0)
-    {
-        deleteChunk(poMagazine->m_arrBlock[--poMagazine->m_uiCount]);
-    }
-}
-
-// Magazines of one class that no thread holds. Full ones are handed out in the reverse of the order that they came in:
-// the last one is the most likely to be in a cache of the processor.
-class alignas(64) CDepot
+// A list of magazines, last in first out: the last one is the most likely to be in a cache of the processor.
+class CMagazineStack
 {
 public:
-    SMagazine *takeFull()
+    void push(SMagazine *poMagazine)
     {
-        if (m_uiFull.load(std::memory_order_relaxed) == 0)
+        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+        poMagazine->m_poNext = m_poTop;
+        m_poTop = poMagazine;
+        m_uiCount.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    // Null if there is none; a growing process takes no lock to learn that.
+    SMagazine *pop()
+    {
+        if (m_uiCount.load(std::memory_order_relaxed) == 0)
         {
-            return nullptr; // a growing process takes no lock for what is not there
+            return nullptr;
         }
         ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-        SMagazine *const poMagazine = pop(m_poFull);
+        SMagazine *const poMagazine = m_poTop;
         if (poMagazine != nullptr)
         {
-            m_uiFull.fetch_sub(1, std::memory_order_relaxed);
+            m_poTop = poMagazine->m_poNext;
+            m_uiCount.fetch_sub(1, std::memory_order_relaxed);
         }
         return poMagazine;
-    }
-
-    void putFull(SMagazine *poMagazine)
-    {
-        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-        push(m_poFull, poMagazine);
-        m_uiFull.fetch_add(1, std::memory_order_relaxed);
-    }
-
-    SMagazine *takeEmpty()
-    {
-        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-        SMagazine *const poMagazine = pop(m_poEmpty);
-        m_uiEmpty -= poMagazine != nullptr ? 1 : 0;
-        return poMagazine;
-    }
-
-    // False if there are enough of them.
-    bool putEmpty(SMagazine *poMagazine)
-    {
-        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-        if (m_uiEmpty >= MAX_EMPTY)
-        {
-            return false;
-        }
-        push(m_poEmpty, poMagazine);
-        ++m_uiEmpty;
-        return true;
     }
 
 private:
-    static constexpr unsigned int MAX_EMPTY = 64;
-
-    static void push(SMagazine *&poHead, SMagazine *poMagazine)
-    {
-        poMagazine->m_poNext = poHead;
-        poHead = poMagazine;
-    }
-
-    static SMagazine *pop(SMagazine *&poHead)
-    {
-        SMagazine *const poMagazine = poHead;
-        if (poMagazine != nullptr)
-        {
-            poHead = poMagazine->m_poNext;
-        }
-        return poMagazine;
-    }
-
-    ACE_Thread_Mutex m_oLock;              // leaf: held for one push or pop
-    SMagazine *m_poFull = nullptr;         // guarded by m_oLock
-    SMagazine *m_poEmpty = nullptr;        // guarded by m_oLock
-    unsigned int m_uiEmpty = 0;            // guarded by m_oLock
-    std::atomic<unsigned int> m_uiFull{0}; // changed under m_oLock; a hint without it
+    ACE_Thread_Mutex m_oLock;               // leaf: held for one push or pop
+    SMagazine *m_poTop = nullptr;           // guarded by m_oLock
+    std::atomic<unsigned int> m_uiCount{0}; // changed under m_oLock; a hint without it
 };
 
 struct SDepots
 {
-    CDepot m_arrDepot[CLASSES];
-    std::atomic<std::size_t> m_uiBytes{0}; // of the blocks in all full magazines
+    CMagazineStack m_arrFull[CLASSES];       // with blocks of one class
+    CMagazineStack m_oEmpty;                 // of all classes
+    std::atomic<std::size_t> m_uiBytes{0};   // of the blocks in m_arrFull
+    std::atomic<std::size_t> m_uiDropped{0}; // bytes of all blocks that found no room, since the start
 };
 
 SDepots &depots()
@@ -184,11 +140,47 @@ SDepots &depots()
     return *poDepots;
 }
 
-void putEmpty(unsigned int uiClass, SMagazine *poMagazine)
+// Empty magazines are cut from slabs and never given back: at most some MiB in all, and they do not lie between the
+// messages.
+SMagazine *takeEmpty()
 {
-    if (!depots().m_arrDepot[uiClass].putEmpty(poMagazine))
+    SMagazine *const poMagazine = depots().m_oEmpty.pop();
+    if (poMagazine != nullptr)
     {
-        delete poMagazine;
+        return poMagazine;
+    }
+    const unsigned int uiSlab = 128;
+    char *const pcSlab = new (std::nothrow) char[uiSlab * sizeof(SMagazine)];
+    if (pcSlab == nullptr)
+    {
+        return nullptr;
+    }
+    for (unsigned int uiIndex = 1; uiIndex < uiSlab; ++uiIndex)
+    {
+        depots().m_oEmpty.push(new (pcSlab + uiIndex * sizeof(SMagazine)) SMagazine);
+    }
+    return new (pcSlab) SMagazine;
+}
+
+void putEmpty(SMagazine *poMagazine)
+{
+    depots().m_oEmpty.push(poMagazine);
+}
+
+// Gives the blocks of a magazine back to the heap. The heap by itself returns memory to the system only from its upper
+// end, where some block of the burst is always alive: it is asked to once for so many bytes.
+void drop(SMagazine *poMagazine, std::size_t uiBytes)
+{
+    const std::size_t uiTrimEvery = CZolHeapCache::MAX_DEPOT_BYTES / 2;
+    while (poMagazine->m_uiCount > 0)
+    {
+        deleteChunk(poMagazine->m_arrBlock[--poMagazine->m_uiCount]);
+    }
+    putEmpty(poMagazine);
+    const std::size_t uiBefore = depots().m_uiDropped.fetch_add(uiBytes, std::memory_order_relaxed);
+    if (uiBefore / uiTrimEvery != (uiBefore + uiBytes) / uiTrimEvery)
+    {
+        malloc_trim(0);
     }
 }
 
@@ -200,17 +192,16 @@ void putFull(unsigned int uiClass, SMagazine *poMagazine)
     const std::size_t uiBytes = poMagazine->m_uiCount * chunkBytes(uiClass);
     if (oDepots.m_uiBytes.fetch_add(uiBytes, std::memory_order_relaxed) + uiBytes <= CZolHeapCache::MAX_DEPOT_BYTES)
     {
-        oDepots.m_arrDepot[uiClass].putFull(poMagazine);
+        oDepots.m_arrFull[uiClass].push(poMagazine);
         return;
     }
     oDepots.m_uiBytes.fetch_sub(uiBytes, std::memory_order_relaxed);
-    emptyToHeap(poMagazine);
-    putEmpty(uiClass, poMagazine);
+    drop(poMagazine, uiBytes);
 }
 
 SMagazine *takeFull(unsigned int uiClass)
 {
-    SMagazine *const poMagazine = depots().m_arrDepot[uiClass].takeFull();
+    SMagazine *const poMagazine = depots().m_arrFull[uiClass].pop();
     if (poMagazine != nullptr)
     {
         depots().m_uiBytes.fetch_sub(poMagazine->m_uiCount * chunkBytes(uiClass), std::memory_order_relaxed);
@@ -279,7 +270,7 @@ private:
         }
         if (oSlot.m_poSecond != nullptr)
         {
-            putEmpty(uiClass, oSlot.m_poSecond);
+            putEmpty(oSlot.m_poSecond);
         }
         oSlot.m_poSecond = oSlot.m_poFirst;
         oSlot.m_poFirst = poFull;
@@ -295,11 +286,7 @@ private:
             std::swap(oSlot.m_poFirst, oSlot.m_poSecond);
             return true;
         }
-        SMagazine *poEmpty = depots().m_arrDepot[uiClass].takeEmpty();
-        if (poEmpty == nullptr)
-        {
-            poEmpty = new (std::nothrow) SMagazine;
-        }
+        SMagazine *const poEmpty = takeEmpty();
         if (poEmpty == nullptr)
         {
             return false;
@@ -316,13 +303,17 @@ private:
 
     static void giveBack(unsigned int uiClass, SMagazine *poMagazine)
     {
-        if (poMagazine != nullptr && poMagazine->m_uiCount > 0)
+        if (poMagazine == nullptr)
+        {
+            return;
+        }
+        if (poMagazine->m_uiCount > 0)
         {
             putFull(uiClass, poMagazine);
         }
         else
         {
-            delete poMagazine;
+            putEmpty(poMagazine);
         }
     }
 

@@ -13,11 +13,11 @@
 ///
 ///     consumer:  free -> its magazine, full -> depot of the class -> empty magazine of the producer -> alloc
 ///
-/// Memory:  a block carries a word in front that names its class. A magazine holds at most about 16 KiB worth of blocks
-///          (at least 4), a thread two of them for each class that it uses, all depots together at most
+/// Memory:  a block carries a word in front that names its class. A magazine holds about 16 KiB of blocks (at least 4
+///          and at most 128 of them), a thread two magazines of each class that it uses, all depots together at most
 ///          MAX_DEPOT_BYTES: the room of a full queue of messages, so that a second burst finds the blocks of the
-///          first. What does not fit goes back to the heap, as does all that a thread holds when it ends. A request
-///          above LARGEST is passed straight on.
+///          first. What does not fit goes back to the heap, and from there now and then to the system. A thread that
+///          ends leaves what it holds to the depots. A request above LARGEST is passed straight on.
 /// Threads: any. A block may be freed by another thread than took it, also by one whose cache is gone already.
 /// Errors:  null when the heap gives nothing. errno is left to the caller.
 class CZolHeapCache

@@ -1,0 +1,320 @@
+#include "ZolMemMan.h"
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+std::uint64_t freeBlocks(const CZolMemMan &oMan, unsigned int uiClass)
+{
+    std::uint64_t ulFree = 0;
+    std::uint64_t ulTotal = 0;
+    oMan.getPoolUse(uiClass, ulFree, ulTotal);
+    return ulFree;
+}
+
+void fill(void *pvMem, unsigned int uiSize)
+{
+    memset(pvMem, 0x5A, uiSize); // a sanitizer sees a block that is too small
+}
+
+} // namespace
+
+// The limits are inclusive, and each class serves only its own requests.
+TEST(MemManTest, ClassEdges)
+{
+    const struct
+    {
+        unsigned int uiSize, uiSmall, uiMedium, uiLarge; // what the request takes from each class
+    } aCases[] = {{1, 1, 0, 0},    {512, 1, 0, 0},    {513, 0, 1, 0},   {2048, 0, 1, 0},
+                  {2049, 0, 0, 1}, {131072, 0, 0, 1}, {131073, 0, 0, 0}};
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(oCase.uiSize);
+        CZolMemMan oMan(2, 2, 2);
+        void *const pvMem = oMan.allocMem(oCase.uiSize);
+        ASSERT_NE(nullptr, pvMem);
+        fill(pvMem, oCase.uiSize);
+        EXPECT_EQ(2 - oCase.uiSmall, freeBlocks(oMan, 0));
+        EXPECT_EQ(2 - oCase.uiMedium, freeBlocks(oMan, 1));
+        EXPECT_EQ(2 - oCase.uiLarge, freeBlocks(oMan, 2));
+        oMan.freeMem(pvMem);
+        EXPECT_EQ(6u, freeBlocks(oMan, 0) + freeBlocks(oMan, 1) + freeBlocks(oMan, 2));
+    }
+}
+
+// The link word counts: a message of 504 bytes is the largest small one, one of 2040 the largest of the pool.
+TEST(MemManTest, MessageEdges)
+{
+    CZolMemMan &oMan = *CZolMemMan::instance(256, 64, 0);
+    const struct
+    {
+        unsigned int uiTotal, uiSmall, uiMedium;
+    } aCases[] = {{28, 1, 0}, {504, 1, 0}, {505, 0, 1}, {2040, 0, 1}, {2041, 0, 0}};
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(oCase.uiTotal);
+        auto *poPdu = new (oCase.uiTotal) CZolMsgPdu;
+        ASSERT_NE(nullptr, poPdu);
+        fill(poPdu, oCase.uiTotal);
+        EXPECT_EQ(256 - oCase.uiSmall, freeBlocks(oMan, 0));
+        EXPECT_EQ(64 - oCase.uiMedium, freeBlocks(oMan, 1));
+        delete poPdu;
+        EXPECT_EQ(256u, freeBlocks(oMan, 0));
+        EXPECT_EQ(64u, freeBlocks(oMan, 1));
+    }
+}
+
+TEST(MemManTest, BlocksComeInAscendingOrderAndAreReusedOldestFirst)
+{
+    CZolMemMan oMan(4, 0, 0);
+    void *apvMem[4];
+    for (void *&pvMem : apvMem)
+    {
+        pvMem = oMan.allocMem(100);
+    }
+    for (unsigned int uiBlock = 1; uiBlock < 4; ++uiBlock)
+    {
+        EXPECT_EQ(static_cast<char *>(apvMem[uiBlock - 1]) + 512, apvMem[uiBlock]);
+    }
+    const unsigned int aOrder[] = {2, 0, 3, 1};
+    for (const unsigned int uiBlock : aOrder)
+    {
+        oMan.freeMem(apvMem[uiBlock]);
+    }
+    for (const unsigned int uiBlock : aOrder)
+    {
+        EXPECT_EQ(apvMem[uiBlock], oMan.allocMem(512));
+    }
+}
+
+// An empty class goes to the heap and not to its neighbour; what came from the heap never lands on a free list.
+TEST(MemManTest, ExhaustedClassFallsBackToTheHeap)
+{
+    CZolMemMan oMan(2, 2, 0);
+    void *const pvFirst = oMan.allocMem(10);
+    void *const pvSecond = oMan.allocMem(10);
+    void *const pvHeap = oMan.allocMem(10);
+    ASSERT_NE(nullptr, pvHeap);
+    fill(pvHeap, 10);
+    EXPECT_EQ(2u, freeBlocks(oMan, 1)) << "borrowed from the medium class";
+    oMan.freeMem(pvHeap);
+    EXPECT_EQ(0u, freeBlocks(oMan, 0));
+
+    oMan.freeMem(pvSecond);
+    EXPECT_EQ(1u, freeBlocks(oMan, 0));
+    EXPECT_EQ(pvSecond, oMan.allocMem(10));
+    oMan.freeMem(pvFirst);
+    oMan.freeMem(pvSecond);
+}
+
+TEST(MemManTest, NothingForNothing)
+{
+    CZolMemMan oMan(1, 1, 1);
+    EXPECT_EQ(nullptr, oMan.allocMem(0));
+    oMan.freeMem(nullptr);
+    EXPECT_EQ(1u, freeBlocks(oMan, 0));
+    EXPECT_EQ(nullptr, CZolMemBlock::getData(nullptr));
+    CZolMemBlock::freeMem(nullptr);
+}
+
+TEST(MemManTest, OutOfMemoryIsNullWithErrno)
+{
+    errno = 0;
+    // the size with the link word in front does not fit any more
+    EXPECT_EQ(nullptr, CZolMemBlock::allocMem(0xFFFFFFFF));
+    EXPECT_EQ(ENOMEM, errno);
+    errno = 0;
+    EXPECT_EQ(nullptr, new (0xFFFFFFFF) CZolMsgPdu);
+    EXPECT_EQ(ENOMEM, errno);
+}
+
+#ifndef ZOL_SANITIZED
+// A sanitizer's own allocator does not live with such a limit.
+TEST(MemManDeathTest, ExhaustedHeapIsNullWithErrno)
+{
+    const auto fnTry = []
+    {
+        const rlimit oLimit = {256 << 20, 256 << 20};
+        setrlimit(RLIMIT_AS, &oLimit);
+        errno = 0;
+        CZolMsgPdu *const poPdu = new (1u << 30) CZolMsgPdu;
+        const bool bRefused = poPdu == nullptr && errno == ENOMEM;
+        unsigned int uiSmall = 0; // cached sizes end as well
+        CZolMemBlock *poBlock = nullptr;
+        CZolMemList oList;
+        while ((poBlock = CZolMemBlock::allocMem(4000)) != nullptr)
+        {
+            oList.insert(poBlock);
+            ++uiSmall;
+        }
+        const bool bEnded = errno == ENOMEM && uiSmall > 1000;
+        oList.deleteAll();
+        poBlock = CZolMemBlock::allocMem(4000);
+        _exit(bRefused && bEnded && poBlock != nullptr ? 0 : 1);
+    };
+    EXPECT_EXIT(fnTry(), testing::ExitedWithCode(0), "");
+}
+#endif
+
+// A region beyond what its size word can tell is not made, and its class is served by the heap.
+TEST(MemManTest, RegionThatCannotBeHadLeavesTheHeap)
+{
+    errno = 0;
+    CZolMemMan oMan(2, 2, 0xFFFFFFFF);
+    EXPECT_EQ(ENOMEM, errno);
+    EXPECT_EQ(0u, freeBlocks(oMan, 2));
+    EXPECT_EQ(2u, freeBlocks(oMan, 1));
+    void *const pvMem = oMan.allocMem(100000);
+    ASSERT_NE(nullptr, pvMem);
+    fill(pvMem, 100000);
+    oMan.freeMem(pvMem);
+    EXPECT_EQ(0u, freeBlocks(oMan, 2));
+}
+
+TEST(MemManTest, FirstCallOfInstanceSetsTheCounts)
+{
+    CZolMemMan *const poFirst = CZolMemMan::instance(256, 64, 0);
+    EXPECT_EQ(poFirst, CZolMemMan::instance(1, 1, 1));
+    EXPECT_EQ(256u, freeBlocks(*poFirst, 0));
+    EXPECT_EQ(64u, freeBlocks(*poFirst, 1));
+    EXPECT_EQ(0u, freeBlocks(*poFirst, 2));
+}
+
+TEST(MemManTest, ListKeepsOrderAndSurvivesItsEdges)
+{
+    CZolMemList oList;
+    EXPECT_EQ(nullptr, oList.popHead());
+    oList.deleteHead();
+    oList.insert(nullptr);
+    EXPECT_EQ(0u, oList.m_ulCount);
+
+    CZolMemBlock *apoBlock[3];
+    for (CZolMemBlock *&poBlock : apoBlock)
+    {
+        poBlock = CZolMemBlock::allocMem(40);
+        poBlock->m_poNext = poBlock; // a stale link of an earlier list
+        oList.insert(poBlock);
+    }
+    EXPECT_EQ(3u, oList.m_ulCount);
+    EXPECT_EQ(apoBlock[0], oList.popHead());
+    EXPECT_EQ(apoBlock[1], apoBlock[0]->m_poNext) << "the link of a popped block keeps its value";
+    CZolMemBlock::freeMem(apoBlock[0]);
+    EXPECT_EQ(apoBlock[1], oList.popHead());
+    EXPECT_EQ(apoBlock[2], oList.popHead());
+    EXPECT_EQ(nullptr, oList.m_poHead);
+    EXPECT_EQ(nullptr, oList.m_poTail);
+    EXPECT_EQ(0u, oList.m_ulCount);
+
+    oList.insert(apoBlock[2]);
+    oList.insert(apoBlock[1]);
+    EXPECT_EQ(apoBlock[2], oList.m_poHead);
+    oList.deleteAll();
+    EXPECT_EQ(0u, oList.m_ulCount);
+    EXPECT_EQ(nullptr, oList.m_poTail);
+    EXPECT_EQ(256u, freeBlocks(*CZolMemMan::instance(), 0)) << "a block did not come back";
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+TEST(MemManDeathTest, UseAfterReleaseIsSeen)
+{
+    auto *poPdu = new (64) CZolMsgPdu;
+    poPdu->init();
+    volatile ACE_UINT32 *const puiWord = &poPdu->m_ulDataLength;
+    delete poPdu;
+    EXPECT_DEATH(*puiWord = 1, "use-after-poison");
+}
+#endif
+
+// Messages made by some threads and released by others, small and medium and large ones, more than the pool holds: no
+// block is handed out twice, and at the end every block of the pool is back.
+TEST(MemManTest, ManyThreadsShareThePool)
+{
+    const unsigned int THREADS = 4;
+    const unsigned int MESSAGES = 20000; // of each thread
+    CZolMemMan &oMan = *CZolMemMan::instance(256, 64, 0);
+    std::mutex oLock;
+    std::condition_variable oChanged;
+    CZolMemList oQueue;
+    bool bDone = false;
+    std::atomic<unsigned int> uiBroken{0};
+    std::atomic<unsigned int> uiTaken{0};
+
+    const auto fnProduce = [&](unsigned int uiThread)
+    {
+        const unsigned int aSizes[] = {28, 504, 505, 2040, 2041, 9000};
+        for (unsigned int uiMessage = 0; uiMessage < MESSAGES; ++uiMessage)
+        {
+            const unsigned int uiTotal = aSizes[uiMessage % 6];
+            auto *poPdu = new (uiTotal) CZolMsgPdu;
+            poPdu->init();
+            poPdu->m_ulCmdID = uiThread << 24 | uiMessage;
+            poPdu->m_ulDataLength = uiTotal - 28;
+            memset(reinterpret_cast<char *>(poPdu) + 28, static_cast<int>(poPdu->m_ulCmdID & 0xFF), uiTotal - 28);
+            std::unique_lock<std::mutex> oGuard(oLock);
+            oChanged.wait(oGuard, [&] { return oQueue.m_ulCount < 600; });
+            oQueue.insert(zolBlockOf(poPdu));
+            oChanged.notify_all();
+        }
+    };
+    const auto fnConsume = [&]
+    {
+        for (;;)
+        {
+            CZolMemBlock *poBlock = nullptr;
+            {
+                std::unique_lock<std::mutex> oGuard(oLock);
+                oChanged.wait(oGuard, [&] { return oQueue.m_ulCount > 0 || bDone; });
+                poBlock = oQueue.popHead();
+                oChanged.notify_all();
+            }
+            if (poBlock == nullptr)
+            {
+                return;
+            }
+            CZolMsgPdu *const poPdu = zolPduOf(poBlock);
+            const auto *const pcPayload = reinterpret_cast<const unsigned char *>(poPdu) + 28;
+            const unsigned char ucMark = poPdu->m_ulCmdID & 0xFF;
+            for (unsigned int uiByte = 0; uiByte < poPdu->m_ulDataLength; uiByte += 61)
+            {
+                uiBroken += pcPayload[uiByte] != ucMark;
+            }
+            ++uiTaken;
+            delete poPdu;
+        }
+    };
+
+    std::vector<std::thread> oProducers;
+    std::vector<std::thread> oConsumers;
+    for (unsigned int uiThread = 0; uiThread < THREADS; ++uiThread)
+    {
+        oProducers.emplace_back(fnProduce, uiThread);
+        oConsumers.emplace_back(fnConsume);
+    }
+    for (std::thread &oThread : oProducers)
+    {
+        oThread.join();
+    }
+    {
+        const std::lock_guard<std::mutex> oGuard(oLock);
+        bDone = true;
+        oChanged.notify_all();
+    }
+    for (std::thread &oThread : oConsumers)
+    {
+        oThread.join();
+    }
+    EXPECT_EQ(THREADS * MESSAGES, uiTaken);
+    EXPECT_EQ(0u, uiBroken);
+    EXPECT_EQ(256u, freeBlocks(oMan, 0));
+    EXPECT_EQ(64u, freeBlocks(oMan, 1));
+}
