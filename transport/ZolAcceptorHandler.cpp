@@ -276,6 +276,7 @@ int CZolAcceptorHandler::registPipe(CZolMsgPdu *poPdu, CZolConnection *poConn)
         // Answer and entry in one hold: whoever has seen the answer finds the pipe in the tables. The answer does not
         // wait for anything, 32 bytes to a fresh socket.
         ACE_WRITE_GUARD_RETURN(ACE_RW_Mutex, oGuard, poMgr->m_oConnLock, -1);
+        poMgr->pipesChanged(); // ends what threads know, before anybody can have seen the answer
         if (sendRegisterResponse(poConn->getStream(), poPdu, 0) == 0)
         {
             poConn->setOppProc(usProcID, usProcHandle);

@@ -172,8 +172,8 @@ private:
     void sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog);
     void sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *poLog);
 
-    HandleMap m_oHandleMap; // guarded by m_oConnLock; holds the references
-    long m_lLastHelloTime;  // poll thread
+    HandleMap m_oHandleMap;             // guarded by m_oConnLock; holds the references
+    std::atomic<long> m_lLastHelloTime; // written by the poll
     std::atomic<bool> m_bNoHandle{false};
     std::atomic<bool> m_bOwnHandle{false};
     std::atomic<unsigned short> m_usProcID{0};

@@ -1,0 +1,553 @@
+// The tables and the poll of the connection manager. Cycles are driven from a clock that the test moves; the thread of
+// the manager, with its first cycle after 20 s, comes too late to meddle.
+
+#include "transport/TransportTest.h"
+#include "transport/ZolSocket.h"
+
+#include <gtest/gtest.h>
+
+using namespace zoltest;
+
+namespace
+{
+
+class ConnMgrTest : public TransportTest
+{
+protected:
+    ConnMgrTest() : m_lNow(zolsocket::wallSeconds()) {}
+
+    // One cycle lSeconds after the last one, or at the start.
+    void cycle(long lSeconds = 20)
+    {
+        m_lNow += lSeconds;
+        mgr().runPollCycle(m_lNow, m_lLastPoll);
+    }
+
+    static CZolConnMgr &mgr() { return *CZolConnMgr::instance(); }
+
+    static CZolConnRef pipeTo(unsigned short usProc, unsigned short usHandle)
+    {
+        const std::unique_ptr<CZolMsgPdu> poPdu(newMessage(usProc, usHandle, 0, ""));
+        return mgr().chooseConnection(poPdu.get());
+    }
+
+    static CZolConnection::EnumPipeType typeTo(unsigned short usProc, unsigned short usHandle)
+    {
+        return pipeTo(usProc, usHandle)->getPipeType();
+    }
+
+    static bool send(unsigned short usProc, unsigned short usHandle, unsigned int uiCmd)
+    {
+        CZolMsgPdu *poPdu = newMessage(usProc, usHandle, uiCmd, "body");
+        return CZolAppMgr::instance()->sendAsynMsg(poPdu) == 0;
+    }
+
+    long m_lNow;
+    long m_lLastPoll = 0;
+};
+
+} // namespace
+
+TEST_F(ConnMgrTest, RunsAloneWithoutAGateway)
+{
+    ASSERT_EQ(0, start("VEKPort = 7100\n"));
+    EXPECT_FALSE(mgr().isConnected(0, 0));
+    EXPECT_EQ(CONN_STATUS_DOWN, CZolAppMgr::instance()->statusOfConnToVek());
+    run(
+        [&]
+        {
+            CZolMsgPdu *poPdu = newMessage(9, 0, 1, "");
+            EXPECT_EQ(ZOL_ERR_INTERRUPTED, CZolAppMgr::instance()->sendAsynMsg(poPdu));
+            cycle();
+            EXPECT_TRUE(logHas("fail to build a connect because the remote address is invalid."));
+            EXPECT_EQ("\nzOL Connection List: \n    OppProcID: 0, OppProcHandle: 0, PipeType: 0, OppAddr: 0.0.0.0, "
+                      "OppPortNumber: 0, PipeStatus: 0\n",
+                      mgr().dumpConnections());
+            EXPECT_EQ(-1, mgr().setVEKAddress("no such host", 1));
+            EXPECT_TRUE(logHas("CZolConnection::setRemoteAddr Invalid vek address. IP: no such host Port: 1"));
+            CRawGateway oGateway;
+            EXPECT_EQ(-5, CZolAppMgr::instance()->registerSubscribe(77, COLLECTOR, SINK));
+            EXPECT_EQ(0, mgr().setVEKAddress("127.0.0.1", oGateway.port()));
+            cycle();
+            EXPECT_TRUE(mgr().isConnected(0, 0));
+            EXPECT_EQ(CONN_STATUS_UP, CZolAppMgr::instance()->statusOfConnToVek());
+            EXPECT_EQ(1U, oGateway.countOfType(11)) << "the subscription was not made up for";
+        });
+}
+
+TEST_F(ConnMgrTest, StopsAStartThatTheGatewayRefuses)
+{
+    CRawGateway oGateway;
+    oGateway.setStatus(-9);
+    EXPECT_EQ(-1, start(oGateway.config()));
+    EXPECT_TRUE(logHas("CZolAppMgr::initAppMgr failed to connect to vEK, return code: -9"));
+}
+
+TEST_F(ConnMgrTest, StartsWithoutItsGatewayAndFindsItLater)
+{
+    const unsigned short usPort = freePort();
+    ASSERT_EQ(0, start("VEKAddress = 127.0.0.1\nVEKPort = " + std::to_string(usPort) + "\n"));
+    EXPECT_TRUE(logHas("CZolAppMgr::initAppMgr connect to vEK failed!"));
+    CRawGateway oGateway(usPort);
+    oGateway.setStatus(-9); // no longer a reason to stop
+    cycle();
+    EXPECT_FALSE(mgr().isConnected(0, 0));
+    oGateway.setStatus(0);
+    cycle();
+    EXPECT_TRUE(mgr().isConnected(0, 0));
+    EXPECT_EQ(OWN_HANDLE, mgr().getProcHandle());
+}
+
+TEST_F(ConnMgrTest, TakesTheHandleThatEachRegistrationAllocates)
+{
+    CRawGateway oGateway;
+    oGateway.setAllocated(501);
+    ASSERT_EQ(0, start(oGateway.config(), 0));
+    EXPECT_EQ(501, mgr().getProcHandle());
+    run(
+        [&]
+        {
+            oGateway.setAllocated(502);
+            oGateway.dropAll();
+            ASSERT_TRUE(waitConnected(0, 0, false));
+            cycle();
+            EXPECT_EQ(502, mgr().getProcHandle());
+            EXPECT_EQ(0, oGateway.frames().back().m_usSrcHandle) << "it asked for the handle that it had";
+            // and registers with a peer under 0 all the same
+            CRawListener oPeer;
+            SFrame oRequest;
+            std::thread oServer([&] { oPeer.acceptPipe(oRequest, 9, 1); });
+            EXPECT_EQ(0, mgr().initConn("127.0.0.1", oPeer.port(), CZolConnection::CONN_INITIATIVE));
+            oServer.join();
+            EXPECT_EQ(0, oRequest.m_usSrcHandle);
+        });
+}
+
+TEST_F(ConnMgrTest, DoesNotAskAPeerForAHandle)
+{
+    ASSERT_EQ(0, start("", 0));
+    CRawListener oPeer;
+    EXPECT_EQ(-1, mgr().initConn("127.0.0.1", oPeer.port(), CZolConnection::CONN_INITIATIVE));
+    EXPECT_FALSE(oPeer.accept(Milliseconds(0)).isOpen());
+    EXPECT_TRUE(logHas("forbidden to request opposite app to allocate prochandle. LocalProcID 7LocalProcHandle 0"));
+}
+
+TEST_F(ConnMgrTest, ReopensAPipeUnderItsNewSocketAndReplaysSubscriptions)
+{
+    CRawGateway oGateway;
+    ASSERT_EQ(0, start(oGateway.config()));
+    run(
+        [&]
+        {
+            CZolAppMgr *poAppMgr = CZolAppMgr::instance();
+            for (const unsigned int uiCmd : {30U, 10U, 20U, 10U})
+            {
+                EXPECT_EQ(0, poAppMgr->registerSubscribe(uiCmd, COLLECTOR, SINK));
+            }
+            EXPECT_EQ(0, poAppMgr->registerSubscribe(10, COLLECTOR, SINK + 1));
+            EXPECT_EQ(0, poAppMgr->cancelSubscribe(20, COLLECTOR, SINK));
+            for (int iTurn = 0; iTurn < 3; ++iTurn)
+            {
+                const std::size_t uiBefore = oGateway.frames().size();
+                oGateway.dropAll();
+                ASSERT_TRUE(waitConnected(0, 0, false));
+                cycle();
+                ASSERT_TRUE(mgr().isConnected(9, 0));
+                const auto oFrames = oGateway.frames();
+                ASSERT_EQ(uiBefore + 4, oFrames.size());
+                EXPECT_EQ(3, oFrames[uiBefore].m_ucType);
+                EXPECT_EQ(10U, oFrames[uiBefore + 1].m_ulCmd);
+                EXPECT_EQ(word32(COLLECTOR) + word32(SINK) + word32(10), oFrames[uiBefore + 1].m_strBody);
+                EXPECT_EQ(word32(COLLECTOR) + word32(SINK + 1) + word32(10), oFrames[uiBefore + 2].m_strBody);
+                EXPECT_EQ(30U, oFrames[uiBefore + 3].m_ulCmd);
+                oGateway.send(toSink(static_cast<unsigned int>(iTurn)));
+                ASSERT_TRUE(m_oInbox.waitFor(static_cast<std::size_t>(iTurn) + 1)) << "nobody reads the new socket";
+            }
+        });
+}
+
+TEST_F(ConnMgrTest, ConnectsAndShutsTheGatewayPipeOnDemand)
+{
+    CRawGateway oGateway;
+    ASSERT_EQ(0, start(oGateway.config()));
+    run(
+        [&]
+        {
+            EXPECT_EQ(0, mgr().connect2VEK()); // up already: nothing is entered twice
+            EXPECT_EQ(1U, countOf(mgr().dumpConnections(), "PipeType: 0"));
+            mgr().setVEKAddrStatus(false);
+            mgr().shutVEKConnect();
+            EXPECT_FALSE(mgr().isConnected(0, 0));
+            cycle();
+            EXPECT_FALSE(mgr().isConnected(0, 0)) << "it was told not to come back";
+            mgr().shutVEKConnect();
+            EXPECT_EQ(-1, mgr().connect2VEK());
+            mgr().setVEKAddrStatus(true);
+            EXPECT_EQ(0, mgr().connect2VEK());
+            cycle();
+            EXPECT_EQ(1U, countOf(mgr().dumpConnections(), "PipeType: 0"));
+            EXPECT_TRUE(waitUntil([&] { return oGateway.pipes() == 1; }));
+            oGateway.send(toSink(1));
+            EXPECT_TRUE(m_oInbox.waitFor(1));
+        });
+}
+
+TEST_F(ConnMgrTest, KeepsTryingAPeerThatWasNotThere)
+{
+    ASSERT_EQ(0, start());
+    const unsigned short usPort = freePort();
+    EXPECT_EQ(-1, mgr().initConn("127.0.0.1", usPort, CZolConnection::CONN_INITIATIVE));
+    EXPECT_FALSE(mgr().isProcRegistered(9, 1));
+    cycle();
+    CRawListener oListener(usPort);
+    SFrame oRequest;
+    CRawPipe oPeer;
+    std::thread oServer([&] { oPeer = oListener.acceptPipe(oRequest, 9, 1); });
+    cycle();
+    oServer.join();
+    EXPECT_TRUE(mgr().isProcRegistered(9, 1));
+    EXPECT_EQ(CZolConnection::CONN_INITIATIVE, typeTo(9, 1));
+    run(
+        [&]
+        {
+            ASSERT_TRUE(oPeer.send(toSink(1).wire()));
+            ASSERT_TRUE(m_oInbox.waitFor(1));
+            EXPECT_TRUE(send(9, 1, 5));
+            SFrame oFrame;
+            ASSERT_TRUE(oPeer.readFrame(oFrame));
+            EXPECT_EQ(5U, oFrame.m_ulCmd);
+            oPeer.close();
+            ASSERT_TRUE(waitConnected(9, 1, false));
+            EXPECT_TRUE(mgr().isProcRegistered(9, 1)) << "its key stays taken";
+        });
+}
+
+// The hello goes to the first active pipe, once in a period for the whole process; a passive end never begins.
+TEST_F(ConnMgrTest, SendsOneHelloInAPeriod)
+{
+    CRawGateway oGateway;
+    CRawListener oListener;
+    ASSERT_EQ(0, start(oGateway.config()));
+    listen();
+    SFrame oRequest;
+    CRawPipe oSecond;
+    std::thread oServer([&] { oSecond = oListener.acceptPipe(oRequest, 8, 1); });
+    ASSERT_EQ(0, mgr().initConn("127.0.0.1", oListener.port(), CZolConnection::CONN_INITIATIVE));
+    oServer.join();
+    run(
+        [&]
+        {
+            CRawPipe oPassive = peer();
+            const auto fnHellos = [&](unsigned int uiExpected)
+            { return waitUntil([&] { return oGateway.countOfType(4) >= uiExpected; }); };
+            cycle(0);
+            cycle(20);
+            cycle(39);
+            EXPECT_EQ(0U, oGateway.countOfType(4));
+            cycle(1); // 60 s after the start
+            EXPECT_TRUE(fnHellos(1));
+            cycle(59);
+            cycle(1);
+            EXPECT_TRUE(fnHellos(2));
+            cycle(-3600); // a clock set back does not end the hellos for an hour
+            EXPECT_TRUE(fnHellos(3));
+            cycle(20);
+            // anything that was sent before this came before it
+            EXPECT_TRUE(send(8, 1, 1));
+            EXPECT_TRUE(send(9, 1, 1));
+            SFrame oFrame;
+            ASSERT_TRUE(oSecond.readFrame(oFrame));
+            EXPECT_EQ(1, oFrame.m_ucType) << "a second active pipe got a hello";
+            ASSERT_TRUE(oPassive.readFrame(oFrame));
+            EXPECT_EQ(1, oFrame.m_ucType) << "a passive pipe got a hello";
+            EXPECT_EQ(3U, oGateway.countOfType(4));
+            const auto oFrames = oGateway.frames();
+            SFrame oExpected;
+            oExpected.m_ucType = 4;
+            oExpected.m_usSrcProc = OWN_PROC;
+            oExpected.m_usSrcHandle = OWN_HANDLE;
+            EXPECT_EQ(oExpected.wire(), oFrames.back().wire());
+        });
+}
+
+TEST_F(ConnMgrTest, ClosesWhatWasSilentFor180Seconds)
+{
+    ASSERT_EQ(0, start());
+    listen();
+    run(
+        [&]
+        {
+            CRawPipe oPeer = peer();
+            CZolConnRef oConn = pipeTo(9, 1);
+            cycle(0); // the first cycle is not trusted and stamps the pipe
+            oConn->setLastRecvTime(m_lNow + 20 - 179);
+            cycle();
+            EXPECT_TRUE(mgr().isConnected(9, 1));
+            oConn->setLastRecvTime(m_lNow + 20 - 180);
+            cycle();
+            EXPECT_FALSE(mgr().isConnected(9, 1));
+            EXPECT_TRUE(oPeer.waitClosed());
+            EXPECT_FALSE(mgr().isProcRegistered(9, 1));
+            EXPECT_EQ(0U, logCount("the system time maybe had been adjusted"));
+        });
+}
+
+TEST_F(ConnMgrTest, ClosesNothingForSilenceAfterAClockJump)
+{
+    ASSERT_EQ(0, start());
+    listen();
+    run(
+        [&]
+        {
+            CRawPipe oPeer = peer();
+            CZolConnRef oConn = pipeTo(9, 1);
+            cycle(0);
+            unsigned int uiWarnings = 0;
+            for (const long lJump : {7200L, -3600L, 60L, 0L})
+            {
+                SCOPED_TRACE(lJump);
+                oConn->setLastRecvTime(m_lNow - 500);
+                cycle(lJump);
+                EXPECT_TRUE(mgr().isConnected(9, 1));
+                EXPECT_EQ(m_lNow, oConn->getLastRecvTime()) << "it did not get a fresh 180 s";
+                ++uiWarnings;
+                EXPECT_TRUE(waitUntil(
+                    [&] {
+                        return logCount("the system time maybe had been adjusted, the last poll time: ") == uiWarnings;
+                    }));
+            }
+            oConn->setLastRecvTime(m_lNow + 1000); // from before the clock was set back
+            cycle(20);
+            EXPECT_EQ(m_lNow, oConn->getLastRecvTime());
+            cycle(59); // trusted again
+            oConn->setLastRecvTime(m_lNow - 200);
+            cycle(20);
+            EXPECT_FALSE(mgr().isConnected(9, 1));
+        });
+}
+
+TEST_F(ConnMgrTest, ClosesNothingForSilenceAtTheInitialStage)
+{
+    CRawGateway oGateway;
+    ASSERT_EQ(0, start(oGateway.config()));
+    cycle(0);
+    pipeTo(0, 0)->setLastRecvTime(m_lNow - 1000);
+    cycle(20);
+    EXPECT_TRUE(mgr().isConnected(0, 0));
+}
+
+// Peers that swallow a connection cost one wait for all of them, and nobody else is held up meanwhile.
+TEST_F(ConnMgrTest, ReopensManyPipesAtOnce)
+{
+    ASSERT_EQ(0, start());
+    listen();
+    std::vector<std::unique_ptr<CRawListener>> oSilent;
+    std::vector<std::thread> oOpening;
+    for (int i = 0; i < 6; ++i)
+    {
+        oSilent.push_back(std::make_unique<CRawListener>());
+        oOpening.emplace_back([&, usPort = oSilent.back()->port()]
+                              { EXPECT_EQ(-1, mgr().initConn("127.0.0.1", usPort, CZolConnection::CONN_INITIATIVE)); });
+    }
+    for (std::thread &oThread : oOpening)
+    {
+        oThread.join();
+    }
+    run(
+        [&]
+        {
+            CRawPipe oPeer = peer();
+            const auto oBegin = std::chrono::steady_clock::now();
+            std::atomic<bool> bDone{false};
+            std::thread oPoll(
+                [&]
+                {
+                    cycle();
+                    bDone = true;
+                });
+            unsigned int uiSent = 0;
+            while (!bDone && uiSent < 100)
+            {
+                ASSERT_TRUE(send(9, 1, uiSent++)); // and meanwhile messages flow
+                SFrame oFrame;
+                ASSERT_TRUE(oPeer.readFrame(oFrame));
+            }
+            EXPECT_EQ(100U, uiSent);
+            oPoll.join();
+            EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(15)) << "they waited in turn";
+        });
+}
+
+TEST_F(ConnMgrTest, PrefersADirectPipeAndFallsBackToTheGateway)
+{
+    CRawGateway oGateway;
+    ASSERT_EQ(0, start(oGateway.config()));
+    listen();
+    run(
+        [&]
+        {
+            EXPECT_TRUE(mgr().isConnected(9, 1));
+            EXPECT_EQ(CZolConnection::CONN_VEK, typeTo(9, 1));
+            CRawPipe oPeer = peer();
+            EXPECT_EQ(CZolConnection::CONN_PASSIVE, typeTo(9, 1));
+            EXPECT_EQ(CZolConnection::CONN_VEK, typeTo(9, 0)) << "handle 0 is another key";
+            EXPECT_EQ(CZolConnection::CONN_VEK, typeTo(10, 1));
+            oPeer.close();
+            EXPECT_TRUE(waitUntil([&] { return typeTo(9, 1) == CZolConnection::CONN_VEK; }));
+            EXPECT_TRUE(mgr().isConnected(9, 1));
+            EXPECT_TRUE(send(9, 1, 4712));
+            EXPECT_TRUE(waitUntil([&] { return oGateway.countOfType(1) == 1; }));
+        });
+}
+
+// Many threads that ask all the time must not keep a pipe from leaving the tables.
+TEST_F(ConnMgrTest, ForgetsAPipeWhileManyThreadsAsk)
+{
+    ASSERT_EQ(0, start());
+    listen();
+    run(
+        [&]
+        {
+            std::atomic<bool> bEnd{false};
+            std::vector<std::thread> oAsking;
+            for (unsigned short i = 0; i < 16; ++i)
+            {
+                oAsking.emplace_back(
+                    [&, i]
+                    {
+                        while (!bEnd)
+                        {
+                            mgr().isConnected(static_cast<unsigned short>(9 + i % 2), 1);
+                            mgr().isProcRegistered(9, i);
+                            pipeTo(9, 1);
+                        }
+                    });
+            }
+            for (int i = 0; i < 20; ++i)
+            {
+                CRawPipe oPeer = peer();
+                EXPECT_TRUE(waitConnected(9, 1));
+                oPeer.close();
+                EXPECT_TRUE(waitUntil([&] { return !mgr().isProcRegistered(9, 1); }));
+            }
+            bEnd = true;
+            for (std::thread &oThread : oAsking)
+            {
+                oThread.join();
+            }
+        });
+}
+
+// Pipes come and go by the hundred, closed from every side, while messages flow on one that must not be touched: a
+// descriptor that is used again must never be taken for its last owner.
+TEST_F(ConnMgrTest, SurvivesAChurnOfPipes)
+{
+    ASSERT_EQ(0, start());
+    listen();
+    run(
+        [&]
+        {
+            CRawPipe oSteady = peer(8, 1);
+            std::atomic<bool> bEnd{false};
+            std::thread oCloser(
+                [&]
+                {
+                    for (long i = 0; !bEnd; ++i)
+                    {
+                        const CZolConnRef oConn = pipeTo(9, static_cast<unsigned short>(i % 4));
+                        if (oConn->getPipeType() == CZolConnection::CONN_PASSIVE)
+                        {
+                            mgr().closePipe(oConn.get(), oConn->getLife());
+                        }
+                    }
+                });
+            std::thread oSender(
+                [&]
+                {
+                    while (!bEnd)
+                    {
+                        send(9, 2, 1);
+                        std::this_thread::yield();
+                    }
+                });
+            std::vector<std::thread> oPeers;
+            for (unsigned short usHandle = 0; usHandle < 4; ++usHandle)
+            {
+                oPeers.emplace_back(
+                    [&, usHandle]
+                    {
+                        for (int i = 0; i < 60; ++i)
+                        {
+                            CRawPipe oPipe = CRawPipe::connectTo(m_usPort);
+                            oPipe.registerAs(9, usHandle);
+                            oPipe.send(toSink(1, "churn").wire() + toSink(2).wire().substr(0, 20));
+                            if (i % 3 == 0)
+                            {
+                                oPipe.resetOnClose();
+                            }
+                        }
+                    });
+            }
+            for (std::thread &oThread : oPeers)
+            {
+                oThread.join();
+            }
+            bEnd = true;
+            oCloser.join();
+            oSender.join();
+            m_oInbox.clear();
+            ASSERT_TRUE(oSteady.send(toSink(4711).wire()));
+            EXPECT_TRUE(waitUntil([&] { return m_oInbox.count() > 0 && m_oInbox.all().back().m_ulCmd == 4711; }));
+            EXPECT_TRUE(mgr().isConnected(8, 1));
+            EXPECT_TRUE(waitUntil([&] { return countOf(mgr().dumpConnections(), "OppProcID: 9") == 0; }));
+        });
+}
+
+// Two processes that open a pipe to each other before either serves its port: both give up after 5 s.
+TEST_F(ConnMgrTest, EndsAConnectToAPortThatNobodyServesYet)
+{
+    ASSERT_EQ(0, start());
+    listen(); // the reactor does not run, so this process is such a peer of its own
+    const auto oBegin = std::chrono::steady_clock::now();
+    EXPECT_EQ(-1, mgr().initConn("127.0.0.1", m_usPort, CZolConnection::CONN_INITIATIVE));
+    EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(15));
+}
+
+// The one thread of a manager takes pipes down and opens them while the reactor waits on the full queue of that very
+// manager: neither may wait for the other.
+TEST_F(ConnMgrTest, LetsATaskControlPipesWhileItsOwnQueueIsFull)
+{
+    CRawGateway oGateway;
+    ASSERT_EQ(0, start(oGateway.config() + "ZOLQueueSize = 1\n"));
+    listen();
+    run(
+        [&]
+        {
+            CRawPipe oPeer = peer();
+            std::unique_lock<std::mutex> oClosed(m_oGate); // the task is in its handler
+            std::thread oFlood(
+                [&]
+                {
+                    const std::string strFrame = toSink(1, std::string(1 << 20, 'x')).wire();
+                    for (int i = 0; i < 40 && oPeer.send(strFrame); ++i)
+                    {
+                    }
+                });
+            CZolTaskMgr *poManager = CZolAppMgr::instance()->findTaskMgr(COLLECTOR);
+            ASSERT_TRUE(waitUntil([&] { return poManager->getBytesOfBufferMsg() >= 26214400; }));
+            // what such a handler would do, on its thread's behalf
+            const auto oBegin = std::chrono::steady_clock::now();
+            mgr().shutVEKConnect();
+            EXPECT_EQ(0, mgr().connect2VEK());
+            const CZolConnRef oConn = pipeTo(9, 1);
+            mgr().closePipe(oConn.get(), oConn->getLife()); // the pipe that the reactor is reading
+            EXPECT_FALSE(mgr().isProcRegistered(9, 1));
+            EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(5));
+            oClosed.unlock();
+            oFlood.join();
+            CRawPipe oAgain = peer();
+            m_oInbox.clear();
+            ASSERT_TRUE(oAgain.send(toSink(4711).wire()));
+            EXPECT_TRUE(waitUntil([&] { return m_oInbox.count() > 0 && m_oInbox.all().back().m_ulCmd == 4711; }));
+        });
+}

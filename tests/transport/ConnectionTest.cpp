@@ -1,0 +1,252 @@
+// The active end of a pipe: the register exchange, its refusals and its limits, and the life of a connection.
+
+#include "transport/TransportTest.h"
+#include "transport/ZolConnection.h"
+
+#include <gtest/gtest.h>
+
+using namespace zoltest;
+
+namespace
+{
+
+class ConnectionTest : public TransportTest
+{
+protected:
+    // Runs connect() against a listener that does fnServe with the connection that comes.
+    int connectTo(const std::function<void(CRawListener &)> &fnServe,
+                  CZolConnection::EnumPipeType eType = CZolConnection::CONN_INITIATIVE)
+    {
+        CRawListener oListener;
+        m_oConn = CZolConnRef::adopt(new CZolConnection(eType, "127.0.0.1", oListener.port()));
+        std::thread oServer([&] { fnServe(oListener); });
+        const int iResult = m_oConn->connect();
+        oServer.join();
+        return iResult;
+    }
+
+    // The request of a process that started in one of the three modes.
+    void expectRegister(unsigned short usHandle, bool bNoHandle, const std::string &strHandles,
+                        const std::string &strBody);
+
+    CZolConnRef m_oConn;
+};
+
+std::string hex(const std::string &strBytes)
+{
+    std::string strText;
+    for (const char cByte : strBytes)
+    {
+        char acText[4];
+        snprintf(acText, sizeof acText, "%02X ", static_cast<unsigned char>(cByte));
+        strText += acText;
+    }
+    return strText;
+}
+
+void ConnectionTest::expectRegister(unsigned short usHandle, bool bNoHandle, const std::string &strHandles,
+                                    const std::string &strBody)
+{
+    ASSERT_EQ(0, start("", usHandle, bNoHandle));
+    SFrame oRequest;
+    EXPECT_EQ(0, connectTo([&](CRawListener &oListener) { oListener.acceptPipe(oRequest, 9, 4); }));
+    EXPECT_EQ("01 03 00 00 00 00 00 00 00 07 00 00 " + strHandles + "00 00 00 00 00 00 00 1C 00 00 00 04 " + strBody,
+              hex(oRequest.wire()));
+    EXPECT_TRUE(m_oConn->getPipeStatus());
+    EXPECT_EQ(9, m_oConn->getOppProcID());
+    EXPECT_EQ(4, m_oConn->getOppProcHandle());
+}
+
+} // namespace
+
+TEST_F(ConnectionTest, RegistersByteForByteWithItsOwnHandle)
+{
+    expectRegister(3, false, "00 03 00 00 ", "00 00 00 00 ");
+}
+
+TEST_F(ConnectionTest, RegistersByteForByteWithoutAHandle)
+{
+    expectRegister(3, true, "00 00 00 00 ", "00 00 00 01 ");
+}
+
+TEST_F(ConnectionTest, RegistersByteForByteForAHandleToBeAllocated)
+{
+    expectRegister(0, false, "00 00 00 00 ", "00 00 00 00 ");
+}
+
+TEST_F(ConnectionTest, PassesARefusalOn)
+{
+    ASSERT_EQ(0, start());
+    for (const int iStatus : {-8, -9, -10, -1, 7, -2147483647})
+    {
+        SFrame oRequest;
+        bool bClosed = false;
+        EXPECT_EQ(iStatus, connectTo([&](CRawListener &oListener)
+                                     { bClosed = oListener.acceptPipe(oRequest, 9, 4, iStatus).waitClosed(); }));
+        EXPECT_TRUE(bClosed);
+        EXPECT_FALSE(m_oConn->getPipeStatus());
+        EXPECT_TRUE(logHas("CZolConnection::connect Register failed! Error: " + std::to_string(iStatus)));
+    }
+}
+
+// Whatever else comes instead of an answer, the pipe is not up, and the socket is closed.
+TEST_F(ConnectionTest, FailsWithoutAProperAnswer)
+{
+    ASSERT_EQ(0, start());
+    SFrame oOtherType = registerFrame(9, 4);
+    oOtherType.m_ucType = 2;
+    const std::string strAnswer = registerFrame(9, 4).wire();
+    EXPECT_EQ(-1, connectTo(
+                      [&](CRawListener &oListener)
+                      {
+                          CRawPipe oPipe = oListener.accept();
+                          oPipe.read(32);
+                          oPipe.send(oOtherType.wire());
+                          EXPECT_TRUE(oPipe.waitClosed());
+                      }));
+    EXPECT_TRUE(logHas("Unknown type of response message for register process!"));
+    for (std::size_t uiCut = 0; uiCut < 32; ++uiCut)
+    {
+        EXPECT_EQ(-1, connectTo(
+                          [&](CRawListener &oListener)
+                          {
+                              CRawPipe oPipe = oListener.accept();
+                              oPipe.read(32);
+                              oPipe.send(strAnswer.substr(0, uiCut));
+                          }))
+            << "cut at " << uiCut;
+    }
+    EXPECT_FALSE(m_oConn->getPipeStatus());
+    EXPECT_TRUE(logHas("recv response of register failed, error: 104, "));
+    EXPECT_EQ(-1, m_oConn->connect()) << "nothing listens any more";
+    EXPECT_TRUE(logHas("connect failed, error: 111, "));
+}
+
+// A far end that accepts and then drips has 5 s for the whole exchange, not 5 s for each byte.
+TEST_F(ConnectionTest, GivesASilentListenerFiveSeconds)
+{
+    ASSERT_EQ(0, start());
+    std::atomic<bool> bDone{false};
+    const auto oBegin = std::chrono::steady_clock::now();
+    EXPECT_EQ(-1, connectTo(
+                      [&](CRawListener &oListener)
+                      {
+                          CRawPipe oPipe = oListener.accept();
+                          while (!bDone && oPipe.send("x"))
+                          {
+                              bDone =
+                                  oPipe.read(33, Milliseconds(500)).size() == 0 && oPipe.waitClosed(Milliseconds(0));
+                          }
+                      }));
+    const auto oTook = std::chrono::steady_clock::now() - oBegin;
+    EXPECT_GE(oTook, std::chrono::milliseconds(4900));
+    EXPECT_LT(oTook, std::chrono::seconds(15));
+    EXPECT_TRUE(logHas("recv response of register failed, error: 62, "));
+}
+
+TEST_F(ConnectionTest, TakesAnAnswerThatComesInPieces)
+{
+    ASSERT_EQ(0, start());
+    EXPECT_EQ(0, connectTo(
+                     [&](CRawListener &oListener)
+                     {
+                         CRawPipe oPipe = oListener.accept();
+                         oPipe.read(32);
+                         for (const char cByte : registerFrame(9, 4).wire())
+                         {
+                             oPipe.send(std::string(1, cByte));
+                             std::this_thread::yield();
+                         }
+                     }));
+}
+
+TEST_F(ConnectionTest, RefusesAnAddressThatCannotBeUsed)
+{
+    ASSERT_EQ(0, start());
+    const char *const pcWarning = "fail to build a connect because the remote address is invalid.";
+    for (const char *pcHost : {"", "no such host"})
+    {
+        const CZolConnRef oConn = CZolConnRef::adopt(new CZolConnection(CZolConnection::CONN_INITIATIVE, pcHost, 1));
+        EXPECT_EQ(-1, oConn->connect());
+    }
+    EXPECT_TRUE(waitUntil([&] { return logCount(pcWarning) == 2; }));
+
+    CRawListener oListener;
+    SFrame oRequest;
+    const CZolConnRef oConn =
+        CZolConnRef::adopt(new CZolConnection(CZolConnection::CONN_INITIATIVE, "127.0.0.1", oListener.port()));
+    oConn->setAddrStatus(false);
+    EXPECT_EQ(-1, oConn->connect());
+    EXPECT_EQ(-1, oConn->setRemoteAddr("no such host", 1));
+    EXPECT_EQ(-1, oConn->connect());
+    EXPECT_TRUE(waitUntil([&] { return logCount(pcWarning) == 4; }));
+    EXPECT_FALSE(oListener.accept(Milliseconds(0)).isOpen());
+    oConn->setAddrStatus(true); // the good address was not overwritten
+    std::thread oServer([&] { oListener.acceptPipe(oRequest, 9, 4); });
+    EXPECT_EQ(0, oConn->connect());
+    oServer.join();
+    EXPECT_EQ("    OppProcID: 9, OppProcHandle: 4, PipeType: 1, OppAddr: 127.0.0.1, OppPortNumber: " +
+                  std::to_string(oListener.port()) + ", PipeStatus: 1",
+              oConn->toString());
+}
+
+TEST_F(ConnectionTest, StaysAsItIsWhenItIsUpAlready)
+{
+    ASSERT_EQ(0, start());
+    CRawPipe oPipe;
+    SFrame oRequest;
+    ASSERT_EQ(0, connectTo([&](CRawListener &oListener) { oPipe = oListener.acceptPipe(oRequest, 9, 4); }));
+    EXPECT_EQ(0, m_oConn->connect());
+    EXPECT_TRUE(logHas("CZolConnection::connect the connect is valid already. OppAddr: 127.0.0.1, OppPort: "));
+    EXPECT_EQ("", oPipe.read(1, Milliseconds(0)));
+}
+
+TEST_F(ConnectionTest, BeginsEachLifeWithNothingReceived)
+{
+    ASSERT_EQ(0, start());
+    SFrame oPart = toSink(1, "half a message");
+    SFrame oBlock = toSink(2, "block");
+    oBlock.m_ucType = 6;
+    oBlock.m_usSegment = 1;
+    CRawListener oListener;
+    m_oConn = CZolConnRef::adopt(new CZolConnection(CZolConnection::CONN_INITIATIVE, "127.0.0.1", oListener.port()));
+    for (int iLife = 0; iLife < 3; ++iLife)
+    {
+        CRawPipe oPipe;
+        SFrame oRequest;
+        std::thread oServer([&] { oPipe = oListener.acceptPipe(oRequest, 9, 4); });
+        ASSERT_EQ(0, m_oConn->connect());
+        oServer.join();
+        ASSERT_TRUE(oPipe.send(oBlock.wire() + oPart.wire().substr(0, 31)));
+        EXPECT_EQ(0, m_oConn->receive());
+        m_oConn->disconnect();
+        EXPECT_TRUE(oPipe.waitClosed());
+        EXPECT_EQ(-1, m_oConn->send("x", 1));
+        EXPECT_EQ(-1, m_oConn->receive());
+    }
+    EXPECT_TRUE(waitUntil([&] { return logCount("big message block receive, ") == 3; }))
+        << "a block of an earlier life was still there";
+    EXPECT_EQ(0U, logCount("disordered"));
+    EXPECT_TRUE(logHas("CZolConnection::disconnect disconnect finished. OppProcID: 9 OppProcHandle: 4 OppAddr: "
+                       "127.0.0.1 OppPortNumber: "));
+}
+
+// Half a batch on the wire and then nothing for 200 s is not what this can wait for: the far end goes.
+TEST_F(ConnectionTest, EndsARunningSendWhenThePipeGoesDown)
+{
+    ASSERT_EQ(0, start());
+    CRawPipe oPipe;
+    SFrame oRequest;
+    ASSERT_EQ(0, connectTo([&](CRawListener &oListener) { oPipe = oListener.acceptPipe(oRequest, 9, 4); }));
+    const std::string strLarge(64 << 20, 'x'); // more than the two socket buffers take
+    std::atomic<int> iResult{1};
+    CZolConnection::SSendOutcome oOutcome{};
+    std::thread oSender([&] { iResult = m_oConn->send(strLarge.data(), 64 << 20, &oOutcome); });
+    EXPECT_EQ(1U, oPipe.read(1).size()); // it is on its way
+    EXPECT_TRUE(m_oConn->takeDown());
+    EXPECT_FALSE(m_oConn->takeDown());
+    m_oConn->disconnect(); // waits for the sender to leave
+    oSender.join();
+    EXPECT_EQ(-1, iResult);
+    EXPECT_GT(oOutcome.m_uiSent, 0U);
+}

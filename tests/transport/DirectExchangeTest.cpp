@@ -1,0 +1,279 @@
+// Direct requests, from both sides: the client against a server made by hand, the server against a client made by hand,
+// and both together.
+
+#include "ZolListener.h"
+#include "transport/TransportTest.h"
+#include "transport/ZolAcceptorHandler.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <stdexcept>
+
+using namespace zoltest;
+
+namespace
+{
+
+enum EnumListenerCommand : unsigned int
+{
+    ECHO = 1,
+    STAY_SILENT = 2,
+    THROW = 3,
+    LARGE = 4 // 64 MB, whether the caller reads them or not
+};
+
+class CEcho : public CZolListener
+{
+public:
+    int handleP2PMsg(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse) override
+    {
+        if (poRequest->m_ulCmdID == THROW)
+        {
+            throw std::runtime_error("out of sorts");
+        }
+        if (poRequest->m_ulCmdID != STAY_SILENT)
+        {
+            const std::string strBody = poRequest->m_ulCmdID == LARGE ? std::string(64 << 20, 'l') : bodyOf(*poRequest);
+            poResponse = newMessage(9, 1, poRequest->m_ulCmdID, strBody, CZolMsgPdu::MSG_RESPONSE);
+        }
+        return 0;
+    }
+};
+
+class DirectExchangeTest : public TransportTest
+{
+protected:
+    // One exchange with the port usPort of this machine.
+    static int exchange(unsigned short usPort, CZolMsgPdu *poRequest, std::string *pstrBody, int iConn = 5000,
+                        int iRecv = 5000)
+    {
+        CZolMsgPdu *poResponse = nullptr;
+        const int iResult = CZolConnMgr::instance()->sendP2PMsg(
+            htonl(INADDR_LOOPBACK), usPort, poRequest, pstrBody != nullptr ? &poResponse : nullptr, iConn, iRecv);
+        EXPECT_EQ(nullptr, poRequest);
+        EXPECT_EQ(pstrBody != nullptr && iResult == 0, poResponse != nullptr);
+        if (poResponse != nullptr)
+        {
+            *pstrBody = bodyOf(*poResponse);
+            delete poResponse;
+        }
+        return iResult;
+    }
+
+    static CZolMsgPdu *request(unsigned int uiCmd, const std::string &strBody = "")
+    {
+        return newMessage(9, 1, uiCmd, strBody);
+    }
+
+    // An exchange against a server that does fnServe with the connection that comes.
+    static int exchangeWith(const std::function<void(CRawPipe &)> &fnServe, std::string *pstrBody, int iRecv = 5000)
+    {
+        CRawListener oListener;
+        std::thread oServer(
+            [&]
+            {
+                CRawPipe oPipe = oListener.accept();
+                fnServe(oPipe);
+            });
+        const int iResult = exchange(oListener.port(), request(ECHO, "question"), pstrBody, 5000, iRecv);
+        oServer.join();
+        return iResult;
+    }
+
+    void serveListener(const std::function<void()> &fnBody)
+    {
+        ASSERT_EQ(0, start());
+        listen();
+        CZolConnMgr::instance()->setListener(&m_oListener);
+        run(fnBody);
+    }
+
+    CEcho m_oListener;
+};
+
+} // namespace
+
+TEST_F(DirectExchangeTest, CarriesBodiesOfEverySizeBothWays)
+{
+    serveListener(
+        [&]
+        {
+            for (const std::size_t uiLength : {0U, 1U, 8188U, 100000U, 5000000U})
+            {
+                const std::string strBody = pattern(uiLength);
+                std::string strAnswer;
+                EXPECT_EQ(ZOL_OK, exchange(m_usPort, request(ECHO, strBody), &strAnswer));
+                EXPECT_TRUE(strAnswer == strBody) << uiLength << " bytes";
+            }
+            EXPECT_EQ(ZOL_OK, exchange(m_usPort, request(ECHO, "one way"), nullptr));
+        });
+}
+
+TEST_F(DirectExchangeTest, ServesAClientMadeByHand)
+{
+    serveListener(
+        [&]
+        {
+            SFrame oRequest = toSink(ECHO, "hello");
+            oRequest.m_usHeader = 99; // only the 28 bytes of the header exist here, whatever it says
+            for (int i = 0; i < 3; ++i)
+            {
+                CRawPipe oPipe = CRawPipe::connectTo(m_usPort);
+                for (const char cByte : oRequest.wire())
+                {
+                    ASSERT_TRUE(oPipe.send(std::string(1, cByte)));
+                }
+                SFrame oResponse;
+                ASSERT_TRUE(oPipe.readFrame(oResponse));
+                EXPECT_EQ("hello", oResponse.m_strBody);
+                EXPECT_EQ(2, oResponse.m_ucType);
+                EXPECT_EQ("", oPipe.read(1)) << "one exchange on each connection";
+            }
+        });
+}
+
+TEST_F(DirectExchangeTest, FailsWhenTheListenerDoesNotAnswer)
+{
+    serveListener(
+        [&]
+        {
+            std::string strAnswer;
+            EXPECT_EQ(ZOL_ERR_FAILED, exchange(m_usPort, request(STAY_SILENT), &strAnswer));
+            EXPECT_EQ(ZOL_ERR_FAILED, exchange(m_usPort, request(THROW), &strAnswer));
+            EXPECT_TRUE(logHas("out of sorts"));
+            EXPECT_EQ(ZOL_OK, exchange(m_usPort, request(ECHO), &strAnswer));
+            CZolConnMgr::instance()->setListener(nullptr);
+            EXPECT_EQ(ZOL_ERR_FAILED, exchange(m_usPort, request(ECHO), &strAnswer));
+            EXPECT_TRUE(logHas("CZolConnMgr::recvP2PMsg there is no P2P listener."));
+        });
+}
+
+TEST_F(DirectExchangeTest, ClosesARequestAtTheInitialStage)
+{
+    ASSERT_EQ(0, start());
+    listen();
+    CRawPipe oPipe = CRawPipe::connectTo(m_usPort);
+    ASSERT_TRUE(oPipe.send(toSink(ECHO, "too early").wire()));
+    CZolAcceptorHandler::instance()->handle_input(ACE_INVALID_HANDLE);
+    EXPECT_EQ("", oPipe.read(1));
+}
+
+TEST_F(DirectExchangeTest, RefusesWrongArguments)
+{
+    ASSERT_EQ(0, start());
+    CZolConnMgr *poMgr = CZolConnMgr::instance();
+    CZolMsgPdu *poNone = nullptr;
+    EXPECT_EQ(ZOL_ERR_FAILED, poMgr->sendP2PMsg(htonl(INADDR_LOOPBACK), 1, poNone, nullptr, 1, 1));
+    CZolMsgPdu *poKept = request(ECHO);
+    EXPECT_EQ(ZOL_ERR_FAILED, poMgr->sendP2PMsg(htonl(INADDR_LOOPBACK), 1, poKept, nullptr, -1, 1));
+    EXPECT_EQ(ZOL_ERR_FAILED, poMgr->sendP2PMsg(htonl(INADDR_LOOPBACK), 1, poKept, nullptr, 1, -1));
+    ASSERT_NE(nullptr, poKept) << "refused arguments leave the request with the caller";
+    delete poKept;
+    CZolMsgPdu *poResponse = newMessage(9, 1, 1, "", CZolMsgPdu::MSG_RESPONSE);
+    EXPECT_EQ(ZOL_ERR_FAILED, exchange(1, poResponse, nullptr));
+    EXPECT_TRUE(logHas("the inputting message is not a request package."));
+    EXPECT_EQ(2U, logCount("the inputting parameter is invalid.") - 1);
+}
+
+TEST_F(DirectExchangeTest, TellsTimeOutsFromFailures)
+{
+    ASSERT_EQ(0, start());
+    std::string strAnswer;
+    const unsigned short usClosed = freePort();
+    EXPECT_EQ(ZOL_ERR_FAILED, exchange(usClosed, request(ECHO), &strAnswer));
+    EXPECT_TRUE(logHas("connect to remote (16777343: " + std::to_string(usClosed) + ") failed, error: 111, "));
+    const CRawListener oSilent;
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, exchange(oSilent.port(), request(ECHO), &strAnswer, 0, 100)) << "no time to connect";
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, exchange(oSilent.port(), request(ECHO), &strAnswer, 1500, 0)) << "no time to read";
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, exchange(oSilent.port(), request(ECHO), &strAnswer, 1500, 50));
+    EXPECT_EQ(ZOL_OK, exchange(oSilent.port(), request(ECHO), nullptr, 1500, 0)) << "one way: sent is all";
+    // more than two socket buffers take, to a peer that reads nothing
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, exchange(oSilent.port(), request(ECHO, std::string(64 << 20, 'x')), nullptr, 300, 0));
+    EXPECT_TRUE(logHas("send msg to remote (16777343: " + std::to_string(oSilent.port()) + ") failed, error: 62, "));
+}
+
+TEST_F(DirectExchangeTest, TakesAnAnswerCutAnywhereForAFailure)
+{
+    ASSERT_EQ(0, start());
+    SFrame oAnswer = toSink(ECHO, "answer");
+    oAnswer.m_ucType = 77; // nothing of it is checked but the length
+    const std::string strWhole = oAnswer.wire();
+    for (std::size_t uiCut = 0; uiCut <= strWhole.size(); ++uiCut)
+    {
+        std::string strAnswer;
+        const int iResult = exchangeWith(
+            [&](CRawPipe &oPipe)
+            {
+                SFrame oRequest;
+                EXPECT_TRUE(oPipe.readFrame(oRequest));
+                EXPECT_EQ("question", oRequest.m_strBody);
+                oPipe.send(strWhole.substr(0, uiCut));
+            },
+            &strAnswer);
+        EXPECT_EQ(uiCut == strWhole.size() ? ZOL_OK : ZOL_ERR_FAILED, iResult) << "cut at " << uiCut;
+    }
+}
+
+TEST_F(DirectExchangeTest, LimitsTheAnswerByLengthAndTime)
+{
+    ASSERT_EQ(0, start());
+    SFrame oAnswer = toSink(ECHO);
+    std::string strAnswer;
+    const auto fnAnnounce = [&](unsigned int uiLength, Milliseconds oStay)
+    {
+        oAnswer.m_ulData = uiLength;
+        return exchangeWith(
+            [&](CRawPipe &oPipe)
+            {
+                SFrame oRequest;
+                EXPECT_TRUE(oPipe.readFrame(oRequest));
+                oPipe.send(oAnswer.wire());
+                oPipe.waitClosed(oStay);
+            },
+            &strAnswer, 300);
+    };
+    EXPECT_EQ(ZOL_ERR_FAILED, fnAnnounce(536608769, PATIENCE));
+    EXPECT_TRUE(logHas("the message data size (536608769) is too big, which was received from (16777343: "));
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, fnAnnounce(536608768, PATIENCE)) << "announced at the limit, and never sent";
+    // dripped: the limit is for the whole of it
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, exchangeWith(
+                                   [&](CRawPipe &oPipe)
+                                   {
+                                       oAnswer.m_ulData = 1000;
+                                       oPipe.send(oAnswer.wire());
+                                       while (oPipe.send("x") && !oPipe.waitClosed(Milliseconds(20)))
+                                       {
+                                       }
+                                   },
+                                   &strAnswer, 300));
+}
+
+// A client that does not read its answer holds up the next direct request, but nobody who opens a pipe.
+TEST_F(DirectExchangeTest, RegistersPeersWhileAnAnswerIsNotRead)
+{
+    serveListener(
+        [&]
+        {
+            CRawPipe oDeaf = CRawPipe::connectTo(m_usPort);
+            ASSERT_TRUE(oDeaf.send(toSink(LARGE).wire()));
+            ASSERT_EQ(1U, oDeaf.read(1).size()); // the answer is on its way, and stops there
+            const auto oBegin = std::chrono::steady_clock::now();
+            for (unsigned short usHandle = 1; usHandle <= 3; ++usHandle)
+            {
+                CRawPipe oPeer = peer(9, usHandle);
+                ASSERT_TRUE(oPeer.send(toSink(usHandle).wire()));
+                ASSERT_TRUE(m_oInbox.waitFor(usHandle));
+            }
+            EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(10));
+            oDeaf.close();
+            std::string strAnswer;
+            EXPECT_EQ(ZOL_OK, exchange(m_usPort, request(ECHO, "next"), &strAnswer));
+        });
+}
+
+TEST_F(DirectExchangeTest, KnowsWhichRequestsAreItsOwn)
+{
+    ASSERT_EQ(0, start());
+    EXPECT_FALSE(takeP2PRequest(nullptr));
+    EXPECT_FALSE(takeP2PRequest(reinterpret_cast<SZolP2PRequest *>(0x4141414141414141)));
+}
