@@ -56,6 +56,8 @@ int runCounter(unsigned int uiNumber)
     {
         poTaskMgr->addStaticTask(new CCounter, usTask); // owned by the task manager
     }
+    std::puts("ready"); // registered with the gateway; messages that come now wait in the queue
+    std::fflush(stdout);
     CZolAppMgr::instance()->handleEvents(); // until SIGTERM
     return 0;
 }
