@@ -2,6 +2,7 @@
 #include "ZolVekGateway.h"
 #include "ZolVekLog.h"
 #include "ZolVekSettings.h"
+#include "gateway/http/ZolHttpServer.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -94,7 +95,8 @@ bool readSettings(const SOptions &oOptions, CZolVekSettingsReader &oReader, std:
 /// One descriptor for each pipe, and some for everything else.
 void raiseDescriptorLimit(const SZolVekSettings &oSettings)
 {
-    const rlim_t ulWanted = oSettings.m_uiMaxConnections + oSettings.m_uiMaxUnregistered + 64;
+    const rlim_t ulHttp = oSettings.m_strHttp.empty() ? 0 : CZolHttpServer::MOST_CONNECTIONS;
+    const rlim_t ulWanted = oSettings.m_uiMaxConnections + oSettings.m_uiMaxUnregistered + ulHttp + 64;
     rlimit oLimit{};
     if (getrlimit(RLIMIT_NOFILE, &oLimit) != 0 || oLimit.rlim_cur >= ulWanted)
     {
@@ -183,14 +185,32 @@ private:
     int m_iEnds = 0;
 };
 
+bool openHttp(const SZolVekSettings &oSettings, CZolVekGateway &oGateway, CZolSnapshotExchange &oExchange,
+              CZolHttpServer &oHttp, std::string &strError)
+{
+    if (oSettings.m_strHttp.empty())
+    {
+        return true;
+    }
+    if (!oExchange.isOpen() || !oHttp.start(oSettings.m_strHttp, strError))
+    {
+        strError = oSettings.m_strHttp + ": " + (strError.empty() ? "no descriptor is free" : strError);
+        return false;
+    }
+    oGateway.observe(oExchange);
+    return true;
+}
+
 int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
 {
     const sigset_t oSignalSet = CSignals::block();
     CZolVekLog::open(oSettings);
     raiseDescriptorLimit(oSettings);
+    CZolSnapshotExchange oExchange;
     CZolVekGateway oGateway(oSettings);
+    CZolHttpServer oHttp(oExchange);
     std::string strError;
-    if (!oGateway.open(strError))
+    if (!oGateway.open(strError) || !openHttp(oSettings, oGateway, oExchange, oHttp, strError))
     {
         fprintf(stderr, "vek: %s\n", strError.c_str());
         CZolVekLog::line(CZolRunLog::LEVEL_FATAL, "run", "%s", strError.c_str());
@@ -200,6 +220,10 @@ int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
     CSignals oSignals(oGateway, oOptions);
     oSignals.open(oSignalSet);
     printf("vek listening on %s:%u\n", oSettings.m_strListenHost.c_str(), oGateway.port());
+    if (oHttp.port() != 0)
+    {
+        printf("vek status on port %u\n", oHttp.port());
+    }
     fflush(stdout);
     sd_notify(0, "READY=1");
 
@@ -215,6 +239,8 @@ int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
             sd_notify(0, "WATCHDOG=1"); // from the loop itself: a loop that hangs is restarted
         }
     }
+    oExchange.end(); // so that a client who waits for a snapshot does not hold up the end
+    oHttp.stop();
     const SZolVekStatistics &oStatistics = oGateway.statistics();
     CZolVekLog::line(CZolRunLog::LEVEL_INFO, "run", "end, %llu frames in, %llu out, %llu without a route",
                      static_cast<unsigned long long>(oStatistics.m_ulFramesIn),

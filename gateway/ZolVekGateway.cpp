@@ -34,7 +34,8 @@ std::uint64_t monotonicMs()
 CZolVekGateway::CZolVekGateway(const SZolVekSettings &oSettings, TClock fnClock)
     : m_oSettings(oSettings), m_fnClock(fnClock ? std::move(fnClock) : TClock(monotonicMs)),
       m_oRouter(m_oSettings, m_oStatistics, m_oMemory, m_oRoutes, m_oAgenda),
-      m_oRegistrar(m_oSettings, m_oStatistics, m_oRoutes, m_oAgenda)
+      m_oRegistrar(m_oSettings, m_oStatistics, m_oRoutes, m_oAgenda),
+      m_oReporter(m_oSettings, m_oStatistics, m_oMemory, m_oRoutes, m_oRouter)
 {
     m_iEpoll = epoll_create1(EPOLL_CLOEXEC);
     m_oAgenda.m_ulNowMs = m_fnClock();
@@ -78,6 +79,20 @@ void CZolVekGateway::watch(int iHandle, std::function<void()> fnReadable)
     epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, iHandle, &oEvent);
 }
 
+void CZolVekGateway::observe(CZolSnapshotExchange &oExchange)
+{
+    watch(oExchange.askedFd(),
+          [this, &oExchange]
+          {
+              SZolGatewaySnapshot *const poSnapshot = oExchange.takeAsked();
+              if (poSnapshot != nullptr)
+              {
+                  m_oReporter.fill(*poSnapshot, m_oAgenda.m_ulNowMs, unregistered(), m_bDraining);
+                  oExchange.publish(poSnapshot);
+              }
+          });
+}
+
 // ---- The loop -----------------------------------------------------------------------------------------------------
 
 bool CZolVekGateway::isHurried() const
@@ -106,6 +121,7 @@ void CZolVekGateway::runOnce(int iMaxWaitMs)
 {
     epoll_event aoEvents[MAX_EVENTS];
     const int iCount = epoll_wait(m_iEpoll, aoEvents, MAX_EVENTS, waitMs(iMaxWaitMs));
+    m_oReporter.turnBegins();
     m_oAgenda.m_ulNowMs = m_fnClock();
     for (int i = 0; i < iCount; ++i)
     {
@@ -136,6 +152,7 @@ void CZolVekGateway::runOnce(int iMaxWaitMs)
         closeDoomed();
     }
     bury();
+    m_oReporter.turnEnds();
 }
 
 void CZolVekGateway::acceptAll()
@@ -401,6 +418,7 @@ void CZolVekGateway::tick()
     {
         m_ulNextSweepMs = m_oAgenda.m_ulNowMs + TICK_MS;
         m_oRouter.tick();
+        m_oReporter.tick(m_oAgenda.m_ulNowMs);
         sweep();
     }
     flushDirty();
@@ -508,6 +526,7 @@ void CZolVekGateway::reload(const SZolVekSettings &oSettings)
     SZolVekSettings oNew = oSettings;
     oNew.m_strListenHost = m_oSettings.m_strListenHost;
     oNew.m_uiListenPort = m_oSettings.m_uiListenPort;
+    oNew.m_strHttp = m_oSettings.m_strHttp;
     oNew.m_strLogPath = m_oSettings.m_strLogPath;
     oNew.m_uiMaxLogNumber = m_oSettings.m_uiMaxLogNumber;
     oNew.m_uiMaxLogSize = m_oSettings.m_uiMaxLogSize;

@@ -4,6 +4,7 @@
 #include "ZolVekAgenda.h"
 #include "ZolVekListener.h"
 #include "ZolVekRegistrar.h"
+#include "ZolVekReporter.h"
 #include "ZolVekRouter.h"
 #include "ZolVekRoutes.h"
 #include "ZolVekSession.h"
@@ -48,6 +49,9 @@ public:
 
     /// fnReadable is called from the loop whenever iHandle is readable.
     void watch(int iHandle, std::function<void()> fnReadable);
+
+    /// Answers oExchange with snapshots from now on. It must outlive the gateway.
+    void observe(CZolSnapshotExchange &oExchange);
 
     /// Waits for events at most iMaxWaitMs, or until something falls due, and handles them.
     void runOnce(int iMaxWaitMs);
@@ -108,6 +112,7 @@ private:
     CZolVekRoutes m_oRoutes;
     CZolVekRouter m_oRouter;
     CZolVekRegistrar m_oRegistrar;
+    CZolVekReporter m_oReporter;
     CZolVekListener m_oListener;
     CZolVekReadBuffer m_oBuffer;
 

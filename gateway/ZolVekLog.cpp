@@ -4,8 +4,10 @@
 #include "ZolLogTask.h"
 #include "ZolRunLog.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +15,19 @@ namespace
 {
 
 bool s_bRunLog = false; // set before the first line, by open()
+
+const std::size_t MOST_EVENTS = 200;
+
+// The ring of events: the one numbered n lies at n modulo its size.
+std::vector<SZolEventView> s_oEvents;
+std::uint64_t s_ulLastEvent = 0;
+
+EnumZolEventLevel eventLevelOf(int iLevel)
+{
+    return iLevel <= CZolRunLog::LEVEL_ERROR     ? ZOL_EVENT_ERROR
+           : iLevel == CZolRunLog::LEVEL_WARNING ? ZOL_EVENT_WARNING
+                                                 : ZOL_EVENT_INFO;
+}
 
 void toRunLog(int iLevel, const char *pcScope, const char *pcText)
 {
@@ -76,6 +91,10 @@ void CZolVekLog::line(int iLevel, const char *pcScope, const char *pcFormat, ...
     va_start(oArguments, pcFormat);
     vsnprintf(acText, sizeof acText, pcFormat, oArguments);
     va_end(oArguments);
+    if (iLevel <= CZolRunLog::LEVEL_INFO)
+    {
+        CZolVekEvents::add(iLevel, acText);
+    }
     if (s_bRunLog)
     {
         toRunLog(iLevel, pcScope, acText);
@@ -84,6 +103,27 @@ void CZolVekLog::line(int iLevel, const char *pcScope, const char *pcFormat, ...
     char acTime[32];
     zol::getCurrFormatTime(acTime);
     fprintf(stderr, "%s %s %s\n", acTime, pcScope, acText);
+}
+
+void CZolVekEvents::add(int iLevel, const char *pcText)
+{
+    s_oEvents.resize(MOST_EVENTS);
+    timespec oNow{};
+    clock_gettime(CLOCK_REALTIME, &oNow);
+    SZolEventView &oEvent = s_oEvents[++s_ulLastEvent % MOST_EVENTS];
+    oEvent.m_ulNumber = s_ulLastEvent;
+    oEvent.m_lWhenMs = static_cast<std::int64_t>(oNow.tv_sec) * 1000 + oNow.tv_nsec / 1000000;
+    oEvent.m_eLevel = eventLevelOf(iLevel);
+    oEvent.m_strText = pcText;
+}
+
+void CZolVekEvents::copyTo(std::vector<SZolEventView> &oEvents)
+{
+    const std::uint64_t ulCount = std::min<std::uint64_t>(s_ulLastEvent, MOST_EVENTS);
+    for (std::uint64_t ulNumber = s_ulLastEvent - ulCount + 1; ulNumber <= s_ulLastEvent; ++ulNumber)
+    {
+        oEvents.push_back(s_oEvents[ulNumber % MOST_EVENTS]);
+    }
 }
 
 bool CZolVekRateLimit::pass(std::uint64_t ulSubject, std::uint64_t ulNowMs, std::uint64_t &ulHeldBack)

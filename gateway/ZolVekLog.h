@@ -2,10 +2,12 @@
 #define ZOL_VEK_LOG_H
 
 #include "ZolVekSettings.h"
+#include "gateway/http/ZolSnapshot.h"
 
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 /// The gateway's lines: through the run log of the library if a folder is named, else to standard error.
 ///
@@ -20,6 +22,18 @@ public:
     static void flush();
 
     static void line(int iLevel, const char *pcScope, const char *pcFormat, ...) __attribute__((format(printf, 3, 4)));
+};
+
+/// The last lines from level info on, for the status page.
+///
+/// Threads: the routing thread only.
+class CZolVekEvents
+{
+public:
+    static void add(int iLevel, const char *pcText);
+
+    /// The oldest first.
+    static void copyTo(std::vector<SZolEventView> &oEvents);
 };
 
 /// Keeps a line that could come with every frame to one a second for each subject, and says how often it was held back.

@@ -134,7 +134,7 @@ EnumZolVekVerdict CZolVekRouter::toProcess(CZolVekSession &oFrom, const CZolVekF
         loseBlock(*poTarget, oFrom, oFrame);
         return VEK_TAKEN;
     default:
-        queue(*poTarget, oFrame);
+        queue(oFrom, *poTarget, oFrame);
         noteBlock(*poTarget, oFrom, oFrame, nullptr);
         return VEK_TAKEN;
     }
@@ -192,6 +192,21 @@ CZolVekSession *CZolVekRouter::resolveById(CZolVekSession &oFrom, std::uint16_t 
     return poTarget;
 }
 
+void CZolVekRouter::countFlow(CZolVekSession &oFrom, const CZolVekSession &oTarget, std::uint32_t uiBytes)
+{
+    if (oFrom.m_poFlows == nullptr)
+    {
+        oFrom.m_poFlows = std::make_unique<CZolVekFlows>();
+    }
+    oFrom.m_poFlows->count(oTarget.m_ulSerial, uiBytes);
+}
+
+void CZolVekRouter::dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame)
+{
+    ++oTarget.m_ulFramesDropped;
+    drop(m_oStatistics.m_ulDropSlow, oFrame, "the queue of the destination is full");
+}
+
 // ---- Back-pressure ------------------------------------------------------------------------------------------------
 
 CZolVekRouter::EnumRoom CZolVekRouter::roomAt(CZolVekSession &oTarget, const CZolVekSession *poFrom,
@@ -207,6 +222,7 @@ CZolVekRouter::EnumRoom CZolVekRouter::roomAt(CZolVekSession &oTarget, const CZo
         const auto oFound = oTarget.m_poRuns->find(uiSource);
         if (oFound != oTarget.m_poRuns->end() && oFound->second.m_bLost)
         {
+            dropSlow(oTarget, oFrame);
             return ROOM_DROP;
         }
     }
@@ -217,11 +233,11 @@ CZolVekRouter::EnumRoom CZolVekRouter::roomAt(CZolVekSession &oTarget, const CZo
     switch (m_oSettings.m_eSlowConsumer)
     {
     case VEK_SLOW_DROP:
-        drop(m_oStatistics.m_ulDropSlow, oFrame, "the queue of the destination is full");
+        dropSlow(oTarget, oFrame);
         return ROOM_DROP;
     case VEK_SLOW_CLOSE:
         m_oAgenda.doom(oTarget, "its queue is full");
-        drop(m_oStatistics.m_ulDropSlow, oFrame, "the queue of the destination is full");
+        dropSlow(oTarget, oFrame);
         return ROOM_DROP;
     default:
         return ROOM_WAIT;
@@ -408,8 +424,7 @@ EnumZolVekVerdict CZolVekRouter::toAll(CZolVekSession &oFrom, const CZolVekFrame
                 return;
             }
             poTarget->m_oOutbox.addRecord(poRecord, SZolVekAddress());
-            ++m_oStatistics.m_ulFramesOut;
-            m_oAgenda.dirty(*poTarget);
+            queued(&oFrom, *poTarget, oFrame.length());
             noteBlock(*poTarget, oFrom, oFrame, nullptr);
         });
     return VEK_TAKEN;
@@ -460,8 +475,7 @@ EnumZolVekVerdict CZolVekRouter::publishTo(CZolVekSession *poFrom, const CZolVek
                                          isWhole(oFrame) ? static_cast<std::uint8_t>(CZolMsgPdu::MSG_REQUEST)
                                                          : static_cast<std::uint8_t>(CZolMsgPdu::MSG_BIG_REQUEST)};
         oTarget.m_oOutbox.addRecord(poRecord, oAddress);
-        ++m_oStatistics.m_ulFramesOut;
-        m_oAgenda.dirty(oTarget);
+        queued(poFrom, oTarget, oFrame.length());
         if (poFrom != nullptr)
         {
             noteBlock(oTarget, *poFrom, oFrame, &oAddress);
@@ -537,9 +551,8 @@ void CZolVekRouter::finishPublication(CZolVekSession &oFrom, TZolVekKey uiSource
         {
             oTarget.m_oOutbox.addRecord(
                 poBlock, {oTarget.m_uiKey, oSubscriber.m_ucModule, oSubscriber.m_usTask, CZolMsgPdu::MSG_BIG_REQUEST});
-            ++m_oStatistics.m_ulFramesOut;
+            queued(&oFrom, oTarget, poBlock->m_uiLength);
         }
-        m_oAgenda.dirty(oTarget);
     }
     for (SZolVekRecord *poBlock : oPublication.m_oBlocks)
     {
@@ -636,8 +649,7 @@ EnumZolVekVerdict CZolVekRouter::answerHello(CZolVekSession &oFrom)
     char acHello[VEK_HEADER_BYTES];
     oFrom.fillHello(acHello);
     oFrom.m_oOutbox.addHello(acHello);
-    ++m_oStatistics.m_ulFramesOut;
-    m_oAgenda.dirty(oFrom);
+    queued(nullptr, oFrom, sizeof acHello);
     return VEK_TAKEN;
 }
 
@@ -661,8 +673,7 @@ EnumZolVekVerdict CZolVekRouter::answer(CZolVekSession &oFrom, const CZolVekFram
     zolVekWrite32(acAnswer + VEK_AT_DATA_LENGTH, uiLength);
     std::memcpy(acAnswer + VEK_HEADER_BYTES, pcPayload, uiLength);
     oFrom.m_oOutbox.addCopy(acAnswer, VEK_HEADER_BYTES + uiLength);
-    ++m_oStatistics.m_ulFramesOut;
-    m_oAgenda.dirty(oFrom);
+    queued(nullptr, oFrom, VEK_HEADER_BYTES + uiLength);
     return VEK_TAKEN;
 }
 

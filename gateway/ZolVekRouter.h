@@ -51,7 +51,7 @@ public:
             CZolVekSession &oTarget = *oFrom.m_poLastTarget;
             if (oTarget.m_poRuns == nullptr && oTarget.m_oOutbox.bytes() < m_ulLimit)
             {
-                queue(oTarget, oFrame);
+                queue(oFrom, oTarget, oFrame);
                 return VEK_TAKEN;
             }
         }
@@ -69,6 +69,9 @@ public:
 
     /// Once a second or more often: the end of the grace, and runs that have stood still for too long.
     void tick();
+
+    /// Whether sessions keep whom they send to.
+    void countFlows(bool bCount) { m_bCountFlows = bCount; }
 
     const CZolVekSubscriptions &subscriptions() const { return m_oSubscriptions; }
 
@@ -92,7 +95,7 @@ private:
                oFrame.command() == MSG_DIRECT_REQUEST_CMDID;
     }
 
-    void queue(CZolVekSession &oTarget, const CZolVekFrame &oFrame)
+    void queue(CZolVekSession &oFrom, CZolVekSession &oTarget, const CZolVekFrame &oFrame)
     {
         if (oFrame.m_poRecord != nullptr)
         {
@@ -102,10 +105,23 @@ private:
         {
             oTarget.m_oOutbox.addBytes(oFrame.data(), oFrame.length());
         }
-        ++m_oStatistics.m_ulFramesOut;
-        m_oAgenda.dirty(oTarget);
+        queued(&oFrom, oTarget, oFrame.length());
     }
 
+    /// A frame has been added to the outbox of oTarget; poFrom is null when its source has gone.
+    void queued(CZolVekSession *poFrom, CZolVekSession &oTarget, std::uint32_t uiBytes)
+    {
+        ++m_oStatistics.m_ulFramesOut;
+        ++oTarget.m_ulFramesOut;
+        m_oAgenda.dirty(oTarget);
+        if (m_bCountFlows && poFrom != nullptr)
+        {
+            countFlow(*poFrom, oTarget, uiBytes);
+        }
+    }
+
+    static void countFlow(CZolVekSession &oFrom, const CZolVekSession &oTarget, std::uint32_t uiBytes);
+    void dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame);
     EnumZolVekVerdict routeByType(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
     EnumZolVekVerdict toProcess(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
     EnumZolVekVerdict toAll(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
@@ -149,7 +165,8 @@ private:
     CZolVekSubscriptions m_oSubscriptions;
     std::uint64_t m_ulLimit = 0;                 // bytes of an outbox from which on sources wait; of this turn
     std::vector<SZolVekRecord *> m_oTurnRecords; // made in this turn from the read buffer, each with our reference
-    unsigned int m_uiPublications = 0;           // big ones under way
+    bool m_bCountFlows = false;
+    unsigned int m_uiPublications = 0; // big ones under way
     std::uint64_t m_ulGraceUntilMs = 0;
     std::deque<SHeld> m_oHeld; // publications of the grace, oldest first
     std::uint64_t m_ulHeldBytes = 0;

@@ -1,6 +1,7 @@
 #ifndef ZOL_VEK_SESSION_H
 #define ZOL_VEK_SESSION_H
 
+#include "ZolVekFlows.h"
 #include "ZolVekFrameReader.h"
 #include "ZolVekOutbox.h"
 #include "ZolVekSubscriptions.h"
@@ -115,7 +116,11 @@ public:
     std::uint64_t m_ulStuckSinceMs = 0; ///< since when a waiting frame has not moved; 0 is none
     std::uint64_t m_ulFramesIn = 0;
     std::uint64_t m_ulBytesIn = 0;
+    std::uint64_t m_ulFramesOut = 0;     ///< queued for it
+    std::uint64_t m_ulFramesDropped = 0; ///< meant for it, and dropped because its queue was full
     std::uint64_t m_ulBytesOut = 0;
+
+    std::unique_ptr<CZolVekFlows> m_poFlows; ///< whom it sends to; null until somebody looks
 
     // Back-pressure: this pipe is not read while it waits for another one
     CZolVekSession *m_poWaitsFor = nullptr;

@@ -1,5 +1,7 @@
 #include "ZolVekSettings.h"
 
+#include "gateway/http/ZolHttpServer.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
@@ -131,6 +133,8 @@ const std::vector<SZolVekKeyInfo> &zolVekKeys()
 {
     static const std::vector<SZolVekKeyInfo> *const poKeys = new std::vector<SZolVekKeyInfo>{
         {"Listen", "--listen", "address:port", false, "where processes connect; port 0 takes a free one"},
+        {"Http", "--http", "address:port", false,
+         "status page, metrics and health; a port alone is on the loopback interface; without it there is none"},
         {"LogLevel", "--log-level", "0 to 5", true, "0 off, 1 fatal, 2 error, 3 warning, 4 info, 5 debug"},
         {"LogPath", "--log-path", "folder", false, "folder of the run log; without it lines go to standard error"},
         {"MaxLogNumber", "--max-log-number", "files", false, "log files in rotation; 0 is no log"},
@@ -338,6 +342,18 @@ bool CZolVekSettingsReader::applyText(const SZolVekEntry &oEntry)
         }
         return true;
     }
+    if (oEntry.m_strKey == "Http")
+    {
+        std::uint32_t uiAddress = 0;
+        std::uint16_t usPort = 0;
+        m_oSettings.m_strHttp = oEntry.m_strValue;
+        if (!CZolHttpServer::parseListen(oEntry.m_strValue, uiAddress, usPort))
+        {
+            fault(oEntry,
+                  "\"" + oEntry.m_strValue + "\" is no port, and no IPv4 address and port with a colon between");
+        }
+        return true;
+    }
     if (oEntry.m_strKey == "LogPath")
     {
         m_oSettings.m_strLogPath = oEntry.m_strValue;
@@ -432,6 +448,10 @@ std::string zolVekValueOf(const SZolVekSettings &oSettings, const std::string &s
     if (strKey == "Listen")
     {
         return oSettings.m_strListenHost + ":" + std::to_string(oSettings.m_uiListenPort);
+    }
+    if (strKey == "Http")
+    {
+        return oSettings.m_strHttp;
     }
     if (strKey == "LogPath")
     {

@@ -33,6 +33,7 @@ struct SZolVekSettings
 {
     std::string m_strListenHost = "127.0.0.1";
     unsigned int m_uiListenPort = 7100;
+    std::string m_strHttp; ///< "address:port" of the status page; empty: there is none
     unsigned int m_uiLogLevel = 4;
     std::string m_strLogPath; ///< empty: lines go to standard error
     unsigned int m_uiMaxLogNumber = 10;

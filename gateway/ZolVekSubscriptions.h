@@ -42,6 +42,19 @@ public:
 
     std::size_t size() const { return m_ulCount; }
 
+    /// fnEach(command, subscriber) for all of them.
+    template <typename Function>
+    void forEach(Function fnEach) const
+    {
+        for (const auto &oPair : m_oByCommand)
+        {
+            for (const SZolVekSubscriber &oSubscriber : oPair.second)
+            {
+                fnEach(oPair.first, oSubscriber);
+            }
+        }
+    }
+
 private:
     std::unordered_map<std::uint32_t, std::vector<SZolVekSubscriber>> m_oByCommand;
     std::unordered_map<const CZolVekSession *, std::vector<std::uint32_t>> m_oBySession; // commands, some perhaps twice

@@ -20,8 +20,9 @@ namespace
 constexpr std::chrono::milliseconds SNAPSHOT_AGE(500);   // younger ones are shown again
 constexpr std::chrono::milliseconds SNAPSHOT_WAIT(1000); // after it the routing thread counts as not answering
 
+constexpr std::chrono::milliseconds WATCHED_FOR(10000); // a page that asked so long ago is taken to be open
+
 constexpr unsigned int MOST_PEERS = 200;            // above it the one without a request for longest is closed
-constexpr unsigned int MOST_CONNECTIONS = 400;      // those that are closing included; above it nobody is accepted
 constexpr unsigned int IDLE_SECONDS = 15;           // without a byte, in either direction
 constexpr size_t CONNECTION_BYTES = 16 * 1024;      // for a request with all its header lines
 constexpr char NONCE_PLACE[] = "NONCE-OF-THE-PAGE"; // where the page wants its nonce
@@ -241,6 +242,7 @@ MHD_Result CZolHttpServer::answer(MHD_Connection *poConnection, const std::strin
     }
     if (strUrl == "/status.json")
     {
+        m_oWatched = std::chrono::steady_clock::now();
         return answerRendered(poConnection, m_oJson, "application/json", &zolStatusJson);
     }
     if (strUrl == "/metrics")
@@ -270,9 +272,14 @@ MHD_Result CZolHttpServer::answerText(MHD_Connection *poConnection, unsigned int
     return eResult;
 }
 
+const SZolGatewaySnapshot *CZolHttpServer::look()
+{
+    return m_oExchange.get(SNAPSHOT_AGE, SNAPSHOT_WAIT, std::chrono::steady_clock::now() - m_oWatched < WATCHED_FOR);
+}
+
 MHD_Result CZolHttpServer::answerHealth(MHD_Connection *poConnection)
 {
-    const SZolGatewaySnapshot *const poSnapshot = m_oExchange.get(SNAPSHOT_AGE, SNAPSHOT_WAIT);
+    const SZolGatewaySnapshot *const poSnapshot = look();
     if (poSnapshot == nullptr)
     {
         return answerText(poConnection, MHD_HTTP_SERVICE_UNAVAILABLE, "not answering\n");
@@ -284,7 +291,7 @@ MHD_Result CZolHttpServer::answerHealth(MHD_Connection *poConnection)
 MHD_Result CZolHttpServer::answerRendered(MHD_Connection *poConnection, SRendered &oRendered, const char *pcType,
                                           std::string (*pfnRender)(const SZolGatewaySnapshot &))
 {
-    const SZolGatewaySnapshot *const poSnapshot = m_oExchange.get(SNAPSHOT_AGE, SNAPSHOT_WAIT);
+    const SZolGatewaySnapshot *const poSnapshot = look();
     if (poSnapshot == nullptr)
     {
         return answerText(poConnection, MHD_HTTP_SERVICE_UNAVAILABLE, "the routing thread does not answer\n");

@@ -24,6 +24,8 @@
 class CZolHttpServer
 {
 public:
+    static constexpr unsigned int MOST_CONNECTIONS = 400; ///< open at once; further ones wait to be accepted
+
     explicit CZolHttpServer(CZolSnapshotExchange &oExchange);
     ~CZolHttpServer();
     CZolHttpServer(const CZolHttpServer &) = delete;
@@ -57,6 +59,7 @@ private:
     MHD_Result answerHealth(MHD_Connection *poConnection);
     MHD_Result answerRendered(MHD_Connection *poConnection, SRendered &oRendered, const char *pcType,
                               std::string (*pfnRender)(const SZolGatewaySnapshot &));
+    const SZolGatewaySnapshot *look();
     bool isForUs(MHD_Connection *poConnection) const;
     static MHD_Response *makeResponse(const std::string &strBody, const char *pcType);
     MHD_Response *makePage() const;
@@ -72,6 +75,7 @@ private:
     MHD_Response *m_poPage = nullptr;
     SRendered m_oJson;
     SRendered m_oMetrics;
+    std::chrono::steady_clock::time_point m_oWatched; // when the page, or whoever wants all, last asked
 };
 
 #endif

@@ -94,6 +94,8 @@ std::string zolMetricsText(const SZolGatewaySnapshot &oSnapshot)
     appendOne(strOut, "frames_sent_total", "counter", "Frames written to processes.", oSnapshot.m_ulFramesOut);
     appendOne(strOut, "received_bytes_total", "counter", "Bytes of frames received.", oSnapshot.m_ulBytesIn);
     appendOne(strOut, "sent_bytes_total", "counter", "Bytes of frames written.", oSnapshot.m_ulBytesOut);
+    appendOne(strOut, "connections_total", "counter", "Connections accepted, registered or not.",
+              oSnapshot.m_ulConnections);
     appendCounts(strOut, "frames_dropped_total", "Frames that reached nobody, by reason.", "reason",
                  oSnapshot.m_oDrops);
     appendCounts(strOut, "registrations_total", "Registration requests by the status that answered them.", "status",

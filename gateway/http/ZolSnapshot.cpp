@@ -70,7 +70,14 @@ void CZolSnapshotExchange::publish(SZolGatewaySnapshot *poFilled)
     signalFd(m_iFilledFd);
 }
 
-const SZolGatewaySnapshot *CZolSnapshotExchange::get(std::chrono::milliseconds oMaxAge, std::chrono::milliseconds oWait)
+void CZolSnapshotExchange::end()
+{
+    m_bEnded.store(true, std::memory_order_release);
+    signalFd(m_iFilledFd);
+}
+
+const SZolGatewaySnapshot *CZolSnapshotExchange::get(std::chrono::milliseconds oMaxAge, std::chrono::milliseconds oWait,
+                                                     bool bWatched)
 {
     if (m_poPresent != nullptr && std::chrono::steady_clock::now() - m_oReceived < oMaxAge)
     {
@@ -84,6 +91,7 @@ const SZolGatewaySnapshot *CZolSnapshotExchange::get(std::chrono::milliseconds o
     {
         SZolGatewaySnapshot *const poFree = m_poPresent == &m_aoRecords[0] ? &m_aoRecords[1] : &m_aoRecords[0];
         poFree->clear();
+        poFree->m_bWatched = bWatched;
         m_poAsked.store(poFree, std::memory_order_release);
         m_bOutstanding = true;
         signalFd(m_iAskedFd);
@@ -115,7 +123,7 @@ bool CZolSnapshotExchange::waitFilled(std::chrono::milliseconds oWait)
             return true;
         }
         const auto oLeft = std::chrono::ceil<std::chrono::milliseconds>(oEnd - std::chrono::steady_clock::now());
-        if (oLeft.count() <= 0)
+        if (oLeft.count() <= 0 || m_bEnded.load(std::memory_order_acquire))
         {
             return false;
         }

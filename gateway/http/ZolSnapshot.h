@@ -92,10 +92,14 @@ struct SZolLatencyView
 /// from the start of the gateway and include pipes that have gone.
 struct SZolGatewaySnapshot
 {
+    bool m_bWatched =
+        false; ///< set by the asker: somebody looks at the page, so the lists below m_oPipes are wanted too
+
     std::int64_t m_lTakenMs = 0;   ///< milliseconds since the epoch
     std::int64_t m_lStartedMs = 0; ///< milliseconds since the epoch
     bool m_bDraining = false;
 
+    std::uint64_t m_ulConnections = 0; ///< accepted ever, registered or not
     std::uint64_t m_ulFramesIn = 0;
     std::uint64_t m_ulBytesIn = 0;
     std::uint64_t m_ulFramesOut = 0;
@@ -129,8 +133,8 @@ struct SZolGatewaySnapshot
 ///                                          takeAsked(), fill, publish()
 ///             waits        <- m_iFilledFd  record -> m_poFilled
 ///
-/// Threads: askedFd(), takeAsked() and publish() the routing thread; get() one other thread. Constructed before both
-///          and destroyed after both.
+/// Threads: askedFd(), takeAsked(), publish() and end() the routing thread; get() one other thread. Constructed before
+///          both and destroyed after both.
 class CZolSnapshotExchange
 {
 public:
@@ -151,9 +155,13 @@ public:
     /// Gives a filled record back. Never waits.
     void publish(SZolGatewaySnapshot *poFilled);
 
+    /// There will be no more answers: get() stops waiting and gives null from now on.
+    void end();
+
     /// A snapshot not older than oMaxAge, waiting for the routing thread for at most oWait; null if that does not
     /// answer in time. Belongs to the exchange and stays as it is until the next call.
-    const SZolGatewaySnapshot *get(std::chrono::milliseconds oMaxAge, std::chrono::milliseconds oWait);
+    /// bWatched asks for the lists behind the pipes too; they may be missing in one that was there already.
+    const SZolGatewaySnapshot *get(std::chrono::milliseconds oMaxAge, std::chrono::milliseconds oWait, bool bWatched);
 
     /// Counts the snapshots that get() has received: tells whether one that was rendered is still the present one.
     std::uint64_t number() const { return m_ulNumber; }
@@ -166,6 +174,8 @@ private:
 
     std::atomic<SZolGatewaySnapshot *> m_poAsked{nullptr};  // release in get(), acquire in takeAsked()
     std::atomic<SZolGatewaySnapshot *> m_poFilled{nullptr}; // release in publish(), acquire in waitFilled()
+
+    std::atomic<bool> m_bEnded{false}; // set by end() before its signal on m_iFilledFd
 
     // of the thread of get()
     SZolGatewaySnapshot m_aoRecords[2];

@@ -91,6 +91,7 @@ void appendTotals(CJsonText &oJson, const SZolGatewaySnapshot &oSnapshot)
     oJson.number("queue_limit_bytes", oSnapshot.m_ulQueueLimitBytes);
     oJson.number("pipes", oSnapshot.m_oPipes.size());
     oJson.number("pipes_limit", oSnapshot.m_uiPipesLimit);
+    oJson.number("connections", oSnapshot.m_ulConnections);
     oJson.number("unregistered", oSnapshot.m_uiUnregistered);
     oJson.number("subscriptions", oSnapshot.m_uiSubscriptions);
     oJson.close('}');

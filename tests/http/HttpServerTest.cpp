@@ -114,12 +114,12 @@ TEST(SnapshotExchangeTest, AsksOnceAndKeepsWhatIsYoung)
     EXPECT_EQ(nullptr, oExchange.takeAsked());
     {
         const CSceneThread oThread(oExchange, "load");
-        const SZolGatewaySnapshot *const poFirst = oExchange.get(1h, 20s);
+        const SZolGatewaySnapshot *const poFirst = oExchange.get(1h, 20s, true);
         ASSERT_NE(nullptr, poFirst);
         EXPECT_EQ(50u, poFirst->m_oPipes.size());
-        EXPECT_EQ(poFirst, oExchange.get(1h, 20s));
+        EXPECT_EQ(poFirst, oExchange.get(1h, 20s, true));
         EXPECT_EQ(1u, oExchange.number());
-        EXPECT_NE(poFirst, oExchange.get(0ms, 20s));
+        EXPECT_NE(poFirst, oExchange.get(0ms, 20s, true));
         EXPECT_EQ(2u, oExchange.number());
     }
     EXPECT_FALSE(isReadable(oExchange.askedFd())) << "a question was left that nobody asked";
@@ -130,9 +130,9 @@ TEST(SnapshotExchangeTest, AsksOnceAndKeepsWhatIsYoung)
 TEST(SnapshotExchangeTest, OutlivesAThreadThatAnswersLate)
 {
     CZolSnapshotExchange oExchange;
-    EXPECT_EQ(nullptr, oExchange.get(1h, 20ms));
+    EXPECT_EQ(nullptr, oExchange.get(1h, 20ms, true));
     const auto oStart = std::chrono::steady_clock::now();
-    EXPECT_EQ(nullptr, oExchange.get(1h, 60s));
+    EXPECT_EQ(nullptr, oExchange.get(1h, 60s, true));
     EXPECT_LT(std::chrono::steady_clock::now() - oStart, 30s) << "the second asker waited although nobody answers";
 
     SZolGatewaySnapshot *const poLate = oExchange.takeAsked();
@@ -143,7 +143,7 @@ TEST(SnapshotExchangeTest, OutlivesAThreadThatAnswersLate)
 
     const CSceneThread oThread(oExchange, "load");
     const SZolGatewaySnapshot *poFresh = nullptr;
-    ASSERT_TRUE(waitUntil([&] { return (poFresh = oExchange.get(0ms, 1s)) != nullptr; }));
+    ASSERT_TRUE(waitUntil([&] { return (poFresh = oExchange.get(0ms, 1s, true)) != nullptr; }));
     EXPECT_NE(1u, poFresh->m_ulFramesIn);
 }
 
