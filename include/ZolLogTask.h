@@ -3,6 +3,7 @@
 
 #include "ZolExport.h"
 
+#include <ace/Manual_Event.h>
 #include <ace/Mutex.h>
 #include <ace/Task.h>
 #include <atomic>
@@ -92,6 +93,7 @@ private:
     ACE_Mutex m_oBufferLock;       // before m_oFileLock
     int m_iBufferLen;              // guarded by m_oBufferLock; bytes in use
     int m_iFileSize;               // guarded by m_oFileLock; bytes in the current file
+    ACE_Manual_Event m_oStarted;   // the thread runs, see log/ZolThreadStart.h
 };
 
 #endif

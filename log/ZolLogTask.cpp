@@ -237,11 +237,13 @@ int CZolLogTask::open(void * /*pvArgs*/)
         std::cout << "Fail to activate log task in function 'CZolLogTask::open'." << std::endl;
         return ZOL_ERR_FAILED;
     }
+    m_oStarted.wait();
     return ZOL_OK;
 }
 
 int CZolLogTask::svc()
 {
+    m_oStarted.signal();
     for (;;)
     {
         ACE_OS::sleep(static_cast<unsigned int>(m_iPeriod));

@@ -74,11 +74,17 @@ CZolTimerTask::~CZolTimerTask() = default;
 
 int CZolTimerTask::open(void *)
 {
-    return activate() == -1 ? -1 : 0;
+    if (activate() == -1)
+    {
+        return -1;
+    }
+    m_oStart.await();
+    return 0;
 }
 
 int CZolTimerTask::svc()
 {
+    m_oStart.arrived();
     m_oReactor.owner(ACE_Thread::self());
     if (m_oReactor.run_reactor_event_loop() == -1)
     {

@@ -1,6 +1,8 @@
 #ifndef ZOL_TIMER_TASK_H
 #define ZOL_TIMER_TASK_H
 
+#include "log/ZolThreadStart.h"
+
 #include <ace/Reactor.h>
 #include <ace/Task.h>
 
@@ -46,6 +48,7 @@ public:
 private:
     CZolTimerTask();
 
+    CZolThreadStart m_oStart;
     ACE_Reactor m_oReactor;
 };
 

@@ -42,7 +42,12 @@ CZolConnMgr::~CZolConnMgr()
 
 int CZolConnMgr::open(void * /*pvArg*/)
 {
-    return activate(THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED, 1);
+    if (activate(THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED, 1) != 0)
+    {
+        return -1;
+    }
+    m_oStart.await();
+    return 0;
 }
 
 int CZolConnMgr::initConn2Vek(unsigned short usProcID, unsigned short usProcHandle, bool bNoHandle)

@@ -1,6 +1,7 @@
 #ifndef ZOL_TRANSPORT_ZOLCONNMGR_H
 #define ZOL_TRANSPORT_ZOLCONNMGR_H
 
+#include "log/ZolThreadStart.h"
 #include "transport/ZolConnection.h"
 
 #include <ace/RW_Mutex.h>
@@ -172,6 +173,7 @@ private:
     void sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog);
     void sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *poLog);
 
+    CZolThreadStart m_oStart;
     HandleMap m_oHandleMap;             // guarded by m_oConnLock; holds the references
     std::atomic<long> m_lLastHelloTime; // written by the poll
     std::atomic<bool> m_bNoHandle{false};

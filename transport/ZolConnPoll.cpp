@@ -13,6 +13,7 @@
 
 int CZolConnMgr::svc()
 {
+    m_oStart.arrived();
     long lLastPoll = 0;
     for (;;)
     {

@@ -24,7 +24,10 @@ CZolSendMsgTask::~CZolSendMsgTask()
 
 int CZolSendMsgTask::open(void * /*pvArg*/)
 {
-    activate(THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED);
+    if (activate(THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED) == 0)
+    {
+        m_oStart.await();
+    }
     return 0;
 }
 
@@ -62,6 +65,7 @@ int CZolSendMsgTask::sendMsg(CZolMemBlock *poBlock, bool bWait)
 
 int CZolSendMsgTask::svc()
 {
+    m_oStart.arrived();
     CZolConnMgr *poMgr = CZolConnMgr::instance();
     for (;;)
     {

@@ -2,6 +2,7 @@
 #define ZOL_TRANSPORT_ZOLSENDMSGTASK_H
 
 #include "ZolMemMan.h"
+#include "log/ZolThreadStart.h"
 
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/Task.h>
@@ -37,6 +38,7 @@ private:
 
     bool isFull() const; // caller: m_oMsgLock
 
+    CZolThreadStart m_oStart;
     ACE_Thread_Mutex m_oMsgLock;            // leaf
     ACE_Condition_Thread_Mutex m_oNotFull;  // with m_oMsgLock; signalled when the list has been taken away
     ACE_Condition_Thread_Mutex m_oNotEmpty; // with m_oMsgLock; signalled when svc() waits

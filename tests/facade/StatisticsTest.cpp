@@ -121,7 +121,8 @@ TEST_F(StatisticsTest, NamesALongHandlerOnceForEachRun)
             zol::setHandlerLimit(50);
             EXPECT_EQ(ZOL_OK, zol::sendReqMsg(4711, nullptr, 0, PROCESS, MANAGER, SLOW));
             EXPECT_TRUE(waitUntil([&] { return fnLines() == 1; }));
-            std::this_thread::sleep_for(std::chrono::milliseconds(2500)); // over a flush of the log and many checks
+            CZolRunLog::error("a flush later"); // which is a hundred checks later
+            EXPECT_TRUE(waitUntil([&] { return countOf(m_oInstallation.logText(), "a flush later") == 1; }));
             EXPECT_EQ(1U, fnLines()) << "one line for one run";
             oGate.unlock();
             EXPECT_TRUE(waitUntil([] { return statistics().m_arrTaskMgr[1].m_ulQueuedBytes == 0; }));
