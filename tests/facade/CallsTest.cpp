@@ -45,6 +45,23 @@ using Clock = std::chrono::steady_clock;
 std::mutex g_oLateLock;
 std::vector<std::unique_ptr<CZolMsgPdu>> g_oLate; // guarded by g_oLateLock: requests to be answered late
 
+std::size_t lateCount()
+{
+    const std::lock_guard<std::mutex> oGuard(g_oLateLock);
+    return g_oLate.size();
+}
+
+/// Answers all that wait, and forgets them.
+void answerLate()
+{
+    const std::lock_guard<std::mutex> oGuard(g_oLateLock);
+    for (const auto &oRequest : g_oLate)
+    {
+        EXPECT_EQ(ZOL_OK, zol::sendRespMsg(*oRequest, "stale", 5));
+    }
+    g_oLate.clear();
+}
+
 void echo(const CZolMsgPdu &oMsg, const std::string &strBody)
 {
     EXPECT_EQ(ZOL_OK, zol::sendRespMsg(oMsg, strBody.data(), static_cast<std::uint32_t>(strBody.size())));
@@ -256,18 +273,10 @@ TEST_F(CallsTest, LateAnswersReachNobodyElse)
                           std::string strAnswer;
                           uiWrong += call(CMD_LATE, "stale", 1, strAnswer, SERVERS, 1) != ZOL_ERR_TIMEOUT ? 1 : 0;
                       });
-            ASSERT_EQ(THREADS, g_oLate.size());
+            ASSERT_TRUE(waitUntil([] { return lateCount() == THREADS; }));
             SZolStatistics oBefore{};
             ASSERT_EQ(ZOL_OK, zol::getStatistics(&oBefore, sizeof oBefore));
-            std::thread oAnswers(
-                []
-                {
-                    const std::lock_guard<std::mutex> oGuard(g_oLateLock);
-                    for (const auto &oRequest : g_oLate)
-                    {
-                        echo(*oRequest, "stale");
-                    }
-                });
+            std::thread oAnswers(answerLate);
             onThreads(THREADS,
                       [&](unsigned int uiThread)
                       {
@@ -286,7 +295,6 @@ TEST_F(CallsTest, LateAnswersReachNobodyElse)
                            oNow.m_ulLateResponses - oBefore.m_ulLateResponses == THREADS;
                 }))
                 << "each is counted";
-            g_oLate.clear();
         });
     EXPECT_EQ(0U, uiWrong);
 }
