@@ -3,6 +3,7 @@
 #include "task/TaskFixture.h"
 
 #include <ace/Reactor.h>
+#include <malloc.h>
 #include <map>
 #include <stdexcept>
 
@@ -329,6 +330,23 @@ TEST_F(DispatchTest, TakesAFreedIdUpAgainOnlyAfterTheRingHasComeRound)
     ASSERT_EQ(ZOL_OK, poMgr->addAssistTask(poTask, true));
     EXPECT_EQ(34, poTask->getTaskID()) << "33 is in use";
 }
+
+#ifndef ZOL_SANITIZED
+// A process keeps tens of thousands of idle tasks: each may cost 400 bytes with all that belongs to it.
+TEST_F(DispatchTest, KeepsAnIdleTaskInFourHundredBytes)
+{
+    constexpr size_t TASKS = 20000;
+    CZolRunLog::logLevel(CZolRunLog::LEVEL_ERROR);
+    auto *poMgr = add(new CScriptedMgr(MANAGER, 1));
+    poMgr->addAssistTask(new CZolTask, true); // pages of the table that every manager has are not counted
+    const size_t uiBefore = mallinfo2().uordblks;
+    for (size_t uiTask = 0; uiTask < TASKS; ++uiTask)
+    {
+        ASSERT_EQ(ZOL_OK, poMgr->addAssistTask(new CZolTask, true));
+    }
+    EXPECT_LE((mallinfo2().uordblks - uiBefore) / TASKS, 400U);
+}
+#endif
 
 // ---- Ending tasks ---------------------------------------------------------------------------------------------------
 
