@@ -689,7 +689,8 @@ EnumZolVekVerdict CZolVekRouter::answerSubscribe(CZolVekSession &oFrom, const CZ
     const bool bLength = oFrame.dataLength() >= 12;
     const std::uint32_t uiModule = bLength ? zolVekRead32(pcPayload) : 256;
     const std::uint32_t uiTask = bLength ? zolVekRead32(pcPayload + 4) : 65536;
-    if (uiModule <= 255 && uiTask <= 65535)
+    const bool bForbidden = bLength && uiModule == 254 && zolVekRead32(pcPayload + 8) == MSG_DIRECT_REQUEST_CMDID;
+    if (uiModule <= 255 && uiTask <= 65535 && !bForbidden)
     {
         const SZolVekSubscriber oSubscriber = {&oFrom, static_cast<std::uint8_t>(uiModule),
                                                static_cast<std::uint16_t>(uiTask)};

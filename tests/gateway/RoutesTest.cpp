@@ -1,0 +1,84 @@
+#include "ZolVekRoutes.h"
+
+#include <gtest/gtest.h>
+#include <map>
+
+namespace
+{
+
+CZolVekSession *session(std::uintptr_t uiNumber)
+{
+    return reinterpret_cast<CZolVekSession *>(uiNumber * 64); // the table only keeps it
+}
+
+class RoutesTest : public testing::Test
+{
+protected:
+    std::uint16_t allocate(std::uint64_t ulNowMs)
+    {
+        std::uint16_t usHandle = 0;
+        if (m_oRoutes.allocate(7, ulNowMs, usHandle))
+        {
+            m_oRoutes.add(zolVekKey(7, usHandle), session(usHandle));
+        }
+        return usHandle;
+    }
+    CZolVekRoutes m_oRoutes;
+};
+
+TEST_F(RoutesTest, GivesTheLowestFreeHandleThatHasRested)
+{
+    m_oRoutes.rest(60000);
+    m_oRoutes.add(zolVekKey(7, 2), session(2)); // brought its own
+    EXPECT_EQ(1, allocate(1000));
+    EXPECT_EQ(3, allocate(1000));
+    m_oRoutes.remove(zolVekKey(7, 1), 2000);
+    EXPECT_EQ(4, allocate(3000)) << "1 rests";
+    EXPECT_EQ(5, allocate(61999)) << "1 rests to the last millisecond";
+    EXPECT_EQ(1, allocate(62000));
+    m_oRoutes.remove(zolVekKey(7, 3), 70000);
+    m_oRoutes.add(zolVekKey(7, 3), session(3)); // somebody brings a resting one as its own
+    EXPECT_EQ(6, allocate(200000)) << "3 is in use again";
+}
+
+TEST_F(RoutesTest, GivesRestingHandlesOnlyWhenNoOtherIsFree)
+{
+    for (unsigned int i = 1; i < 65535; ++i)
+    {
+        ASSERT_EQ(i, allocate(0));
+    }
+    EXPECT_EQ(0, allocate(0)) << "65535 is not given out";
+    m_oRoutes.remove(zolVekKey(7, 500), 1000);
+    m_oRoutes.remove(zolVekKey(7, 20), 1001);
+    EXPECT_EQ(500, allocate(1002)) << "the longest free one first";
+    EXPECT_EQ(20, allocate(1002));
+    EXPECT_EQ(0, allocate(1002));
+}
+
+TEST_F(RoutesTest, SpreadsSourcesOverThePipesOfAnId)
+{
+    for (std::uint16_t i = 1; i <= 3; ++i)
+    {
+        m_oRoutes.add(zolVekKey(7, i), session(i));
+    }
+    std::map<CZolVekSession *, int> oCount;
+    for (int i = 0; i < 9; ++i)
+    {
+        CZolVekSession *const poChosen = m_oRoutes.choose(7);
+        ++oCount[poChosen];
+        m_oRoutes.use(zolVekKey(7, static_cast<std::uint16_t>(reinterpret_cast<std::uintptr_t>(poChosen) / 64)), 1);
+    }
+    EXPECT_EQ(3u, oCount.size());
+    for (const auto &oPair : oCount)
+    {
+        EXPECT_EQ(3, oPair.second);
+    }
+    m_oRoutes.add(zolVekKey(7, 0), session(99));
+    EXPECT_EQ(session(99), m_oRoutes.choose(7)) << "the pipe without a handle stands for the id";
+    m_oRoutes.remove(zolVekKey(7, 0), 0);
+    m_oRoutes.use(zolVekKey(7, 2), -1);
+    EXPECT_EQ(session(2), m_oRoutes.choose(7));
+    EXPECT_EQ(nullptr, m_oRoutes.choose(8));
+}
+
+} // namespace

@@ -1,0 +1,124 @@
+#include "ZolVekPolicy.h"
+#include "ZolVekSettings.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+TEST(SettingsTest, ReadsTheFormatOfConfigurationFiles)
+{
+    CZolVekSettingsReader oReader;
+    oReader.addText("vek.cfg", "# comment = 1\n\n  Listen =  127.0.0.1:7200\t\nLogLevel=2\nLogLevel=5\n=x\nno entry\n"
+                               "LogPath = /a = b # c\nAllowFrom.9 = 10.1.0.0/16, 127.0.0.1\nPort.7=70\nPort.7.3 = 73\n"
+                               "SlowConsumer = drop\nPipeQueueBytes = 65536");
+    ASSERT_TRUE(oReader.check()) << oReader.faults()[0];
+    const SZolVekSettings &oSettings = oReader.settings();
+    EXPECT_EQ(7200u, oSettings.m_uiListenPort);
+    EXPECT_EQ(2u, oSettings.m_uiLogLevel) << "the first of two wins";
+    EXPECT_EQ("/a = b # c", oSettings.m_strLogPath);
+    EXPECT_EQ(VEK_SLOW_DROP, oSettings.m_eSlowConsumer);
+    EXPECT_EQ(65536u, oSettings.m_ulPipeQueueBytes);
+    EXPECT_EQ(70, oSettings.m_oPortsById.at(7));
+    EXPECT_EQ(73, oSettings.m_oPorts.at(zolVekKey(7, 3)));
+    EXPECT_NE(std::string::npos, oReader.effective().find("LogLevel = 2    (0 to 5; vek.cfg:4)"));
+    EXPECT_NE(std::string::npos, oReader.effective().find("GraceSeconds = 0    (seconds; default)"));
+}
+
+// Every key wrong in every way: refused, and the line says where and which.
+TEST(SettingsTest, NamesEachBadLine)
+{
+    const char *const apcLines[] = {
+        "Listen = 127.0.0.1",
+        "Listen = 127.0.0.1:65536",
+        "Listen = nowhere:1",
+        "Listen = 1.2.3:4",
+        "Listen = 127.0.0.1:-1",
+        "LogLevel = 6",
+        "LogLevel = -1",
+        "LogLevel =",
+        "LogLevel = 0x1",
+        "MaxLogNumber = 11",
+        "MaxLogSize = 1023",
+        "MaxConnections = 0",
+        "MaxUnregistered = 0",
+        "MaxFrameBytes = 8191",
+        "RegisterSeconds = 0",
+        "PipeQueueBytes = 64k",
+        "TotalQueueBytes = 1",
+        "SlowConsumer = Block",
+        "StuckSeconds = 0",
+        "HelloSeconds = 1.5",
+        "SilenceSeconds = ",
+        "ProbeSeconds = 61",
+        "GraceSeconds = 9999999",
+        "DrainSeconds = ten",
+        "HandleRestSeconds = 1 2",
+        "AllowFrom = ",
+        "AllowFrom = 1.2.3.4/33",
+        "AllowFrom = 1.2.3.4,,1.2.3.5",
+        "AllowFrom.0 = 1.2.3.4",
+        "AllowFrom.65535 = 1.1.1.1",
+        "AllowFrom.x = 1.2.3.4",
+        "Port.7 = 0",
+        "Port.7 = 65536",
+        "Port. = 7",
+        "Port.7.x = 7",
+        "Port.7.65536 = 7",
+        "Unknown = 1",
+        "listen = 127.0.0.1:1",
+        "MaxFrameBytes = 99999999999999999999999",
+    };
+    for (const char *pcLine : apcLines)
+    {
+        SCOPED_TRACE(pcLine);
+        CZolVekSettingsReader oReader;
+        oReader.addText("vek.cfg", std::string("# first\n") + pcLine + "\n");
+        const std::string strLine = pcLine;
+        const std::string strKey = strLine.substr(0, strLine.find(' '));
+        EXPECT_FALSE(oReader.check());
+        ASSERT_EQ(1u, oReader.faults().size());
+        EXPECT_EQ(0u, oReader.faults()[0].find("vek.cfg:2: " + strKey + ": ")) << oReader.faults()[0];
+    }
+}
+
+TEST(SettingsTest, ListensBeyondLoopbackOnlyWithAListOfWhoMayCome)
+{
+    CZolVekSettingsReader oReader;
+    oReader.addText("a", "Listen = 0.0.0.0:7100");
+    EXPECT_FALSE(oReader.check());
+    oReader.addText("a", "AllowFrom = 10.0.0.0/8");
+    EXPECT_TRUE(oReader.check());
+}
+
+TEST(PolicyTest, HoldsAnIdAgainstItsOwnListOrTheCommonOne)
+{
+    CZolVekSettingsReader oReader;
+    oReader.addText("a", "AllowFrom = 10.0.0.0/8, 127.0.0.1\nAllowFrom.9 = 192.168.1.7");
+    ASSERT_TRUE(oReader.check());
+    const CZolVekPolicy oPolicy(oReader.settings());
+    EXPECT_TRUE(oPolicy.mayRegister(7, 0x0A010203));
+    EXPECT_TRUE(oPolicy.mayRegister(7, 0x7F000001));
+    EXPECT_FALSE(oPolicy.mayRegister(7, 0x7F000002));
+    EXPECT_FALSE(oPolicy.mayRegister(7, 0x0B000000));
+    EXPECT_TRUE(oPolicy.mayRegister(9, 0xC0A80107));
+    EXPECT_FALSE(oPolicy.mayRegister(9, 0x0A010203)) << "the list of an id replaces the common one";
+    EXPECT_FALSE(oPolicy.mayRegister(0, 0x7F000001));
+    EXPECT_FALSE(oPolicy.mayRegister(65535, 0x7F000001));
+}
+
+TEST(SettingsTest, TellsWhatAReloadChanges)
+{
+    CZolVekSettingsReader oOld;
+    oOld.addText("a", "LogLevel = 3\nListen = 127.0.0.1:1");
+    ASSERT_TRUE(oOld.check());
+    CZolVekSettingsReader oNew;
+    oNew.addText("a", "LogLevel = 5\nListen = 127.0.0.1:2\nPort.8 = 80");
+    ASSERT_TRUE(oNew.check());
+    EXPECT_EQ((std::vector<std::string>{"LogLevel: 3 -> 5", "Port.<id>: none -> 8=80"}),
+              zolVekDifferences(oOld.settings(), oNew.settings(), true));
+    EXPECT_EQ((std::vector<std::string>{"Listen: 127.0.0.1:1 -> 127.0.0.1:2"}),
+              zolVekDifferences(oOld.settings(), oNew.settings(), false));
+}
+
+} // namespace
