@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
 
 namespace wordcount
 {
@@ -46,15 +45,13 @@ void CCollector::merge(std::string_view strText)
     }
 }
 
-// On a terminal one line that changes, elsewhere a line a second.
 void CCollector::showProgress() const
 {
     const std::uint64_t ulBytes = m_oRun.m_ulBytes;
     const auto uiPercent = static_cast<unsigned int>(
         m_oRun.m_ulFileBytes == 0 ? 100 : std::min<std::uint64_t>(100, ulBytes * 100 / m_oRun.m_ulFileBytes));
-    std::printf("%sread %3u %%, %llu lines sent, %llu counted%s", isatty(STDOUT_FILENO) != 0 ? "\r" : "", uiPercent,
-                static_cast<unsigned long long>(m_oRun.m_ulSent), static_cast<unsigned long long>(m_ulCounted),
-                isatty(STDOUT_FILENO) != 0 ? "" : "\n");
+    std::printf("progress: %u %% read, %llu lines sent, %llu counted\n", uiPercent,
+                static_cast<unsigned long long>(m_oRun.m_ulSent), static_cast<unsigned long long>(m_ulCounted));
     std::fflush(stdout);
 }
 
@@ -62,7 +59,6 @@ void CCollector::finish()
 {
     const std::chrono::duration<double> oTaken = std::chrono::steady_clock::now() - m_oRun.m_oStart;
     showProgress();
-    std::printf("%s", isatty(STDOUT_FILENO) != 0 ? "\n" : "");
     printResult(std::max(oTaken.count(), 1e-6));
     const std::uint64_t ulSent = m_oRun.m_ulSent;
     if (m_oWords.lines() != ulSent)
@@ -84,7 +80,7 @@ void CCollector::finish()
 void CCollector::printResult(double dSeconds) const
 {
     const auto oSorted = m_oWords.sorted();
-    std::printf("\nmost frequent words:\n");
+    std::printf("most frequent words:\n");
     for (size_t uiAt = 0; uiAt < std::min<size_t>(10, oSorted.size()); ++uiAt)
     {
         std::printf("%10llu %s\n", static_cast<unsigned long long>(oSorted[uiAt].second), oSorted[uiAt].first.c_str());
