@@ -32,6 +32,8 @@ public:
     /// The log of the process, made by the first call and never destroyed.
     static CZolLogTask *instance();
 
+    using ACE_Task_Base::init; // not hidden by the one below
+
     /// Reads the settings, opens the file, starts the thread. pcName is the prefix of the files, by default
     /// zol_<id>_<handle>; pcPath their folder, which must exist, by default what getLogPath() finds. -1 only if no
     /// folder can be worked out; a log that cannot be opened is switched off, and 0 returned.

@@ -23,10 +23,22 @@ const size_t STAMP_LENGTH = 23;                // of zol::getCurrFormatTime
 const size_t LINE_OVERHEAD = STAMP_LENGTH + 2; // stamp, blank, line feed
 const int FLUSH_PERIOD = 2;                    // seconds
 
-// The stamp of the first line without its last digit; empty for an empty file.
-std::string firstStamp(const std::string &strFile)
+// The number in the name of a file of the ring, stem then digit then ".log"; -1 for any other name.
+int seqOfName(const std::string &strName, const std::string &strStem)
 {
-    std::ifstream oFile(strFile);
+    if (strName.size() != strStem.size() + 5 || strName.compare(0, strStem.size(), strStem) != 0 ||
+        strName.compare(strStem.size() + 1, std::string::npos, ".log") != 0)
+    {
+        return -1;
+    }
+    const char cDigit = strName[strStem.size()];
+    return cDigit >= '0' && cDigit <= '9' ? cDigit - '0' : -1;
+}
+
+// The stamp of the first line without its last digit; empty for an empty file.
+std::string firstStamp(const std::string &strPath, const std::string &strName)
+{
+    std::ifstream oFile(strPath + "/" + strName);
     char acStamp[STAMP_LENGTH] = "";
     oFile.get(acStamp, sizeof acStamp);
     return acStamp;
@@ -119,8 +131,10 @@ int CZolLogTask::init(unsigned short usProcID, unsigned short usProcHandle, cons
     return ZOL_OK;
 }
 
+// Under the lock for a start that is tried again: the thread of the first try may be stepping.
 void CZolLogTask::readLimits()
 {
+    ACE_Guard<ACE_Mutex> oGuard(m_oFileLock);
     if (zol::getResByKey("MaxLogNumber", m_iMaxFileNumber, MAX_FILE_NUMBER_LIMIT, 0) != ZOL_OK)
     {
         m_iMaxFileNumber = DEFAULT_FILE_NUMBER;
@@ -183,6 +197,10 @@ int CZolLogTask::initLogFile(const std::string &strPath, const std::string &strP
     const std::string strName = fileName();
     const bool bContinue = !strNewestStamp.empty();
     const int iSize = bContinue ? sizeOfFile(strName) : 0;
+    if (m_pFile != nullptr)
+    {
+        fclose(m_pFile); // of a start that failed later on and is tried again
+    }
     m_pFile = fopen(strName.c_str(), bContinue ? "a+te" : "w+te");
     if (m_pFile == nullptr)
     {
@@ -207,21 +225,16 @@ void CZolLogTask::findNewestFile(const std::string &strPath, const std::string &
     for (ACE_DIRENT *poEntry = oFolder.read(); poEntry != nullptr; poEntry = oFolder.read())
     {
         const std::string strName = poEntry->d_name;
-        if (strName.size() != strStem.size() + 5 || strName.compare(0, strStem.size(), strStem) != 0 ||
-            strName.compare(strStem.size() + 1, std::string::npos, ".log") != 0)
+        const int iFound = seqOfName(strName, strStem);
+        if (iFound < 0 || iFound >= m_iMaxFileNumber)
         {
             continue;
         }
-        const int iDigit = strName[strStem.size()] - '0';
-        if (iDigit < 0 || iDigit > 9 || iDigit >= m_iMaxFileNumber)
-        {
-            continue;
-        }
-        const std::string strFound = firstStamp(strPath + "/" + strName);
+        const std::string strFound = firstStamp(strPath, strName);
         if (strFound > strStamp)
         {
             strStamp = strFound;
-            iSeq = iDigit;
+            iSeq = iFound;
         }
     }
 }
@@ -232,7 +245,7 @@ int CZolLogTask::open(void * /*pvArgs*/)
     {
         return ZOL_OK;
     }
-    if (activate() != 0)
+    if (activate() == -1) // 1 says that the thread runs already
     {
         std::cout << "Fail to activate log task in function 'CZolLogTask::open'." << std::endl;
         return ZOL_ERR_FAILED;
@@ -337,9 +350,11 @@ void CZolLogTask::reportOverflow()
 {
     char acNow[STAMP_LENGTH + 1];
     zol::getCurrFormatTime(acNow);
-    const std::string strText = "CZolLogTask::writeLog Run logs have been discarded because of buffer overflow, which "
-                                "time ranged from " +
-                                m_strDiscardTime + " to " + acNow;
+    std::string strText = "CZolLogTask::writeLog Run logs have been discarded because of buffer overflow, which time "
+                          "ranged from ";
+    strText += m_strDiscardTime;
+    strText += " to ";
+    strText += acNow;
     writeLine(acNow, strText.c_str());
     m_bOverflow.store(false, std::memory_order_relaxed);
 }

@@ -132,6 +132,19 @@ TEST_F(LogTaskTest, ThreadFlushesByItself)
     EXPECT_TRUE(zoltest::waitUntil([this] { return withoutStamps(text(0)) == "by the thread\n"; }));
 }
 
+// A process whose start fails behind the log may try again: the log goes on where it was.
+TEST_F(LogTaskTest, SecondStartKeepsLogging)
+{
+    auto *const poLog = CZolLogTask::instance();
+    ASSERT_EQ(0, poLog->init(1, 0, "p", nullptr));
+    poLog->startupLog("first");
+    ASSERT_EQ(0, poLog->init(1, 0, "p", nullptr));
+    poLog->startupLog("second");
+    poLog->output("third");
+    poLog->writeLog();
+    EXPECT_EQ("first\nsecond\nthird\n", withoutStamps(text(0)));
+}
+
 // A child process must not keep the files of its parent open.
 TEST_F(LogTaskTest, FileIsClosedOnExec)
 {
