@@ -125,7 +125,7 @@ inline void send(CZolMsgPdu *poMsg)
 class CProcess
 {
 public:
-    explicit CProcess(unsigned int uiMostSeconds)
+    explicit CProcess(unsigned int uiMostSeconds, unsigned short usProcess = PROCESS)
     {
         alarm(uiMostSeconds);
         std::string strTemplate = (std::filesystem::temp_directory_path() / "zol-bench-XXXXXX").string();
@@ -134,7 +134,8 @@ public:
         std::filesystem::create_directories(m_strRoot + "/conf/log");
         std::ofstream(m_strRoot + "/conf/zol.cfg") << "\n";
         setenv("ZOLROOT", m_strRoot.c_str(), 1); // NOLINT(concurrency-mt-unsafe): no thread runs yet
-        need(CZolAppMgr::instance()->initAppMgr(PROCESS, 0, true, "bench", nullptr) == ZOL_OK, "starting the library");
+        need(CZolAppMgr::instance()->initAppMgr(usProcess, 0, true, "bench", nullptr) == ZOL_OK,
+             "starting the library");
     }
     ~CProcess() { std::filesystem::remove_all(m_strRoot); }
     CProcess(const CProcess &) = delete;
