@@ -4,33 +4,19 @@
 //
 // Figures of a machine that has nothing else to do; they are no test.
 
-#include "zol.h"
+#include "BenchSupport.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
+#include <future>
 #include <vector>
+
+using namespace zolbench;
 
 namespace
 {
 
 const std::uint64_t PERIOD_NS = 10000000;
 const std::uint64_t SECOND_NS = 1000000000;
-
-std::uint64_t nowNs()
-{
-    timespec oNow{};
-    clock_gettime(CLOCK_MONOTONIC, &oNow);
-    return static_cast<std::uint64_t>(oNow.tv_sec) * SECOND_NS + static_cast<std::uint64_t>(oNow.tv_nsec);
-}
-
-void report(const char *pcWho, const char *pcMetric, double dNanoseconds)
-{
-    std::printf("L5 lateness/zol %s\t%s\t%.4g\tms\n", pcWho, pcMetric, dNanoseconds / 1e6);
-}
 
 /// What a firing is behind a grid that begins at the moment of asking.
 class CGrid
@@ -45,14 +31,16 @@ public:
         m_ulDue += m_ulPeriodNs;
     }
     size_t count() const { return m_oLate.size(); }
-    void reportTo(const char *pcWho)
+    void reportAs(const std::string &strWho)
     {
-        report(pcWho, "first", m_oLate.front());
-        report(pcWho, "last", m_oLate.back());
+        const auto report = [&](const char *pcMetric, double dLateNs)
+        { zolbench::report("L5 lateness/zol " + strWho, pcMetric, dLateNs / 1e6, "ms"); };
+        report("first", m_oLate.front());
+        report("last", m_oLate.back());
         std::sort(m_oLate.begin(), m_oLate.end());
-        report(pcWho, "median", m_oLate[m_oLate.size() / 2]);
-        report(pcWho, "p99", m_oLate[m_oLate.size() * 99 / 100]);
-        report(pcWho, "worst", m_oLate.back());
+        report("median", m_oLate[m_oLate.size() / 2]);
+        report("p99", m_oLate[m_oLate.size() * 99 / 100]);
+        report("worst", m_oLate.back());
     }
 
 private:
@@ -78,42 +66,50 @@ public:
         m_oCycle.start();
         return setTimer(1) != 0;
     }
-    void timerCallBack(unsigned long) override
+    void timerCallBack(unsigned long ulTimerID) override
     {
+        if (m_oCycle.count() == m_uiSeconds)
+        {
+            return; // it was in the queue already
+        }
         m_oCycle.fired();
         if (m_oCycle.count() == m_uiSeconds)
         {
-            CZolAppMgr::instance()->exitThreads();
+            cancelTimer(ulTimerID);
+            m_oDone.set_value();
         }
     }
     CGrid &cycle() { return m_oCycle; }
+    void awaitEnd() { m_oDone.get_future().wait(); }
 
 private:
+    std::promise<void> m_oDone;
     const unsigned int m_uiSeconds;
     CGrid m_oCycle;
 };
 
 } // namespace
 
-int main(int iArgs, char **ppcArgs)
+int main(int argc, char **argv)
 {
-    const auto uiSeconds = static_cast<unsigned int>(iArgs > 1 ? std::max(std::atoi(ppcArgs[1]), 1) : 10);
-    CZolAppMgr *const poAppMgr = CZolAppMgr::instance();
+    const unsigned int uiSeconds = std::max(argument(argc, argv, 1, 10), 1U);
+    CProcess oProcess(uiSeconds + 60);
     auto *const poTaskMgr = new CZolTaskMgr(1, 1);
     auto *const poTask = new CLateness(uiSeconds);
-    g_poClock = new CGrid(PERIOD_NS, (uiSeconds + 1) * 100);
-    if (poAppMgr->initAppMgr(1, 0, true, "bench-lateness", nullptr) != ZOL_OK ||
-        poAppMgr->addTaskMgr(poTaskMgr) != ZOL_OK || poTaskMgr->addStaticTask(poTask, 1) != ZOL_OK || !poTask->start())
-    {
-        return 2;
-    }
-    g_poClock->start();
-    const unsigned long ulClock = CZolTimer::instance()->registerPreciseClock(10, tick);
-    poAppMgr->handleEvents();
-    CZolTimer::instance()->cancelPreciseClock(ulClock);
-    const timespec oTick{0, 50000000}; // a call may be under way
-    nanosleep(&oTick, nullptr);
-    poTask->cycle().reportTo("cycle 1 s");
-    g_poClock->reportTo("clock 10 ms");
+    CProcess::add(poTaskMgr);
+    need(poTaskMgr->addStaticTask(poTask, 1) == ZOL_OK, "the task of the bench");
+    g_poClock = new CGrid(PERIOD_NS, (uiSeconds + 10) * 100);
+    oProcess.run(
+        [&]
+        {
+            need(poTask->start(), "the cycle timer");
+            g_poClock->start();
+            const unsigned long ulClock = CZolTimer::instance()->registerPreciseClock(10, tick);
+            poTask->awaitEnd();
+            CZolTimer::instance()->cancelPreciseClock(ulClock);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100)); // a call may be under way
+            poTask->cycle().reportAs("cycle 1 s");
+            g_poClock->reportAs("clock 10 ms");
+        });
     return 0;
 }

@@ -5,19 +5,15 @@
 // schedule and cancel without a number: N timers are set in order, then cancelled in random order, as the rows of other
 // libraries have it. With a number: so many timers stay alive on 1000 tasks, and more come and go beside them.
 
-#include "zol.h"
+#include "BenchSupport.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <fstream>
+#include <future>
 #include <numeric>
 #include <random>
-#include <string>
 #include <vector>
+
+using namespace zolbench;
 
 namespace
 {
@@ -26,48 +22,6 @@ const unsigned char MANAGER = 1;
 const unsigned char CROWD = 2; // the manager of the tasks that the timers are set for; nothing is sent to it
 const unsigned int TASKS = 1000;
 const unsigned int FAR_AWAY = 100000; // seconds: none of these fires
-
-[[noreturn]] void fail(const char *pcWhat)
-{
-    std::fprintf(stderr, "FAILED: %s\n", pcWhat);
-    std::_Exit(2);
-}
-
-void need(bool bHolds, const char *pcWhat)
-{
-    if (!bHolds)
-    {
-        fail(pcWhat);
-    }
-}
-
-std::uint64_t nowNs()
-{
-    timespec oNow{};
-    clock_gettime(CLOCK_MONOTONIC, &oNow);
-    return static_cast<std::uint64_t>(oNow.tv_sec) * 1000000000U + static_cast<std::uint64_t>(oNow.tv_nsec);
-}
-
-double residentBytes()
-{
-    std::ifstream oStatus("/proc/self/status");
-    std::string strWord;
-    double dKilobytes = 0;
-    while (oStatus >> strWord)
-    {
-        if (strWord == "VmRSS:")
-        {
-            oStatus >> dKilobytes;
-        }
-    }
-    return dKilobytes * 1024;
-}
-
-void report(const std::string &strWho, const char *pcMetric, double dValue, const char *pcUnit)
-{
-    std::printf("L5/zol%s\t%s\t%.6g\t%s\n", strWho.c_str(), pcMetric, dValue, pcUnit);
-    std::fflush(stdout);
-}
 
 unsigned short taskOf(unsigned int uiIndex)
 {
@@ -115,43 +69,46 @@ void benchBulk(unsigned int uiTimers)
 {
     std::vector<unsigned long> oIds(uiTimers);
     const std::vector<unsigned int> oOrder = shuffled(uiTimers);
-    const double dBefore = residentBytes();
-    report("", "schedule", scheduleAll(oIds), "ns/op");
-    report("", "memory of a timer", (residentBytes() - dBefore) / uiTimers, "bytes");
-    report("", "cancel", cancelAll(oIds, oOrder), "ns/op");
+    const double dBefore = memoryBytes("VmRSS:");
+    report("L5/zol", "schedule", scheduleAll(oIds), "ns/op");
+    report("L5/zol", "memory of a timer", (memoryBytes("VmRSS:") - dBefore) / uiTimers, "bytes");
+    report("L5/zol", "cancel", cancelAll(oIds, oOrder), "ns/op");
 }
 
-/// Beside uiLive timers that stay, a thousand at a time come and go, one for each task.
+double median(std::vector<double> oValues)
+{
+    std::nth_element(oValues.begin(), oValues.begin() + static_cast<long>(oValues.size() / 2), oValues.end());
+    return oValues[oValues.size() / 2];
+}
+
+/// Beside uiLive timers that stay, a thousand at a time come and go, one for each task; then tasks end that have ten
+/// each. Medians of the turns, since others may take the processor in one of them.
 void benchAmong(unsigned int uiLive)
 {
-    const unsigned int uiTurns = 50;
+    const unsigned int uiTurns = 101;
     std::vector<unsigned long> oLive(uiLive);
     scheduleAll(oLive);
     std::vector<unsigned long> oIds(TASKS);
     const std::vector<unsigned int> oOrder = shuffled(TASKS);
-    double dSchedule = 0;
-    double dCancel = 0;
-    double dCancelTask = 0;
+    std::vector<double> oSchedule;
+    std::vector<double> oCancel;
+    std::vector<double> oCancelTask;
     for (unsigned int ui = 0; ui < uiTurns; ++ui)
     {
-        dSchedule += scheduleAll(oIds) / uiTurns;
-        dCancel += cancelAll(oIds, oOrder) / uiTurns;
-    }
-    // a task that has ten timers of its own ends
-    for (unsigned int ui = 0; ui < uiTurns * 20; ++ui)
-    {
+        oSchedule.push_back(scheduleAll(oIds));
+        oCancel.push_back(cancelAll(oIds, oOrder));
         for (unsigned int uiOwn = 0; uiOwn < 10; ++uiOwn)
         {
             CZolTimer::instance()->setCycleInterval(FAR_AWAY, CROWD, 1, 7);
         }
         const std::uint64_t ulStart = nowNs();
         CZolTimer::instance()->cancelTimer(CROWD, 7);
-        dCancelTask += static_cast<double>(nowNs() - ulStart) / (uiTurns * 20);
+        oCancelTask.push_back(static_cast<double>(nowNs() - ulStart));
     }
-    const std::string strWho = " among " + std::to_string(uiLive);
-    report(strWho, "schedule", dSchedule, "ns/op");
-    report(strWho, "cancel", dCancel, "ns/op");
-    report(strWho, "cancel ten of a task", dCancelTask, "ns/op");
+    const std::string strWho = "L5/zol among " + std::to_string(uiLive);
+    report(strWho, "schedule", median(oSchedule), "ns/op");
+    report(strWho, "cancel", median(oCancel), "ns/op");
+    report(strWho, "cancel ten of a task", median(oCancelTask), "ns/op");
     need(CZolTimer::instance()->getTimerCount() == uiLive + 1, "timers have gone astray"); // one is the bench's own
     cancelAll(oLive, shuffled(uiLive));
 }
@@ -185,7 +142,7 @@ public:
         {
             return false;
         }
-        report("", "fire all of one second", static_cast<double>(nowNs() - m_ulFirst) / 1e6, "ms");
+        report("L5/zol", "fire all of one second", static_cast<double>(nowNs() - m_ulFirst) / 1e6, "ms");
         return true;
     }
 
@@ -220,30 +177,30 @@ public:
     {
         if (m_oFiring.take(poMsg->m_ulCmdID))
         {
-            CZolAppMgr::instance()->exitThreads();
+            m_oDone.set_value();
         }
     }
 
+    void awaitEnd() { m_oDone.get_future().wait(); }
+
 private:
     const unsigned int m_uiTimers;
+    std::promise<void> m_oDone;
     bool m_bStarted = false;
     CFiring m_oFiring;
 };
 
 } // namespace
 
-int main(int iArgs, char **ppcArgs)
+int main(int argc, char **argv)
 {
-    const unsigned int uiTimers = iArgs > 1 ? static_cast<unsigned int>(std::strtoul(ppcArgs[1], nullptr, 10)) : 100000;
-    CZolAppMgr *const poAppMgr = CZolAppMgr::instance();
-    need(poAppMgr->initAppMgr(1, 0, true, "bench-timers", nullptr) == ZOL_OK, "initAppMgr");
+    CProcess oProcess(120);
     CZolRunLog::logLevel(CZolRunLog::LEVEL_ERROR);
     auto *const poTaskMgr = new CZolTaskMgr(MANAGER, 1);
-    auto *const poBench = new CBench(uiTimers);
-    need(poAppMgr->addTaskMgr(poTaskMgr) == ZOL_OK && poAppMgr->addTaskMgr(new CZolTaskMgr(CROWD, 1)) == ZOL_OK,
-         "addTaskMgr");
-    need(poTaskMgr->addStaticTask(poBench, 1) == ZOL_OK, "addStaticTask");
-    need(poBench->setTimer(1) != 0, "setTimer");
-    poAppMgr->handleEvents();
+    auto *const poBench = new CBench(argument(argc, argv, 1, 100000));
+    CProcess::add(poTaskMgr);
+    CProcess::add(new CZolTaskMgr(CROWD, 1));
+    need(poTaskMgr->addStaticTask(poBench, 1) == ZOL_OK && poBench->setTimer(1) != 0, "the task of the bench");
+    oProcess.run([&] { poBench->awaitEnd(); });
     return 0;
 }
