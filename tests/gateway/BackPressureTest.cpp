@@ -1,0 +1,231 @@
+#include "gateway/GatewayFixture.h"
+
+#include <atomic>
+#include <sys/socket.h>
+
+using namespace zoltest;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+const TZolVekKey A = zolVekKey(7, 1);
+const TZolVekKey B = zolVekKey(8, 1);
+
+class BackPressureTest : public GatewayTest
+{
+protected:
+    BackPressureTest() { m_oSettings.m_ulPipeQueueBytes = 1 << 20; }
+
+    /// A pipe of which the kernel takes little; a window below the loopback's segments would make it crawl.
+    CRawPipe slowPipe(unsigned short usProc, unsigned short usHandle)
+    {
+        CRawPipe oPipe = pipe(usProc, usHandle);
+        const int iSmall = 256 * 1024;
+        setsockopt(oPipe.socket(), SOL_SOCKET, SO_RCVBUF, &iSmall, sizeof iSmall);
+        return oPipe;
+    }
+
+    /// Sends numbered frames from another thread until the limit; counts those that the socket took.
+    struct SFlood
+    {
+        SFlood(CRawPipe &oPipe, TZolVekKey uiFrom, TZolVekKey uiTo, unsigned int uiCount, std::size_t ulBody)
+            : m_oThread(
+                  [=, &oPipe]
+                  {
+                      for (unsigned int i = 0; i < uiCount; ++i)
+                      {
+                          if (!oPipe.send(frame(1, uiFrom, uiTo, word32(i) + std::string(ulBody, 'f')).wire()))
+                          {
+                              return;
+                          }
+                          ++m_uiSent;
+                      }
+                  })
+        {
+        }
+        ~SFlood() { m_oThread.join(); }
+        std::atomic<unsigned int> m_uiSent{0};
+        std::thread m_oThread;
+    };
+};
+
+// A receiver that reads nothing: its sources stand still, memory stays within the bound, others do not notice; when it
+// reads again everything is there and in order.
+TEST_F(BackPressureTest, StopsTheSourcesOfASlowReceiverAndNobodyElse)
+{
+    CRawPipe oSlow = slowPipe(8, 1);
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oOther = pipe(7, 2);
+    CRawPipe oHealthy = pipe(8, 2);
+    const unsigned int uiCount = 20000;
+    {
+        SFlood oFlood(oA, A, B, uiCount, 1000);
+        ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulStalls > 0; }));
+        for (unsigned int i = 0; i < 1000; ++i)
+        {
+            ASSERT_TRUE(oOther.send(frame(1, zolVekKey(7, 2), zolVekKey(8, 2), word32(i)).wire()));
+            ASSERT_EQ(i, readWord32(next(oHealthy).m_strBody, 0));
+        }
+        EXPECT_LT(gateway().memoryBytes(), m_oSettings.m_ulPipeQueueBytes + (256 << 10));
+        EXPECT_LT(oFlood.m_uiSent, uiCount) << "the pressure reaches the source";
+        for (unsigned int i = 0; i < uiCount; ++i)
+        {
+            ASSERT_EQ(i, readWord32(next(oSlow).m_strBody, 0));
+        }
+    }
+    EXPECT_TRUE(waitUntil([&] { return gateway().memoryBytes() == 0; }));
+}
+
+// Many receivers that read nothing fill the total; what flows between others goes on.
+TEST_F(BackPressureTest, HoldsTheTotalBoundAndLetsHealthyPipesGoOn)
+{
+    m_oSettings.m_ulTotalQueueBytes = 4 << 20;
+    std::vector<CRawPipe> oSlow;
+    std::vector<CRawPipe> oSources;
+    std::vector<std::unique_ptr<SFlood>> oFloods;
+    for (unsigned short i = 1; i <= 10; ++i)
+    {
+        oSlow.push_back(slowPipe(8, i));
+        oSources.push_back(pipe(7, i));
+    }
+    CRawPipe oA = pipe(5, 1);
+    CRawPipe oB = pipe(6, 1);
+    for (unsigned short i = 1; i <= 10; ++i)
+    {
+        oFloods.push_back(std::make_unique<SFlood>(oSources[i - 1u], zolVekKey(7, i), zolVekKey(8, i), 1 << 30, 20000));
+    }
+    ASSERT_TRUE(waitUntil([&] { return gateway().memoryBytes() > (3 << 20); }));
+    SFlood oFlow(oA, zolVekKey(5, 1), zolVekKey(6, 1), 2000, 20000);
+    for (unsigned int i = 0; i < 2000; ++i)
+    {
+        ASSERT_EQ(i, readWord32(next(oB).m_strBody, 0));
+    }
+    EXPECT_LT(gateway().memoryBytes(), (4u << 20) + 10 * (128u << 10));
+    for (CRawPipe &oPipe : oSources)
+    {
+        shutdown(oPipe.socket(), SHUT_RDWR);
+    }
+}
+
+TEST_F(BackPressureTest, DropsForASlowReceiverIfToldTo)
+{
+    m_oSettings.m_eSlowConsumer = VEK_SLOW_DROP;
+    CRawPipe oSlow = slowPipe(8, 1);
+    CRawPipe oA = pipe(7, 1);
+    const unsigned int uiCount = 20000;
+    {
+        const SFlood oFlood(oA, A, B, uiCount, 1000);
+    }
+    ASSERT_TRUE(oA.send(frame(1, A, A, "done").wire()));
+    EXPECT_EQ("done", next(oA).m_strBody) << "the source was never held";
+    const std::uint64_t ulDropped = gateway().statistics().m_ulDropSlow;
+    EXPECT_GT(ulDropped, 0u);
+    unsigned int uiLast = 0;
+    for (std::uint64_t i = 0; i < uiCount - ulDropped; ++i)
+    {
+        const unsigned int uiNow = readWord32(next(oSlow).m_strBody, 0);
+        ASSERT_TRUE(i == 0 || uiNow > uiLast) << "what came is in order";
+        uiLast = uiNow;
+    }
+    expectSilence(oSlow);
+}
+
+// A big message of which a block was dropped is dropped to its end, and the receiver is told to free its part.
+TEST_F(BackPressureTest, DropsBigMessagesWhole)
+{
+    m_oSettings.m_eSlowConsumer = VEK_SLOW_DROP;
+    CRawPipe oSlow = slowPipe(8, 1);
+    CRawPipe oA = pipe(7, 1);
+    std::string strBlocks;
+    for (std::uint16_t i = 1; i <= 2000; ++i)
+    {
+        SFrame oBlock = frame(6, A, B, std::string(8160, 'b'));
+        oBlock.m_usSegment = i == 2000 ? std::uint16_t{0} : i;
+        strBlocks += oBlock.wire();
+    }
+    ASSERT_TRUE(oA.send(strBlocks));
+    ASSERT_TRUE(oA.send(frame(1, A, A, "done").wire()));
+    EXPECT_EQ("done", next(oA).m_strBody);
+    SFrame oFrame;
+    std::uint16_t usExpected = 1;
+    while ((oFrame = next(oSlow)).m_ulData != 0)
+    {
+        ASSERT_EQ(usExpected++, oFrame.m_usSegment);
+    }
+    EXPECT_LT(usExpected, 2000);
+    EXPECT_EQ(65535, oFrame.m_usSegment) << "does not follow: frees the part";
+    SFrame oWhole = frame(6, A, B, "next");
+    oWhole.m_usSegment = 1;
+    ASSERT_TRUE(oA.send(oWhole.wire()));
+    EXPECT_EQ("next", next(oSlow).m_strBody) << "the next message is a message again";
+}
+
+TEST_F(BackPressureTest, ClosesASlowReceiverIfToldTo)
+{
+    m_oSettings.m_eSlowConsumer = VEK_SLOW_CLOSE;
+    CRawPipe oSlow = slowPipe(8, 1);
+    CRawPipe oA = pipe(7, 1);
+    const SFlood oFlood(oA, A, B, 20000, 1000);
+    EXPECT_TRUE(waitUntil([&] { return gateway().pipes() == 1; }));
+}
+
+TEST_F(BackPressureTest, ClosesAReceiverThatTakesNoByteForTooLong)
+{
+    CRawPipe oSlow = slowPipe(8, 1);
+    CRawPipe oA = pipe(7, 1);
+    const SFlood oFlood(oA, A, B, 20000, 1000);
+    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulStalls > 0; }));
+    gateway().pass(119s);
+    EXPECT_EQ(2u, gateway().pipes());
+    gateway().pass(2s);
+    EXPECT_TRUE(waitUntil([&] { return gateway().pipes() == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return oFlood.m_uiSent == 20000; })) << "its source goes on";
+}
+
+// Nobody gains memory in the gateway by asking and not reading.
+TEST_F(BackPressureTest, BoundsTheAnswersOfOneThatDoesNotRead)
+{
+    CRawPipe oA = slowPipe(7, 1);
+    const std::string strAsk = frame(11, A, 0, word32(1) + word32(1) + word32(1), 1).wire() +
+                               frame(15, A, 0, word32(1)).wire() + frame(4, A, 0, "").wire();
+    std::string strMany;
+    for (int i = 0; i < 1000; ++i)
+    {
+        strMany += strAsk;
+    }
+    for (int i = 0; i < 300 && oA.send(strMany, 200ms); ++i)
+    {
+    }
+    EXPECT_LT(gateway().memoryBytes(), m_oSettings.m_ulPipeQueueBytes + (512 << 10));
+}
+
+TEST_F(BackPressureTest, DrainsWhatIsQueuedAndTakesNothingNew)
+{
+    CRawPipe oSlow = slowPipe(8, 1);
+    CRawPipe oA = pipe(7, 1);
+    const unsigned int uiCount = 5000;
+    std::string strFrames;
+    for (unsigned int i = 0; i < uiCount; ++i)
+    {
+        strFrames += frame(1, A, B, word32(i)).wire();
+    }
+    ASSERT_TRUE(oA.send(strFrames));
+    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulFramesIn == uiCount; }));
+    bool bDone = false;
+    gateway().run([&](CZolVekGateway &oGateway) { oGateway.drain(); });
+    ASSERT_TRUE(oA.send(frame(1, A, B, "too late").wire()));
+    EXPECT_EQ(-1, connection().registerAs(9, 1));
+    for (unsigned int i = 0; i < uiCount; ++i)
+    {
+        ASSERT_EQ(i, readWord32(next(oSlow).m_strBody, 0));
+    }
+    EXPECT_TRUE(waitUntil(
+        [&]
+        {
+            gateway().run([&](CZolVekGateway &oGateway) { bDone = oGateway.isDone(); });
+            return bDone;
+        }));
+}
+
+} // namespace

@@ -1,0 +1,224 @@
+#include "gateway/GatewayFixture.h"
+
+using namespace zoltest;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+const TZolVekKey A = zolVekKey(7, 1);
+const TZolVekKey B = zolVekKey(8, 1);
+const std::uint32_t NEWS = 4000;
+
+class PublicationTest : public GatewayTest
+{
+protected:
+    /// Publishes in the two forms that there are: as a multicast, and as a request to nobody.
+    static SFrame publication(std::uint8_t ucType, const std::string &strBody, std::uint32_t ulCmd = NEWS)
+    {
+        return frame(ucType, A, 0, strBody, ulCmd);
+    }
+
+    /// Block usSegment of a big message.
+    static SFrame block(std::uint8_t ucType, TZolVekKey uiFrom, TZolVekKey uiTo, std::uint16_t usSegment,
+                        const std::string &strBody)
+    {
+        SFrame oFrame = frame(ucType, uiFrom, uiTo, strBody, NEWS);
+        oFrame.m_usSegment = usSegment;
+        return oFrame;
+    }
+
+    static void expectDelivered(CRawPipe &oPipe, std::uint8_t ucType, unsigned int uiModule, unsigned int uiTask,
+                                const std::string &strBody, std::uint16_t usSegment = 0)
+    {
+        const SFrame oGot = next(oPipe);
+        EXPECT_EQ(ucType, oGot.m_ucType);
+        EXPECT_EQ(8, oGot.m_usDestProc);
+        EXPECT_EQ(7, oGot.m_usSrcProc);
+        EXPECT_EQ(uiModule, oGot.m_ucDestModule);
+        EXPECT_EQ(uiTask, oGot.m_usDestTask);
+        EXPECT_EQ(usSegment, oGot.m_usSegment);
+        EXPECT_EQ(strBody, oGot.m_strBody);
+    }
+};
+
+TEST_F(PublicationTest, ReachesEverySubscriberOfItsCommandOnce)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oC = pipe(8, 2);
+    CRawPipe oD = pipe(8, 3);
+    subscribe(oB, NEWS, 1, 40);
+    subscribe(oB, NEWS, 1, 40); // a second time
+    subscribe(oB, NEWS, 2, 50);
+    subscribe(oC, NEWS, 3, 60);
+    subscribe(oD, NEWS + 1, 3, 60);
+    for (const std::uint8_t ucType : std::initializer_list<std::uint8_t>{13, 1})
+    {
+        for (const std::size_t ulSize : std::initializer_list<std::size_t>{0, 10, 200000})
+        {
+            const std::string strBody(ulSize, 'n');
+            ASSERT_TRUE(oA.send(publication(ucType, strBody).wire()));
+            expectDelivered(oB, 1, 1, 40, strBody);
+            expectDelivered(oB, 1, 2, 50, strBody);
+            expectDelivered(oC, 1, 3, 60, strBody);
+        }
+    }
+    subscribe(oB, NEWS, 1, 40, 12); // no longer
+    ASSERT_TRUE(oA.send(publication(13, "after").wire()));
+    expectDelivered(oB, 1, 2, 50, "after");
+    expectDelivered(oC, 1, 3, 60, "after");
+    expectSilence(oB);
+    expectSilence(oD);
+    expectSilence(oA);
+}
+
+TEST_F(PublicationTest, GoesWithoutThePipesThatHaveGone)
+{
+    CRawPipe oA = pipe(7, 1);
+    {
+        CRawPipe oB = pipe(8, 1);
+        subscribe(oB, NEWS, 1, 40);
+    }
+    ASSERT_TRUE(waitUntil([&] { return gateway().pipes() == 1; }));
+    CRawPipe oB = pipe(8, 1);
+    ASSERT_TRUE(oA.send(publication(13, "for nobody").wire() + frame(1, A, B, "direct").wire()));
+    EXPECT_EQ("direct", next(oB).m_strBody);
+}
+
+TEST_F(PublicationTest, RefusesSubscriptionsThatNameNoTask)
+{
+    CRawPipe oA = pipe(7, 1);
+    for (const std::string &strBody : {word32(256) + word32(1) + word32(NEWS), word32(1) + word32(65536) + word32(NEWS),
+                                       word32(1) + word32(1), std::string()})
+    {
+        ASSERT_TRUE(oA.send(frame(11, A, 0, strBody, NEWS).wire()));
+        EXPECT_NE(0, next(oA).status());
+    }
+    ASSERT_TRUE(oA.send(publication(13, "x").wire()));
+    expectSilence(oA);
+}
+
+// The blocks of a big publication reach those who had subscribed at its first block, all of them or none. Two tasks of
+// one process get it one after the other, since blocks are joined by their source alone.
+TEST_F(PublicationTest, KeepsTheBlocksOfABigOneTogether)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oLate = pipe(8, 2);
+    subscribe(oB, NEWS, 1, 40);
+    subscribe(oB, NEWS, 2, 50);
+    for (const std::uint8_t ucType : std::initializer_list<std::uint8_t>{14, 6})
+    {
+        ASSERT_TRUE(oA.send(block(ucType, A, 0, 1, "one").wire()));
+        expectDelivered(oB, 6, 1, 40, "one", 1);
+        subscribe(oLate, NEWS, 1, 1);
+        ASSERT_TRUE(oA.send(block(ucType, A, 0, 2, "two").wire() + block(ucType, A, 0, 0, "end").wire()));
+        expectDelivered(oB, 6, 1, 40, "two", 2);
+        expectDelivered(oB, 6, 1, 40, "end", 0);
+        expectDelivered(oB, 6, 2, 50, "one", 1);
+        expectDelivered(oB, 6, 2, 50, "two", 2);
+        expectDelivered(oB, 6, 2, 50, "end", 0);
+        expectSilence(oLate);
+        subscribe(oLate, NEWS, 1, 1, 12);
+    }
+}
+
+TEST_F(PublicationTest, FreesWhatABigOneLeftBehind)
+{
+    CRawPipe oB = pipe(8, 1);
+    subscribe(oB, NEWS, 1, 40);
+    subscribe(oB, NEWS, 2, 50);
+    for (int i = 0; i < 3; ++i)
+    {
+        CRawPipe oA = pipe(7, 1);
+        ASSERT_TRUE(oA.send(block(14, A, 0, 1, std::string(8000, 'x')).wire()));
+        expectDelivered(oB, 6, 1, 40, std::string(8000, 'x'), 1);
+        oA.close();
+        const SFrame oAbort = next(oB);
+        EXPECT_EQ(6, oAbort.m_ucType);
+        EXPECT_EQ(0u, oAbort.m_ulData);
+        EXPECT_GT(oAbort.m_usSegment, 2);
+        EXPECT_EQ(40, oAbort.m_usDestTask);
+    }
+    EXPECT_TRUE(waitUntil([&] { return gateway().memoryBytes() == 0; }));
+}
+
+// Blocks are joined by their source fields alone: while a big message of one pipe is under way to a process, another
+// pipe that sends there under the same source waits until block 0 has gone.
+TEST_F(PublicationTest, HoldsTheSecondOfTwoBigMessagesUnderOneSource)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oForwarder = pipe(9, 1);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oC = pipe(8, 2);
+    ASSERT_TRUE(oA.send(block(6, A, B, 1, "a1").wire()));
+    EXPECT_EQ("a1", next(oB).m_strBody);
+    ASSERT_TRUE(oForwarder.send(block(6, zolVekKey(9, 1), B, 1, "other source").wire()));
+    EXPECT_EQ("other source", next(oB).m_strBody) << "blocks of different sources may alternate";
+    ASSERT_TRUE(oForwarder.send(frame(1, A, zolVekKey(8, 2), "elsewhere").wire() + block(6, A, B, 1, "f1").wire() +
+                                block(6, A, B, 0, "f0").wire() + frame(1, A, B, "behind").wire()));
+    EXPECT_EQ("elsewhere", next(oC).m_strBody);
+    expectSilence(oB);
+    ASSERT_TRUE(oA.send(block(6, A, B, 2, "a2").wire() + frame(1, A, B, "whole").wire()));
+    EXPECT_EQ("a2", next(oB).m_strBody);
+    EXPECT_EQ("whole", next(oB).m_strBody) << "its own pipe keeps its order";
+    expectSilence(oB);
+    ASSERT_TRUE(oA.send(block(6, A, B, 0, "a0").wire()));
+    for (const char *pcBody : {"a0", "f1", "f0", "behind"})
+    {
+        EXPECT_EQ(pcBody, next(oB).m_strBody);
+    }
+}
+
+// A source that goes in the middle leaves a part at the receiver. An empty block whose number does not follow frees it,
+// and whoever waited goes on.
+TEST_F(PublicationTest, EndsABigMessageWhoseSourceHasGone)
+{
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oForwarder = pipe(9, 1);
+    CRawPipe oA = pipe(7, 1);
+    for (const std::uint16_t usLast : std::initializer_list<std::uint16_t>{1, 2, 65534, 65535})
+    {
+        SCOPED_TRACE(usLast);
+        oA.close();
+        oA = pipe(7, 1);
+        ASSERT_TRUE(oA.send(block(7, A, B, usLast, "part").wire()));
+        EXPECT_EQ("part", next(oB).m_strBody);
+        ASSERT_TRUE(oForwarder.send(frame(1, A, B, "held").wire()));
+        oA.close();
+        const SFrame oAbort = next(oB);
+        EXPECT_EQ(7, oAbort.m_ucType);
+        EXPECT_EQ(28u, oAbort.wire().size());
+        EXPECT_EQ(7, oAbort.m_usSrcProc);
+        EXPECT_EQ(1, oAbort.m_usSrcHandle);
+        EXPECT_NE(static_cast<std::uint16_t>(usLast + 1), oAbort.m_usSegment) << "would be taken for the next block";
+        EXPECT_GT(oAbort.m_usSegment, 1) << "would end a message, or begin one";
+        EXPECT_EQ("held", next(oB).m_strBody);
+    }
+}
+
+TEST_F(PublicationTest, WaitsForSubscribersInTheGraceAfterAStart)
+{
+    m_oSettings.m_uiGraceSeconds = 30;
+    CRawPipe oA = pipe(7, 1);
+    ASSERT_TRUE(oA.send(publication(13, "early").wire() + block(14, A, 0, 1, "b1").wire() +
+                        block(14, A, 0, 0, "b0").wire() + frame(1, A, A, "direct").wire()));
+    EXPECT_EQ("direct", next(oA).m_strBody) << "only publications wait";
+    CRawPipe oGone = pipe(7, 2);
+    ASSERT_TRUE(oGone.send(frame(13, A, 0, "from one that has gone", NEWS).wire()));
+    expectSilence(oGone);
+    oGone.close();
+    CRawPipe oB = pipe(8, 1);
+    subscribe(oB, NEWS, 1, 40);
+    expectSilence(oB);
+    gateway().pass(31s);
+    ASSERT_TRUE(oA.send(publication(13, "late").wire()));
+    expectDelivered(oB, 1, 1, 40, "early");
+    expectDelivered(oB, 6, 1, 40, "b1", 1);
+    expectDelivered(oB, 6, 1, 40, "b0", 0);
+    expectDelivered(oB, 1, 1, 40, "from one that has gone");
+    expectDelivered(oB, 1, 1, 40, "late");
+}
+
+} // namespace
