@@ -76,10 +76,10 @@ TEST_F(StatisticsTest, CountsLossesByReason)
 TEST_F(StatisticsTest, ShowsQueuesTimersAndThePool)
 {
     ASSERT_NE(0U, m_poSlow->setTimer(3600));
-    std::unique_lock<std::mutex> oGate(g_oGate);
     runApplication(
-        [&oGate]
+        []
         {
+            std::unique_lock<std::mutex> oGate(g_oGate);
             const std::string strBody(72, 'x'); // with the header 100 bytes
             for (int iMsg = 0; iMsg < 11; ++iMsg)
             {
@@ -112,10 +112,10 @@ TEST_F(StatisticsTest, WritesNoByteBehindTheGivenLength)
 
 TEST_F(StatisticsTest, NamesALongHandlerOnceForEachRun)
 {
-    std::unique_lock<std::mutex> oGate(g_oGate);
     runApplication(
-        [&]
+        [this]
         {
+            std::unique_lock<std::mutex> oGate(g_oGate);
             const auto fnLines = [this]
             { return countOf(m_oInstallation.logText(), "handler runs for more than 50 ms, cmd:4711\n"); };
             zol::setHandlerLimit(50);

@@ -242,7 +242,7 @@ void keepLog()
     keep(&CZolDebugInfo::error);
     keep(&CZolDebugInfo::fatal);
     keep(&CZolLogTask::instance);
-    keep(&CZolLogTask::init);
+    keep<int (CZolLogTask::*)(unsigned short, unsigned short, const char *, const char *)>(&CZolLogTask::init);
     keep(&CZolLogTask::getLogPath);
     keep(&CZolLogTask::output);
     keep(&CZolLogTask::writeLog);
