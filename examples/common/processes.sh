@@ -1,16 +1,19 @@
 # For the demos of several processes, to be sourced by bash: starts them, watches them, ends them by their process id.
 # Gives $work, a temporary folder that is an installation root (conf/zol.cfg, conf/log), and $failed, the exit code.
+# $work/*.err is shown when the demo fails.
 #
 # Whatever ends the script, nothing that it started stays behind, and neither does the folder.
 
 work=$(mktemp -d)
 mkdir -p "$work/conf/log"
+: >"$work/conf/zol.cfg"
 names=()
 pids=()
 failed=0
 
 clean_up() {
     local pid
+    [ "$failed" = 0 ] || tail -q -n 3 "$work"/*.err 2>/dev/null >&2
     for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null; done
     wait 2>/dev/null
     rm -rf "$work"
@@ -67,7 +70,7 @@ wait_for() { # SECONDS COMMAND...: until the command succeeds; gives up when a p
     until "$@"; do
         all_alive || return 1
         [ "$SECONDS" -le "$end" ] || { fail "gave up waiting: $*"; return 1; }
-        sleep 0.05
+        sleep 0.02
     done
 }
 
