@@ -97,7 +97,7 @@ void CZolVekGateway::observe(CZolSnapshotExchange &oExchange)
 
 bool CZolVekGateway::isHurried() const
 {
-    return m_bDraining || !m_oNewcomers.empty() || m_oRegistrar.isProbing();
+    return m_bDraining || !m_oNewcomers.empty() || !m_oThrottled.empty() || m_oRegistrar.isProbing();
 }
 
 std::uint64_t CZolVekGateway::nextTickMs() const
@@ -172,8 +172,34 @@ void CZolVekGateway::acceptAll()
         {
             return;
         }
-        adopt(iSocket, uiAddress, usPort);
+        if (!isCrowded(uiAddress))
+        {
+            adopt(iSocket, uiAddress, usPort);
+            continue;
+        }
+        ::close(iSocket);
     }
+}
+
+bool CZolVekGateway::isCrowded(std::uint32_t uiAddress)
+{
+    const auto oFound = m_oByAddress.find(uiAddress);
+    if (m_oSettings.m_uiMaxPipesPerAddress == 0 || oFound == m_oByAddress.end() ||
+        oFound->second < m_oSettings.m_uiMaxPipesPerAddress)
+    {
+        return false;
+    }
+    ++m_oStatistics.m_ulCrowdedOut;
+    std::uint64_t ulHeldBack = 0;
+    if (m_oCrowdLines.pass(uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
+    {
+        CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::isCrowded",
+                         "%u.%u.%u.%u has its %u connections and gets no further one, and %" PRIu64
+                         " more since the last line",
+                         uiAddress >> 24, (uiAddress >> 16) & 255, (uiAddress >> 8) & 255, uiAddress & 255,
+                         oFound->second, ulHeldBack);
+    }
+    return true;
 }
 
 void CZolVekGateway::adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t usPort)
@@ -191,6 +217,7 @@ void CZolVekGateway::adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t u
         return; // the destructor closes the socket
     }
     ++m_oStatistics.m_ulAccepted;
+    ++m_oByAddress[uiAddress];
     m_oNewcomers.push_back({poPlain, poPlain->m_ulSerial});
     m_oSessions.emplace(poPlain, std::move(poSession));
 }
@@ -219,7 +246,8 @@ void CZolVekGateway::onEvent(CZolVekSession &oSession, std::uint32_t uiEvents)
 
 bool CZolVekGateway::mayRead(const CZolVekSession &oSession) const
 {
-    if (!oSession.m_bReadable || oSession.m_poWaitsFor != nullptr || !oSession.m_strDoom.empty())
+    if (!oSession.m_bReadable || oSession.m_poWaitsFor != nullptr || oSession.m_bThrottled ||
+        !oSession.m_strDoom.empty())
     {
         return false;
     }
@@ -230,7 +258,8 @@ bool CZolVekGateway::mayRead(const CZolVekSession &oSession) const
 void CZolVekGateway::turn(CZolVekSession &oSession)
 {
     oSession.m_bReady = false;
-    if (oSession.m_eState == VEK_CLOSED || oSession.m_poWaitsFor != nullptr || !oSession.m_strDoom.empty())
+    if (oSession.m_eState == VEK_CLOSED || oSession.m_poWaitsFor != nullptr || oSession.m_bThrottled ||
+        !oSession.m_strDoom.empty())
     {
         return;
     }
@@ -272,6 +301,10 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         {
             return false;
         }
+        if (bUp && isThrottled(oSession))
+        {
+            return false;
+        }
         const EnumZolVekRead eRead =
             oSession.m_oReader.next(oFrame, bUp ? m_oSettings.m_uiMaxFrameBytes : UNREGISTERED_FRAME_BYTES);
         if (eRead == VEK_READ_MORE)
@@ -303,6 +336,32 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         }
         ++oSession.m_ulFramesIn;
         ++m_oStatistics.m_ulFramesIn;
+        oSession.m_oRate.take(oFrame.length());
+    }
+}
+
+bool CZolVekGateway::isThrottled(CZolVekSession &oSession)
+{
+    if ((m_oSettings.m_ulMaxFramesPerSecond | m_oSettings.m_ulMaxBytesPerSecond) == 0 ||
+        oSession.m_oRate.mayTake(m_oSettings.m_ulMaxFramesPerSecond, m_oSettings.m_ulMaxBytesPerSecond,
+                                 m_oAgenda.m_ulNowMs))
+    {
+        return false;
+    }
+    oSession.m_bThrottled = true;
+    m_oThrottled.push_back(&oSession);
+    ++m_oStatistics.m_ulThrottled;
+    return true;
+}
+
+void CZolVekGateway::wakeThrottled()
+{
+    std::vector<CZolVekSession *> oThrottled;
+    oThrottled.swap(m_oThrottled);
+    for (CZolVekSession *poSession : oThrottled)
+    {
+        poSession->m_bThrottled = false; // its turn finds out whether it may go on
+        m_oAgenda.ready(*poSession);
     }
 }
 
@@ -387,6 +446,12 @@ void CZolVekGateway::close(CZolVekSession &oSession)
     oSession.m_eState = VEK_CLOSED;
     ::close(oSession.m_iSocket);
     m_oRouter.gone(oSession);
+    m_oThrottled.erase(std::remove(m_oThrottled.begin(), m_oThrottled.end(), &oSession), m_oThrottled.end());
+    const auto oCount = m_oByAddress.find(oSession.m_uiAddress);
+    if (--oCount->second == 0)
+    {
+        m_oByAddress.erase(oCount);
+    }
     m_oRegistrar.gone(oSession);
     const auto oFound = m_oSessions.find(&oSession);
     m_oGraves.push_back(std::move(oFound->second));
@@ -413,6 +478,7 @@ void CZolVekGateway::tick()
     m_ulLastTickMs = m_oAgenda.m_ulNowMs;
     m_oRouter.beginTurn();
     m_oRegistrar.tick();
+    wakeThrottled();
     sweepNewcomers();
     if (m_oAgenda.m_ulNowMs >= m_ulNextSweepMs)
     {
@@ -508,7 +574,7 @@ void CZolVekGateway::checkDrained()
             ulLeft += poSession->m_oOutbox.bytes();
             ulWaiting += poSession->m_poWaitsFor != nullptr ? 1 : 0;
         });
-    if (ulLeft > 0 || ulWaiting > 0 || !m_oAgenda.m_oReady.empty())
+    if (ulLeft > 0 || ulWaiting > 0 || !m_oAgenda.m_oReady.empty() || !m_oThrottled.empty())
     {
         if (m_oAgenda.m_ulNowMs < m_ulDrainUntilMs)
         {

@@ -88,6 +88,7 @@ private:
     bool isHurried() const;
     std::uint64_t nextTickMs() const;
     void acceptAll();
+    bool isCrowded(std::uint32_t uiAddress);
     void onEvent(CZolVekSession &oSession, std::uint32_t uiEvents);
     void turn(CZolVekSession &oSession);
     bool mayRead(const CZolVekSession &oSession) const;
@@ -100,6 +101,8 @@ private:
     void tick();
     void sweep();
     void sweepNewcomers();
+    bool isThrottled(CZolVekSession &oSession);
+    void wakeThrottled();
     void checkDrained();
     unsigned int unregistered() const { return static_cast<unsigned int>(m_oSessions.size() - m_oRoutes.size()); }
 
@@ -125,6 +128,9 @@ private:
     std::deque<SNewcomer>
         m_oNewcomers; // in the order of accepting; a serial that does not agree has registered or gone
     std::uint64_t m_ulLastSerial = 0;
+    std::unordered_map<std::uint32_t, unsigned int> m_oByAddress; // connections of each address, by host order
+    std::vector<CZolVekSession *> m_oThrottled;                   // have exceeded their rate
+    CZolVekRateLimit m_oCrowdLines;
 
     std::uint64_t m_ulLastTickMs = 0;
     std::uint64_t m_ulNextSweepMs = 0;

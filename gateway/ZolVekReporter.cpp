@@ -79,6 +79,7 @@ void CZolVekReporter::fillTotals(SZolGatewaySnapshot &oSnapshot) const
     oSnapshot.m_ulFramesOut = m_oStatistics.m_ulFramesOut;
     oSnapshot.m_ulBytesOut = m_oStatistics.m_ulBytesOut;
     oSnapshot.m_ulConnections = m_oStatistics.m_ulAccepted;
+    oSnapshot.m_ulCrowdedOut = m_oStatistics.m_ulCrowdedOut;
     oSnapshot.m_ulQueueLimitBytes = m_oSettings.m_ulTotalQueueBytes;
     oSnapshot.m_uiPipesLimit = m_oSettings.m_uiMaxConnections;
     oSnapshot.m_uiSubscriptions = static_cast<unsigned int>(m_oRouter.subscriptions().size());
@@ -86,7 +87,9 @@ void CZolVekReporter::fillTotals(SZolGatewaySnapshot &oSnapshot) const
                           {"slow_consumer", m_oStatistics.m_ulDropSlow},
                           {"pipe_closed", m_oStatistics.m_ulDropQueued},
                           {"unknown_type", m_oStatistics.m_ulDropType},
-                          {"forbidden_command", m_oStatistics.m_ulDropForbidden}};
+                          {"forbidden_command", m_oStatistics.m_ulDropForbidden},
+                          {"debug_not_allowed", m_oStatistics.m_ulDropDebug},
+                          {"foreign_source", m_oStatistics.m_ulDropSource}};
     oSnapshot.m_oRegistrations = {{"0", m_oStatistics.m_ulRegistered},
                                   {"-1", m_oStatistics.m_ulRefusedDrain},
                                   {"-8", m_oStatistics.m_ulRefusedId},
@@ -114,7 +117,7 @@ void CZolVekReporter::fillPipes(SZolGatewaySnapshot &oSnapshot, std::uint64_t ul
             oPipe.m_ulAddress = poSession->m_uiAddress;
             oPipe.m_usPort = poSession->m_usPort;
             oPipe.m_bSlow = isSlow(*poSession, ulNowMs);
-            oPipe.m_bHeld = poSession->m_poWaitsFor != nullptr;
+            oPipe.m_bHeld = poSession->m_poWaitsFor != nullptr || poSession->m_bThrottled;
             oPipe.m_lSinceMs = oSnapshot.m_lTakenMs - static_cast<std::int64_t>(ulNowMs - poSession->m_ulSinceMs);
             oPipe.m_lSilentMs = static_cast<std::int64_t>(ulNowMs - poSession->m_ulReceivedMs);
             oPipe.m_ulFramesIn = poSession->m_ulFramesIn;

@@ -59,6 +59,10 @@ SZolVekRecord *CZolVekRouter::recordOf(const CZolVekFrame &oFrame)
 
 EnumZolVekVerdict CZolVekRouter::routeByType(CZolVekSession &oFrom, const CZolVekFrame &oFrame)
 {
+    if (!m_oPolicy.isOrdinary(oFrame, oFrom.m_uiKey) && !mayPass(oFrom, oFrame))
+    {
+        return VEK_TAKEN;
+    }
     switch (oFrame.type())
     {
     case CZolMsgPdu::MSG_REQUEST:
@@ -85,6 +89,28 @@ EnumZolVekVerdict CZolVekRouter::routeByType(CZolVekSession &oFrom, const CZolVe
     }
 }
 
+bool CZolVekRouter::mayPass(const CZolVekSession &oFrom, const CZolVekFrame &oFrame)
+{
+    switch (m_oPolicy.inspect(oFrame, oFrom.m_uiKey))
+    {
+    case VEK_REFUSE_DIRECT:
+        drop(m_oStatistics.m_ulDropForbidden, oFrame, "a command that no process takes from another one");
+        return false;
+    case VEK_REFUSE_DEBUG:
+        drop(m_oStatistics.m_ulDropDebug, oFrame, "a debug command, and its sender is not in DebugFrom");
+        return false;
+    case VEK_REFUSE_FOREIGN:
+        drop(m_oStatistics.m_ulDropSource, oFrame, ("its source is not that of " + oFrom.name()).c_str());
+        return false;
+    case VEK_PASS_FOREIGN:
+        drop(m_oStatistics.m_ulForeignSource, oFrame,
+             ("goes on, although its source is not that of " + oFrom.name()).c_str());
+        return true;
+    default:
+        return true;
+    }
+}
+
 void CZolVekRouter::drop(std::uint64_t &ulCounter, const CZolVekFrame &oFrame, const char *pcWhy)
 {
     ++ulCounter;
@@ -107,11 +133,6 @@ EnumZolVekVerdict CZolVekRouter::toProcess(CZolVekSession &oFrom, const CZolVekF
 {
     const TZolVekKey uiKey = oFrame.destination();
     const bool bRequest = oFrame.type() == CZolMsgPdu::MSG_REQUEST || oFrame.type() == CZolMsgPdu::MSG_BIG_REQUEST;
-    if (isForbidden(oFrame))
-    {
-        drop(m_oStatistics.m_ulDropForbidden, oFrame, "a command that no process takes from another one");
-        return VEK_TAKEN;
-    }
     if (bRequest && uiKey == TO_ALL)
     {
         return toAll(oFrom, oFrame);
@@ -689,12 +710,12 @@ EnumZolVekVerdict CZolVekRouter::answerSubscribe(CZolVekSession &oFrom, const CZ
     const bool bLength = oFrame.dataLength() >= 12;
     const std::uint32_t uiModule = bLength ? zolVekRead32(pcPayload) : 256;
     const std::uint32_t uiTask = bLength ? zolVekRead32(pcPayload + 4) : 65536;
-    const bool bForbidden = bLength && uiModule == 254 && zolVekRead32(pcPayload + 8) == MSG_DIRECT_REQUEST_CMDID;
-    if (uiModule <= 255 && uiTask <= 65535 && !bForbidden)
+    const std::uint32_t uiCommand = bLength ? zolVekRead32(pcPayload + 8) : 0;
+    if (uiModule <= 255 && uiTask <= 65535 &&
+        CZolVekPolicy::maySubscribe(static_cast<std::uint8_t>(uiModule), uiCommand))
     {
         const SZolVekSubscriber oSubscriber = {&oFrom, static_cast<std::uint8_t>(uiModule),
                                                static_cast<std::uint16_t>(uiTask)};
-        const std::uint32_t uiCommand = zolVekRead32(pcPayload + 8);
         if (oFrame.type() == CZolMsgPdu::MSG_SUBSCRIBE)
         {
             m_oSubscriptions.add(uiCommand, oSubscriber);

@@ -3,6 +3,7 @@
 
 #include "ZolVekAgenda.h"
 #include "ZolVekLog.h"
+#include "ZolVekPolicy.h"
 #include "ZolVekRoutes.h"
 #include "ZolVekSession.h"
 #include "ZolVekSettings.h"
@@ -28,7 +29,8 @@ class CZolVekRouter
 public:
     CZolVekRouter(const SZolVekSettings &oSettings, SZolVekStatistics &oStatistics, SZolVekMemory &oMemory,
                   CZolVekRoutes &oRoutes, SZolVekAgenda &oAgenda)
-        : m_oSettings(oSettings), m_oStatistics(oStatistics), m_oMemory(oMemory), m_oRoutes(oRoutes), m_oAgenda(oAgenda)
+        : m_oSettings(oSettings), m_oStatistics(oStatistics), m_oMemory(oMemory), m_oRoutes(oRoutes),
+          m_oAgenda(oAgenda), m_oPolicy(oSettings)
     {
     }
     CZolVekRouter(const CZolVekRouter &) = delete;
@@ -46,7 +48,7 @@ public:
         const TZolVekKey uiKey = oFrame.destination();
         if (uiKey == oFrom.m_uiLastKey && oFrom.m_ulLastGeneration == m_oRoutes.generation() &&
             (oFrame.type() == CZolMsgPdu::MSG_REQUEST || oFrame.type() == CZolMsgPdu::MSG_RESPONSE) &&
-            !isForbidden(oFrame))
+            m_oPolicy.isOrdinary(oFrame, oFrom.m_uiKey))
         {
             CZolVekSession &oTarget = *oFrom.m_poLastTarget;
             if (oTarget.m_poRuns == nullptr && oTarget.m_oOutbox.bytes() < m_ulLimit)
@@ -88,13 +90,6 @@ private:
         SZolVekRecord *m_poRecord;
     };
 
-    /// The address of a request in the memory of a process: nothing that may come from another one.
-    static bool isForbidden(const CZolVekFrame &oFrame)
-    {
-        return static_cast<std::uint8_t>(oFrame.data()[VEK_AT_DEST_MODULE]) == 254 &&
-               oFrame.command() == MSG_DIRECT_REQUEST_CMDID;
-    }
-
     void queue(CZolVekSession &oFrom, CZolVekSession &oTarget, const CZolVekFrame &oFrame)
     {
         if (oFrame.m_poRecord != nullptr)
@@ -121,6 +116,7 @@ private:
     }
 
     static void countFlow(CZolVekSession &oFrom, const CZolVekSession &oTarget, std::uint32_t uiBytes);
+    bool mayPass(const CZolVekSession &oFrom, const CZolVekFrame &oFrame);
     void dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame);
     EnumZolVekVerdict routeByType(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
     EnumZolVekVerdict toProcess(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
@@ -161,6 +157,7 @@ private:
     SZolVekMemory &m_oMemory;
     CZolVekRoutes &m_oRoutes;
     SZolVekAgenda &m_oAgenda;
+    const CZolVekPolicy m_oPolicy;
 
     CZolVekSubscriptions m_oSubscriptions;
     std::uint64_t m_ulLimit = 0;                 // bytes of an outbox from which on sources wait; of this turn

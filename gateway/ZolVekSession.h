@@ -4,6 +4,7 @@
 #include "ZolVekFlows.h"
 #include "ZolVekFrameReader.h"
 #include "ZolVekOutbox.h"
+#include "ZolVekRate.h"
 #include "ZolVekSubscriptions.h"
 
 #include <cstdint>
@@ -120,6 +121,8 @@ public:
     std::uint64_t m_ulFramesDropped = 0; ///< meant for it, and dropped because its queue was full
     std::uint64_t m_ulBytesOut = 0;
 
+    CZolVekRate m_oRate;
+    bool m_bThrottled = false;               ///< has exceeded its rate: not read until the next tick lets it go on
     std::unique_ptr<CZolVekFlows> m_poFlows; ///< whom it sends to; null until somebody looks
 
     // Back-pressure: this pipe is not read while it waits for another one

@@ -12,7 +12,8 @@
 namespace
 {
 
-const std::size_t MAX_LINE = 511; // characters of a line that are looked at
+const std::uint64_t MAX_RATE = 1000000000000; // frames or bytes in a second
+const std::size_t MAX_LINE = 511;             // characters of a line that are looked at
 
 /// A number among the settings: where it is kept and what it may be.
 struct SNumber
@@ -41,6 +42,7 @@ const SNumber NUMBERS[] = {
     {"HandleRestSeconds", &SZolVekSettings::m_uiHandleRestSeconds, nullptr, 0, 86400},
     {"GraceSeconds", &SZolVekSettings::m_uiGraceSeconds, nullptr, 0, 3600},
     {"DrainSeconds", &SZolVekSettings::m_uiDrainSeconds, nullptr, 0, 3600},
+    {"MaxPipesPerAddress", &SZolVekSettings::m_uiMaxPipesPerAddress, nullptr, 0, 1000000},
 };
 
 const SNumber *findNumber(const std::string &strKey)
@@ -88,6 +90,19 @@ bool addressOf(const std::string &strText, std::uint32_t &uiAddress)
     return true;
 }
 
+const char *nameOf(EnumZolVekCheckSource eCheckSource)
+{
+    switch (eCheckSource)
+    {
+    case VEK_CHECK_LOG:
+        return "log";
+    case VEK_CHECK_DROP:
+        return "drop";
+    default:
+        return "off";
+    }
+}
+
 const char *nameOf(EnumZolVekSlowConsumer eSlowConsumer)
 {
     switch (eSlowConsumer)
@@ -113,6 +128,25 @@ std::string textOf(const std::vector<SZolVekNetwork> &oNetworks)
         strText += (strText.empty() ? "" : ", ") + std::string(acText) + "/" + std::to_string(oNetwork.m_iBits);
     }
     return strText;
+}
+
+std::string debugFromText(const SZolVekSettings &oSettings)
+{
+    if (oSettings.m_bDebugFromAll || oSettings.m_oDebugFrom.empty())
+    {
+        return oSettings.m_bDebugFromAll ? "all" : "none";
+    }
+    std::string strText;
+    for (const std::uint16_t usId : oSettings.m_oDebugFrom)
+    {
+        strText += (strText.empty() ? "" : ", ") + std::to_string(usId);
+    }
+    return strText;
+}
+
+bool endsWithComma(const std::string &strText)
+{
+    return !strText.empty() && strText.back() == ',';
 }
 
 bool isLoopback(std::uint32_t uiAddress)
@@ -159,6 +193,14 @@ const std::vector<SZolVekKeyInfo> &zolVekKeys()
         {"AllowFrom", "--allow-from", "addresses", true,
          "addresses and prefixes that may register, comma between them"},
         {"AllowFrom.<id>", "--allow-id", "id=addresses", true, "the same for one process id"},
+        {"DebugFrom", "--debug-from", "ids, all or none", true,
+         "processes that may read and set the log level of other ones and have them dump their state"},
+        {"CheckSource", "--check-source", "off, log or drop", true,
+         "frames that name another source than their pipe's; drop also refuses what zol::resendMessage forwards"},
+        {"MaxPipesPerAddress", "--max-pipes-per-address", "connections", true,
+         "open at once from one address; 0 is no limit"},
+        {"MaxRatePerPipe", "--max-rate-per-pipe", "frames, bytes", true,
+         "that one process may send in a second; it is read no faster; 0 is no limit"},
         {"Port.<id>", "--port", "id=port", true, "port that an address look-up gives for a process id (or id.handle)"},
     };
     return *poKeys;
@@ -369,7 +411,7 @@ bool CZolVekSettingsReader::applyText(const SZolVekEntry &oEntry)
     }
     if (oEntry.m_strKey != "SlowConsumer")
     {
-        return false;
+        return applyPolicy(oEntry);
     }
     for (const EnumZolVekSlowConsumer eChoice : {VEK_SLOW_BLOCK, VEK_SLOW_DROP, VEK_SLOW_CLOSE})
     {
@@ -381,6 +423,69 @@ bool CZolVekSettingsReader::applyText(const SZolVekEntry &oEntry)
     }
     fault(oEntry, "\"" + oEntry.m_strValue + "\" is none of block, drop, close");
     return true;
+}
+
+bool CZolVekSettingsReader::applyPolicy(const SZolVekEntry &oEntry)
+{
+    if (oEntry.m_strKey == "DebugFrom")
+    {
+        if (!applyDebugFrom(oEntry.m_strValue))
+        {
+            fault(oEntry, "\"" + oEntry.m_strValue + "\" is neither all nor none nor a list of process ids");
+        }
+        return true;
+    }
+    if (oEntry.m_strKey == "MaxRatePerPipe")
+    {
+        if (!applyRate(oEntry.m_strValue))
+        {
+            fault(oEntry, "\"" + oEntry.m_strValue + "\" is no two numbers, frames and bytes, with a comma between");
+        }
+        return true;
+    }
+    if (oEntry.m_strKey != "CheckSource")
+    {
+        return false;
+    }
+    for (const EnumZolVekCheckSource eChoice : {VEK_CHECK_OFF, VEK_CHECK_LOG, VEK_CHECK_DROP})
+    {
+        if (oEntry.m_strValue == nameOf(eChoice))
+        {
+            m_oSettings.m_eCheckSource = eChoice;
+            return true;
+        }
+    }
+    fault(oEntry, "\"" + oEntry.m_strValue + "\" is none of off, log, drop");
+    return true;
+}
+
+bool CZolVekSettingsReader::applyDebugFrom(const std::string &strValue)
+{
+    m_oSettings.m_bDebugFromAll = strValue == "all";
+    if (strValue == "all" || strValue == "none")
+    {
+        return true;
+    }
+    std::istringstream oList(strValue + (endsWithComma(strValue) ? "," : "")); // an empty last one is one
+    std::string strOne;
+    while (std::getline(oList, strOne, ','))
+    {
+        std::uint64_t ulId = 0;
+        if (!numberOf(trimmed(strOne), 65534, ulId) || ulId == 0)
+        {
+            return false;
+        }
+        m_oSettings.m_oDebugFrom.push_back(static_cast<std::uint16_t>(ulId));
+    }
+    return !m_oSettings.m_oDebugFrom.empty();
+}
+
+bool CZolVekSettingsReader::applyRate(const std::string &strValue)
+{
+    const std::size_t ulComma = strValue.find(',');
+    return ulComma != std::string::npos &&
+           numberOf(trimmed(strValue.substr(0, ulComma)), MAX_RATE, m_oSettings.m_ulMaxFramesPerSecond) &&
+           numberOf(trimmed(strValue.substr(ulComma + 1)), MAX_RATE, m_oSettings.m_ulMaxBytesPerSecond);
 }
 
 bool CZolVekSettingsReader::applyListen(const std::string &strValue)
@@ -404,7 +509,7 @@ bool CZolVekSettingsReader::applyListen(const std::string &strValue)
 
 bool CZolVekSettingsReader::applyNetworks(const std::string &strValue, std::vector<SZolVekNetwork> &oNetworks)
 {
-    std::istringstream oList(strValue);
+    std::istringstream oList(strValue + (endsWithComma(strValue) ? "," : "")); // an empty last one is one
     std::string strOne;
     while (std::getline(oList, strOne, ','))
     {
@@ -460,6 +565,19 @@ std::string zolVekValueOf(const SZolVekSettings &oSettings, const std::string &s
     if (strKey == "SlowConsumer")
     {
         return nameOf(oSettings.m_eSlowConsumer);
+    }
+    if (strKey == "CheckSource")
+    {
+        return nameOf(oSettings.m_eCheckSource);
+    }
+    if (strKey == "MaxRatePerPipe")
+    {
+        return std::to_string(oSettings.m_ulMaxFramesPerSecond) + ", " +
+               std::to_string(oSettings.m_ulMaxBytesPerSecond);
+    }
+    if (strKey == "DebugFrom")
+    {
+        return debugFromText(oSettings);
     }
     if (strKey == "AllowFrom")
     {

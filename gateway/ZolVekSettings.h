@@ -16,6 +16,14 @@ enum EnumZolVekSlowConsumer
     VEK_SLOW_CLOSE  ///< the receiver's pipe is closed
 };
 
+/// What happens to a frame that names another source than the one its pipe is registered under.
+enum EnumZolVekCheckSource
+{
+    VEK_CHECK_OFF,
+    VEK_CHECK_LOG, ///< it goes on, and a line tells
+    VEK_CHECK_DROP
+};
+
 /// An IPv4 network: addresses that agree with m_uiAddress in the first m_iBits bits. Host order.
 struct SZolVekNetwork
 {
@@ -54,8 +62,14 @@ struct SZolVekSettings
     unsigned int m_uiDrainSeconds = 10;
     std::vector<SZolVekNetwork> m_oAllowFrom;                              ///< of every id that has no list of its own
     std::map<std::uint16_t, std::vector<SZolVekNetwork>> m_oAllowFromById; ///< by process id
-    std::map<TZolVekKey, std::uint16_t> m_oPorts;                          ///< by process id and handle
-    std::map<std::uint16_t, std::uint16_t> m_oPortsById;                   ///< by process id
+    bool m_bDebugFromAll = true;             ///< any process may send debug commands to other ones
+    std::vector<std::uint16_t> m_oDebugFrom; ///< else the ids that may
+    EnumZolVekCheckSource m_eCheckSource = VEK_CHECK_OFF;
+    unsigned int m_uiMaxPipesPerAddress = 0;             ///< connections, registered or not; 0 is no limit
+    std::uint64_t m_ulMaxFramesPerSecond = 0;            ///< from one pipe; 0 is no limit
+    std::uint64_t m_ulMaxBytesPerSecond = 0;             ///< from one pipe; 0 is no limit
+    std::map<TZolVekKey, std::uint16_t> m_oPorts;        ///< by process id and handle
+    std::map<std::uint16_t, std::uint16_t> m_oPortsById; ///< by process id
 
     SZolVekSettings();
 };
@@ -113,6 +127,9 @@ private:
     bool applyText(const SZolVekEntry &oEntry);
     bool applyNumber(const SZolVekEntry &oEntry, bool &bKnown);
     bool applyNetworks(const std::string &strValue, std::vector<SZolVekNetwork> &oNetworks);
+    bool applyPolicy(const SZolVekEntry &oEntry);
+    bool applyDebugFrom(const std::string &strValue);
+    bool applyRate(const std::string &strValue);
     bool applyPort(const SZolVekEntry &oEntry, const std::string &strWho);
     bool applyById(const SZolVekEntry &oEntry, bool &bKnown);
     void fault(const SZolVekEntry &oEntry, const std::string &strWhat);

@@ -15,6 +15,9 @@ struct SZolVekStatistics
     std::uint64_t m_ulDropSlow = 0;      ///< the receiver's queue was full
     std::uint64_t m_ulDropType = 0;      ///< a type that the gateway has no use for
     std::uint64_t m_ulDropForbidden = 0; ///< a command that never crosses the gateway
+    std::uint64_t m_ulDropDebug = 0;     ///< a debug command of a process that may not send it
+    std::uint64_t m_ulDropSource = 0;    ///< named another source than its pipe is registered under
+    std::uint64_t m_ulForeignSource = 0; ///< the same, and went on
     std::uint64_t m_ulDropQueued = 0;    ///< waited for a pipe that went down
 
     std::uint64_t m_ulAccepted = 0;     ///< connections
@@ -23,6 +26,8 @@ struct SZolVekStatistics
     std::uint64_t m_ulRefusedId = 0;    ///< -8
     std::uint64_t m_ulRefusedFull = 0;  ///< -10
     std::uint64_t m_ulRefusedDrain = 0; ///< -1
+    std::uint64_t m_ulCrowdedOut = 0;   ///< connections beyond what their address may have
+    std::uint64_t m_ulThrottled = 0;    ///< a source was not read because it exceeded its rate
     std::uint64_t m_ulStalls = 0;       ///< a source was not read because a queue was full
     std::uint64_t m_ulRunAborts = 0;    ///< big messages whose source went in the middle
 };

@@ -75,7 +75,8 @@ void appendGauges(std::string &strOut, const SZolGatewaySnapshot &oSnapshot)
               oSnapshot.m_ulQueueLimitBytes);
     appendOne(strOut, "slow_consumers", "gauge", "Pipes that take their messages more slowly than they come.",
               countPipes(&SZolPipeView::m_bSlow));
-    appendOne(strOut, "held_producers", "gauge", "Pipes that are not read, since what they send to is slow.",
+    appendOne(strOut, "held_producers", "gauge",
+              "Pipes that are not read: what they send to is slow, or they exceed their rate.",
               countPipes(&SZolPipeView::m_bHeld));
 }
 
@@ -96,6 +97,8 @@ std::string zolMetricsText(const SZolGatewaySnapshot &oSnapshot)
     appendOne(strOut, "sent_bytes_total", "counter", "Bytes of frames written.", oSnapshot.m_ulBytesOut);
     appendOne(strOut, "connections_total", "counter", "Connections accepted, registered or not.",
               oSnapshot.m_ulConnections);
+    appendOne(strOut, "connections_refused_total", "counter",
+              "Connections closed at once, since their address had its share.", oSnapshot.m_ulCrowdedOut);
     appendCounts(strOut, "frames_dropped_total", "Frames that reached nobody, by reason.", "reason",
                  oSnapshot.m_oDrops);
     appendCounts(strOut, "registrations_total", "Registration requests by the status that answered them.", "status",

@@ -15,7 +15,7 @@ struct SZolPipeView
     std::uint32_t m_ulAddress = 0;   ///< IPv4 address of the peer, host order
     unsigned short m_usPort = 0;     ///< port of the peer, host order
     bool m_bSlow = false;            ///< takes its messages more slowly than they come
-    bool m_bHeld = false;            ///< not read at present: something it sends to is slow
+    bool m_bHeld = false;            ///< not read at present: what it sends to is slow, or it exceeds its rate
     std::int64_t m_lSinceMs = 0;     ///< when it registered, milliseconds since the epoch
     std::int64_t m_lSilentMs = 0;    ///< milliseconds since its last byte came in
     std::uint64_t m_ulFramesIn = 0;  ///< from the process to the gateway
@@ -100,6 +100,7 @@ struct SZolGatewaySnapshot
     bool m_bDraining = false;
 
     std::uint64_t m_ulConnections = 0; ///< accepted ever, registered or not
+    std::uint64_t m_ulCrowdedOut = 0;  ///< connections closed at once: their address had its share
     std::uint64_t m_ulFramesIn = 0;
     std::uint64_t m_ulBytesIn = 0;
     std::uint64_t m_ulFramesOut = 0;

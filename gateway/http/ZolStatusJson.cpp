@@ -92,6 +92,7 @@ void appendTotals(CJsonText &oJson, const SZolGatewaySnapshot &oSnapshot)
     oJson.number("pipes", oSnapshot.m_oPipes.size());
     oJson.number("pipes_limit", oSnapshot.m_uiPipesLimit);
     oJson.number("connections", oSnapshot.m_ulConnections);
+    oJson.number("connections_refused", oSnapshot.m_ulCrowdedOut);
     oJson.number("unregistered", oSnapshot.m_uiUnregistered);
     oJson.number("subscriptions", oSnapshot.m_uiSubscriptions);
     oJson.close('}');

@@ -1,0 +1,179 @@
+#include "gateway/GatewayFixture.h"
+
+using namespace zoltest;
+
+namespace
+{
+
+const TZolVekKey A = zolVekKey(7, 1);
+const TZolVekKey B = zolVekKey(8, 1);
+
+class GatewayPolicyTest : public GatewayTest
+{
+};
+
+// Whether a frame comes through is told by what the receiver gets next: the frame, or the one sent behind it.
+TEST_F(GatewayPolicyTest, DebugCommandsComeOnlyFromWhoIsNamed)
+{
+    m_oSettings.m_bDebugFromAll = false;
+    m_oSettings.m_oDebugFrom = {9};
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oNamed = pipe(9, 1);
+    const struct
+    {
+        const char *pcName;
+        std::uint8_t ucType;
+        std::uint8_t ucModule;
+        std::uint16_t usTask;
+        std::uint32_t ulCmd;
+        bool bPasses;
+    } aCases[] = {
+        {"get the log level", 1, 254, 0, 0x10001, false},
+        {"set the log level", 1, 254, 0, 0x10002, false},
+        {"dump the state", 1, 254, 0, 0x10003, false},
+        {"named to a task of the manager", 1, 254, 40, 0x10003, false},
+        {"as a block", 6, 254, 0, 0x10002, false},
+        {"a response that names no task", 2, 254, 0, 0x10002, false},
+        {"a response for a caller that waits", 2, 254, 40, 0x10002, true},
+        {"another command of the manager", 1, 254, 0, 0x20001, true},
+        {"the number used by an application", 1, 5, 0, 0x10002, true},
+    };
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(oCase.pcName);
+        for (CRawPipe *const poFrom : {&oA, &oNamed})
+        {
+            SFrame oFrame = frame(oCase.ucType, poFrom == &oA ? A : zolVekKey(9, 1), B, "debug", oCase.ulCmd);
+            oFrame.m_ucDestModule = oCase.ucModule;
+            oFrame.m_usDestTask = oCase.usTask;
+            ASSERT_TRUE(poFrom->send(oFrame.wire() + frame(1, A, B, "behind").wire()));
+            if (oCase.bPasses || poFrom == &oNamed)
+            {
+                EXPECT_EQ(oFrame.wire(), next(oB).wire());
+            }
+            EXPECT_EQ("behind", next(oB).m_strBody);
+        }
+    }
+    EXPECT_EQ(6u, gateway().statistics().m_ulDropDebug);
+}
+
+TEST_F(GatewayPolicyTest, NobodySubscribesTheBuiltInManagerToItsCommands)
+{
+    CRawPipe oA = pipe(7, 1);
+    for (const std::uint32_t ulCmd : {0x10001u, 0x10003u, 0x10004u})
+    {
+        ASSERT_TRUE(oA.send(frame(11, A, 0, word32(254) + word32(1) + word32(ulCmd), ulCmd).wire()));
+        EXPECT_EQ(-1, next(oA).status()) << ulCmd;
+    }
+    subscribe(oA, 0x10001, 5, 1);
+}
+
+TEST_F(GatewayPolicyTest, HoldsTheSourceAgainstTheRegistration)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    const TZolVekKey aForeign[] = {B, zolVekKey(7, 2), zolVekKey(7, 0), 0};
+    for (const EnumZolVekCheckSource eCheck : {VEK_CHECK_OFF, VEK_CHECK_LOG, VEK_CHECK_DROP})
+    {
+        SCOPED_TRACE(eCheck);
+        SZolVekSettings oSettings = m_oSettings;
+        oSettings.m_eCheckSource = eCheck;
+        gateway().run([&](CZolVekGateway &oGateway) { oGateway.reload(oSettings); });
+        for (const TZolVekKey uiSource : aForeign)
+        {
+            ASSERT_TRUE(oA.send(frame(1, uiSource, B, "foreign").wire() + frame(1, A, B, "own").wire()));
+            if (eCheck != VEK_CHECK_DROP)
+            {
+                EXPECT_EQ("foreign", next(oB).m_strBody);
+            }
+            EXPECT_EQ("own", next(oB).m_strBody);
+        }
+        expectSilence(oA); // its hello names no source at all and is answered
+    }
+    EXPECT_EQ(4u, gateway().statistics().m_ulForeignSource);
+    EXPECT_EQ(4u, gateway().statistics().m_ulDropSource);
+}
+
+TEST_F(GatewayPolicyTest, OneAddressHasItsShareOfConnections)
+{
+    m_oSettings.m_uiMaxPipesPerAddress = 2;
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oSilent = connection(); // counts before it registers
+    ASSERT_TRUE(waitUntil([&] { return gateway().connections() == 2; }));
+    CRawPipe oThird = connection();
+    EXPECT_TRUE(oThird.waitClosed());
+    EXPECT_EQ(1u, gateway().statistics().m_ulCrowdedOut);
+    oSilent.close();
+    ASSERT_TRUE(waitUntil([&] { return gateway().connections() == 1; }));
+    CRawPipe oB = pipe(8, 1);
+    ASSERT_TRUE(oA.send(frame(1, A, B, "on").wire()));
+    EXPECT_EQ("on", next(oB).m_strBody);
+}
+
+// One that sends too much waits; what it has sent is not lost and keeps its order, and others go on meanwhile.
+TEST_F(GatewayPolicyTest, ReadsNoFasterThanTheFramesAllow)
+{
+    m_oSettings.m_ulMaxFramesPerSecond = 1;
+    CRawPipe oFast = pipe(7, 1);
+    CRawPipe oTo = pipe(8, 1);
+    CRawPipe oOther = pipe(9, 1);
+    std::string strAll;
+    for (unsigned int uiNumber = 0; uiNumber < 2000; ++uiNumber)
+    {
+        strAll += frame(1, A, B, word32(uiNumber)).wire();
+    }
+    ASSERT_TRUE(oFast.send(strAll));
+    EXPECT_EQ(word32(0), next(oTo).m_strBody);
+    ASSERT_TRUE(oOther.send(frame(1, zolVekKey(9, 1), zolVekKey(9, 1), "to myself").wire()));
+    EXPECT_EQ("to myself", next(oOther).m_strBody);
+    EXPECT_TRUE(waitUntil([&] { return gateway().statistics().m_ulThrottled > 0; }));
+    EXPECT_LT(gateway().statistics().m_ulFramesIn, 1000u);
+
+    m_oSettings.m_ulMaxFramesPerSecond = 0;
+    gateway().run([&](CZolVekGateway &oGateway) { oGateway.reload(m_oSettings); });
+    for (unsigned int uiNumber = 1; uiNumber < 2000; ++uiNumber)
+    {
+        ASSERT_EQ(word32(uiNumber), next(oTo).m_strBody);
+    }
+}
+
+TEST_F(GatewayPolicyTest, ReadsNoFasterThanTheBytesAllow)
+{
+    m_oSettings.m_ulMaxBytesPerSecond = 1000;
+    CRawPipe oFast = pipe(7, 1);
+    CRawPipe oTo = pipe(8, 1);
+    // larger than the burst, and paid for by what follows
+    ASSERT_TRUE(oFast.send(frame(1, A, B, std::string(500000, 'x')).wire() + frame(1, A, B, "behind").wire()));
+    EXPECT_EQ(500000u, next(oTo).m_strBody.size());
+    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulThrottled > 0; }));
+    EXPECT_EQ(1u, gateway().statistics().m_ulFramesIn);
+    gateway().pass(std::chrono::seconds(490));
+    EXPECT_EQ(1u, gateway().statistics().m_ulFramesIn);
+    gateway().pass(std::chrono::seconds(20));
+    EXPECT_EQ("behind", next(oTo).m_strBody);
+}
+
+// A pipe that goes while it waits for its rate leaves nothing behind that would be touched later.
+TEST_F(GatewayPolicyTest, ForgetsAPipeThatGoesWhileItWaits)
+{
+    m_oSettings.m_ulMaxBytesPerSecond = 10;
+    CRawPipe oTo = pipe(8, 1);
+    {
+        CRawPipe oFast = pipe(7, 1);
+        ASSERT_TRUE(oFast.send(frame(1, A, B, std::string(5000, 'x')).wire() + frame(1, A, B, "behind").wire()));
+        EXPECT_EQ(5000u, next(oTo).m_strBody.size());
+        ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulThrottled > 0; }));
+        oFast.resetOnClose();
+    }
+    gateway().pass(std::chrono::seconds(600));
+    ASSERT_TRUE(waitUntil([&] { return gateway().connections() == 1; }));
+    CRawPipe oAgain = pipe(7, 1);
+    ASSERT_TRUE(oAgain.send(frame(1, A, B, "again").wire()));
+    while (next(oTo).m_strBody != "again")
+    {
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+} // namespace

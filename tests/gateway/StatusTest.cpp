@@ -1,0 +1,202 @@
+#include "gateway/GatewayFixture.h"
+#include "gateway/http/ZolSnapshot.h"
+
+#include <algorithm>
+
+using namespace zoltest;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+const TZolVekKey A = zolVekKey(7, 1);
+const TZolVekKey B = zolVekKey(8, 1);
+const TZolVekKey C = zolVekKey(9, 1);
+
+class GatewayStatusTest : public GatewayTest
+{
+protected:
+    void observe()
+    {
+        gateway().run([this](CZolVekGateway &oGateway) { oGateway.observe(m_oExchange); });
+    }
+
+    const SZolGatewaySnapshot &look(bool bWatched = true)
+    {
+        const SZolGatewaySnapshot *const poSnapshot = m_oExchange.get(0ms, 20s, bWatched);
+        if (poSnapshot == nullptr)
+        {
+            throw std::runtime_error("the routing thread does not answer");
+        }
+        return *poSnapshot;
+    }
+
+    static const SZolPipeView &pipeOf(const SZolGatewaySnapshot &oSnapshot, TZolVekKey uiKey)
+    {
+        const auto oFound = std::find_if(oSnapshot.m_oPipes.begin(), oSnapshot.m_oPipes.end(),
+                                         [=](const SZolPipeView &oPipe)
+                                         { return zolVekKey(oPipe.m_usProcID, oPipe.m_usProcHandle) == uiKey; });
+        if (oFound == oSnapshot.m_oPipes.end())
+        {
+            throw std::runtime_error("no such pipe in the snapshot");
+        }
+        return *oFound;
+    }
+
+    static std::uint64_t countOf(const std::vector<SZolNamedCount> &oCounts, const std::string &strName)
+    {
+        const auto oFound = std::find_if(oCounts.begin(), oCounts.end(),
+                                         [&](const SZolNamedCount &oCount) { return strName == oCount.m_pcName; });
+        return oFound == oCounts.end() ? 999999 : oFound->m_ulCount;
+    }
+
+    /// Frames from one pipe to another one as the snapshot tells them.
+    static std::uint64_t flowOf(const SZolGatewaySnapshot &oSnapshot, TZolVekKey uiFrom, TZolVekKey uiTo)
+    {
+        std::uint64_t ulFrames = 0;
+        for (const SZolEdgeView &oEdge : oSnapshot.m_oEdges)
+        {
+            const SZolPipeView &oFrom = oSnapshot.m_oPipes.at(oEdge.m_uiFrom);
+            const SZolPipeView &oTo = oSnapshot.m_oPipes.at(oEdge.m_uiTo);
+            if (zolVekKey(oFrom.m_usProcID, oFrom.m_usProcHandle) == uiFrom &&
+                zolVekKey(oTo.m_usProcID, oTo.m_usProcHandle) == uiTo)
+            {
+                ulFrames += oEdge.m_ulFrames;
+            }
+        }
+        return ulFrames;
+    }
+
+    // leaked, since it must outlive the gateway, which the base owns
+    CZolSnapshotExchange &m_oExchange = *new CZolSnapshotExchange; // NOLINT
+};
+
+TEST_F(GatewayStatusTest, CountsWhatPassed)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    EXPECT_EQ(-8, connection().registerAs(0, 5));
+    subscribe(oB, 500, 5, 3);
+    observe();
+    EXPECT_TRUE(look().m_oEdges.empty()) << "nobody had looked before";
+    for (int iNumber = 0; iNumber < 5; ++iNumber)
+    {
+        ASSERT_TRUE(oA.send(frame(1, A, B, "12345").wire()));
+        EXPECT_EQ("12345", next(oB).m_strBody);
+    }
+    ASSERT_TRUE(oA.send(frame(13, A, 0, "published", 500).wire() + frame(1, A, C, "to nobody").wire()));
+    EXPECT_EQ("published", next(oB).m_strBody);
+    expectSilence(oA); // so that the frame to nobody has been dropped
+
+    const SZolGatewaySnapshot &oSnapshot = look();
+    EXPECT_EQ(2u, oSnapshot.m_oPipes.size());
+    EXPECT_EQ(8u, pipeOf(oSnapshot, A).m_ulFramesIn);
+    EXPECT_EQ(1u, pipeOf(oSnapshot, B).m_ulFramesIn);
+    EXPECT_EQ(7u, pipeOf(oSnapshot, B).m_ulFramesOut) << "five, a publication, an answer";
+    EXPECT_EQ(0x7F000001u, pipeOf(oSnapshot, A).m_ulAddress);
+    EXPECT_FALSE(pipeOf(oSnapshot, B).m_bSlow);
+    EXPECT_EQ(6u, flowOf(oSnapshot, A, B));
+    EXPECT_EQ(0u, flowOf(oSnapshot, B, A));
+    EXPECT_EQ(1u, countOf(oSnapshot.m_oDrops, "no_route"));
+    EXPECT_EQ(2u, countOf(oSnapshot.m_oRegistrations, "0"));
+    EXPECT_EQ(1u, countOf(oSnapshot.m_oRegistrations, "-8"));
+    EXPECT_EQ(3u, oSnapshot.m_ulConnections);
+    ASSERT_EQ(1u, oSnapshot.m_oSubscriptions.size());
+    EXPECT_EQ(500u, oSnapshot.m_oSubscriptions[0].m_ulCmdID);
+    EXPECT_EQ(5u, oSnapshot.m_oSubscriptions[0].m_ucModule);
+    std::uint64_t ulTurns = 0;
+    for (const std::uint64_t ulCount : oSnapshot.m_oLatency.m_aulCounts)
+    {
+        ulTurns += ulCount;
+    }
+    EXPECT_GT(ulTurns, 0u);
+    EXPECT_TRUE(std::any_of(oSnapshot.m_oEvents.begin(), oSnapshot.m_oEvents.end(),
+                            [](const SZolEventView &oEvent)
+                            { return oEvent.m_strText.find("process 7 handle 1") != std::string::npos; }));
+}
+
+TEST_F(GatewayStatusTest, MarksWhoIsSlowAndWhoIsHeldBack)
+{
+    m_oSettings.m_ulPipeQueueBytes = 1 << 20;
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oC = pipe(9, 1);
+    observe();
+    const std::string strFrame = frame(1, A, B, std::string(60000, 'x')).wire();
+    ASSERT_TRUE(waitUntil(
+        [&]
+        {
+            (void)oA.send(strFrame, 10ms); // until nobody takes any more
+            const SZolGatewaySnapshot &oSnapshot = look();
+            return pipeOf(oSnapshot, B).m_bSlow && pipeOf(oSnapshot, A).m_bHeld;
+        }));
+    const SZolGatewaySnapshot &oSnapshot = look();
+    EXPECT_GE(pipeOf(oSnapshot, B).m_ulQueueBytes, 1u << 20);
+    EXPECT_GE(oSnapshot.m_ulQueueBytes, 1u << 20);
+    EXPECT_FALSE(pipeOf(oSnapshot, A).m_bSlow);
+    EXPECT_FALSE(pipeOf(oSnapshot, C).m_bSlow);
+    EXPECT_FALSE(pipeOf(oSnapshot, C).m_bHeld);
+}
+
+TEST_F(GatewayStatusTest, CountsDropsForWhomTheyWereMeant)
+{
+    m_oSettings.m_ulPipeQueueBytes = 1 << 16;
+    m_oSettings.m_eSlowConsumer = VEK_SLOW_DROP;
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    observe();
+    const std::string strFrame = frame(1, A, B, std::string(60000, 'x')).wire();
+    ASSERT_TRUE(waitUntil(
+        [&]
+        {
+            EXPECT_TRUE(oA.send(strFrame));
+            return pipeOf(look(), B).m_ulFramesDropped >= 3;
+        }));
+    const SZolGatewaySnapshot &oSnapshot = look();
+    EXPECT_EQ(pipeOf(oSnapshot, B).m_ulFramesDropped, countOf(oSnapshot.m_oDrops, "slow_consumer"));
+    EXPECT_EQ(0u, pipeOf(oSnapshot, A).m_ulFramesDropped);
+}
+
+// What a scrape asks for is little, and whoever has gone is no longer pointed to.
+TEST_F(GatewayStatusTest, KeepsFlowsOnlyWhileSomebodyWatches)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oC = pipe(9, 1);
+    observe();
+    const auto exchangeFrames = [&]
+    {
+        ASSERT_TRUE(oA.send(frame(1, A, B, "b").wire() + frame(1, A, C, "c").wire()));
+        EXPECT_EQ("b", next(oB).m_strBody);
+        EXPECT_EQ("c", next(oC).m_strBody);
+    };
+    (void)look(false);
+    exchangeFrames();
+    EXPECT_TRUE(look(false).m_oEdges.empty());
+    (void)look(true);
+    exchangeFrames();
+    EXPECT_EQ(1u, flowOf(look(), A, B));
+    oB.close();
+    ASSERT_TRUE(waitUntil([&] { return look().m_oPipes.size() == 2; }));
+    EXPECT_EQ(1u, look().m_oEdges.size()) << "only the one to the pipe that is still there";
+    EXPECT_EQ(1u, flowOf(look(), A, C));
+    oB = pipe(8, 1);
+    EXPECT_EQ(0u, flowOf(look(), A, B)) << "the flow of the pipe before it";
+
+    gateway().pass(60s); // nobody looks for a while
+    (void)look(false);
+    ASSERT_TRUE(waitUntil([&] { return look(false).m_oEvents.empty(); }));
+    exchangeFrames();
+    EXPECT_EQ(1u, flowOf(look(), A, C)) << "counted although nobody watched";
+}
+
+TEST_F(GatewayStatusTest, TellsThatItDrains)
+{
+    CRawPipe oA = pipe(7, 1);
+    observe();
+    EXPECT_FALSE(look().m_bDraining);
+    gateway().run([](CZolVekGateway &oGateway) { oGateway.drain(); });
+    EXPECT_TRUE(look().m_bDraining);
+}
+
+} // namespace
