@@ -1,5 +1,6 @@
 #include "log/ManualLog.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -89,7 +90,8 @@ TEST_F(LogFilesTest, SettingsOfTheRing)
         }
         CZolLogTask &oLog = start();
         const std::string strLine(60000, 'x');
-        for (unsigned int uiFile = 0; uiFile < 12; ++uiFile) // more than any ring has
+        const unsigned int uiSteps = oCase.uiLimit > 100000 ? 2 : 12; // 12 is more than any ring has
+        for (unsigned int uiFile = 0; uiFile < uiSteps; ++uiFile)
         {
             size_t uiLeft = oCase.uiLimit - 1; // one byte below the limit does not step
             for (; uiLeft > 60100; uiLeft -= 60025)
@@ -100,7 +102,7 @@ TEST_F(LogFilesTest, SettingsOfTheRing)
             EXPECT_LE(fileCount(), uiFile + 1);
             oLog.startupLog("");
         }
-        EXPECT_EQ(oCase.uiFiles, fileCount());
+        EXPECT_EQ(std::min(oCase.uiFiles, uiSteps + 1), fileCount());
     }
 }
 
