@@ -125,6 +125,9 @@ TEST_F(LogFilesTest, DefaultsCanBeAssigned)
         writeBytes(oSecond, 30);
     }
     EXPECT_EQ(4u, fileCount());
+    CZolLogTask::MAX_FILE_SIZE = 10485760;
+    CZolLogTask::DEFAULT_FILE_NUMBER = 10;
+    CZolLogTask::MAX_FILE_NUMBER_LIMIT = 10;
 }
 
 // After a restart the log goes on in the file whose first line is the latest, whatever its number and its age on disk.
