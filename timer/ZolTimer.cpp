@@ -76,7 +76,7 @@ int CZolTimer::init()
         CZolRunLog::startupLog("CZolTimer::init failed to initialize the zol timer task.");
         return ZOL_ERR_FAILED;
     }
-    reactor(&CZolTimerTask::instance()->reactor());
+    reactor(&CZolTimerTask::instance()->timerReactor());
     return ZOL_OK;
 }
 

@@ -89,13 +89,13 @@ void CZolTimer::getDelay(long &lDelay, const SZolTimerItem &oItem)
 }
 
 /// The instant of the next firing, and in lDelay the seconds until then; both negative if there is none. lNotBefore
-/// takes the clock's part while that shows less.
+/// takes the clock's part while that shows less. A cycle has no instant, only the delay.
 long CZolTimer::nextFiring(long lNotBefore, long &lDelay, const SZolTimerItem &oItem)
 {
     if (oItem.m_eType == TIMER_CYCLE)
     {
         lDelay = static_cast<int>(oItem.m_uiInterval); // from 2^31 on it is negative, and refused for that
-        return CZolWallClock::now() + lDelay;
+        return lDelay;
     }
     if (oItem.m_eType == TIMER_DATE)
     {
@@ -174,7 +174,7 @@ bool CZolTimer::schedule(SZolTimerItem *poItem)
         return false;
     }
     const unsigned int uiTimerId = poItem->m_ulTimerId;
-    const void *pvArg = reinterpret_cast<const void *>(std::uintptr_t{uiTimerId}); // NOLINT(performance-no-int-to-ptr)
+    const void *pvArg = reinterpret_cast<const void *>(std::uintptr_t{uiTimerId});
     const long lReactorId =
         CZolTimerTask::instance()->scheduleTimer(this, pvArg, ACE_Time_Value(lDelay, 0), ACE_Time_Value(lInterval, 0));
     if (lReactorId == -1)

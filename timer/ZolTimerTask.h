@@ -43,7 +43,7 @@ public:
     /// The id of the timer whose handler is running, for that handler.
     long firingId() const;
 
-    ACE_Reactor &reactor() { return m_oReactor; }
+    ACE_Reactor &timerReactor() { return m_oReactor; }
 
 private:
     CZolTimerTask();

@@ -24,7 +24,7 @@ void awaitFullSecond()
 
 } // namespace
 
-int main(int iArgs, char **ppcArgs)
+int main(int iArgs, char **ppcArgs) // NOLINT(bugprone-exception-escape): only without memory for the options
 {
     CLI::App oOptions("Sets a timer of each kind and two precise clocks, and prints each firing with its lateness.");
     unsigned int uiSeconds = 10;

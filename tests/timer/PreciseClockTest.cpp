@@ -204,7 +204,7 @@ TEST_F(PreciseClockTest, OtherHandlersMayUseTheTimerThread)
         std::atomic<unsigned int> m_uiCalls{0};
     };
     static CHandler oHandler; // may be under way when it is cancelled
-    ASSERT_EQ(&CZolTimerTask::instance()->reactor(), timer()->reactor());
+    ASSERT_EQ(&CZolTimerTask::instance()->timerReactor(), timer()->reactor());
     const ACE_Time_Value oPeriod(0, 2000);
     const long lId = timer()->reactor()->schedule_timer(&oHandler, nullptr, oPeriod, oPeriod);
     EXPECT_TRUE(waitUntil([] { return oHandler.m_uiCalls >= 3; }));
