@@ -35,10 +35,13 @@ build/tsan/build.ninja: | deps
 build: deps build/build.ninja
 	@cmake --build --preset release
 
-demo: build
+# A demonstration builds what it runs and no more.
+demo: deps build/build.ninja
+	@cmake --build --preset release --target vek wordcount
 	@examples/wordcount/demo $(if $(FILE),"$(FILE)")
 
-demo-exchange: build
+demo-exchange: deps build/build.ninja
+	@cmake --build --preset release --target vek exchange
 	@examples/exchange/demo $(if $(FILE),"$(FILE)")
 
 test: deps-tests build
