@@ -50,7 +50,7 @@ void CCollector::showProgress() const
     const std::uint64_t ulBytes = m_oRun.m_ulBytes;
     const auto uiPercent = static_cast<unsigned int>(
         m_oRun.m_ulFileBytes == 0 ? 100 : std::min<std::uint64_t>(100, ulBytes * 100 / m_oRun.m_ulFileBytes));
-    std::printf("progress: %u %% read, %llu lines sent, %llu counted\n", uiPercent,
+    std::printf("progress: %u %% read, %llu messages sent, %llu counted\n", uiPercent,
                 static_cast<unsigned long long>(m_oRun.m_ulSent), static_cast<unsigned long long>(m_ulCounted));
     std::fflush(stdout);
 }
@@ -61,10 +61,10 @@ void CCollector::finish()
     showProgress();
     printResult(std::max(oTaken.count(), 1e-6));
     const std::uint64_t ulSent = m_oRun.m_ulSent;
-    if (m_oWords.lines() != ulSent)
+    if (m_oWords.messages() != ulSent)
     {
-        std::fprintf(stderr, "wordcount: %llu lines sent but %llu counted\n", static_cast<unsigned long long>(ulSent),
-                     static_cast<unsigned long long>(m_oWords.lines()));
+        std::fprintf(stderr, "wordcount: %llu messages sent but %llu counted\n",
+                     static_cast<unsigned long long>(ulSent), static_cast<unsigned long long>(m_oWords.messages()));
         fail();
         return;
     }

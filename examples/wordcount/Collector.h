@@ -18,10 +18,10 @@ struct SZolRun
     std::uint64_t m_ulFileBytes = 0;                // fixed before the threads run
     std::chrono::steady_clock::time_point m_oStart; // set before the first line is sent
     std::atomic<std::uint64_t> m_ulBytes{0};        // read from the file
-    std::atomic<std::uint64_t> m_ulSent{0};         // lines sent
+    std::atomic<std::uint64_t> m_ulSent{0};         // messages sent
     std::atomic<bool> m_bAllSent{false};
     std::atomic<bool> m_bFailed{false}; // the reader gave up
-    std::atomic<bool> m_bDone{false};   // the result is written and no line is missing
+    std::atomic<bool> m_bDone{false};   // the result is written and no message is missing
 };
 
 /// Shows the progress, merges the counts of the counters' tasks, prints the result and writes all counts to a file.
@@ -44,7 +44,7 @@ private:
     SZolRun &m_oRun;
     const std::string m_strResultFile;
     CWords m_oWords;
-    std::uint64_t m_ulCounted = 0; // lines that the counters have reported
+    std::uint64_t m_ulCounted = 0; // messages that the counters have reported
     unsigned int m_uiReports = 0;  // tasks whose counts are in m_oWords
 };
 

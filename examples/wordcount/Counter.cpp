@@ -17,7 +17,9 @@ void CCounter::respMsgProcess(const CZolMsgPdu *poMsg)
         zol::sendRespMsg(*poMsg, nullptr, 0);
         break;
     case CMD_LINE:
-        countLine({reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength, poMsg->m_ulDataLength});
+    case CMD_PIECE:
+        countLine({reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength, poMsg->m_ulDataLength},
+                  poMsg->m_ulCmdID == CMD_LINE);
         break;
     case CMD_FINISH:
         finish();
@@ -27,10 +29,10 @@ void CCounter::respMsgProcess(const CZolMsgPdu *poMsg)
     }
 }
 
-void CCounter::countLine(std::string_view strLine)
+void CCounter::countLine(std::string_view strLine, bool bEnd)
 {
-    m_oWords.addLine(strLine);
-    if (++m_uiUnreported == PROGRESS_LINES)
+    m_oWords.addLine(strLine, bEnd);
+    if (++m_uiUnreported == PROGRESS_STEP)
     {
         reportProgress();
     }
@@ -38,9 +40,9 @@ void CCounter::countLine(std::string_view strLine)
 
 void CCounter::reportProgress()
 {
-    const std::string strLines = std::to_string(m_uiUnreported);
+    const std::string strCount = std::to_string(m_uiUnreported);
     m_uiUnreported = 0;
-    zol::sendReqMsg(CMD_PROGRESS, strLines.data(), static_cast<std::uint32_t>(strLines.size()), READER_PROCESS,
+    zol::sendReqMsg(CMD_PROGRESS, strCount.data(), static_cast<std::uint32_t>(strCount.size()), READER_PROCESS,
                     COLLECTOR_MGR, COLLECTOR_TASK);
 }
 

@@ -15,12 +15,12 @@ public:
     void respMsgProcess(const CZolMsgPdu *poMsg) override;
 
 private:
-    void countLine(std::string_view strLine);
+    void countLine(std::string_view strLine, bool bEnd);
     void finish();
     void reportProgress();
 
     CWords m_oWords;
-    unsigned int m_uiUnreported = 0; // lines since the last report
+    unsigned int m_uiUnreported = 0; // messages since the last report
 };
 
 } // namespace wordcount

@@ -24,11 +24,12 @@ const std::uint32_t CMD_START = 1;    // to the reader, from its own main: begin
 const std::uint32_t CMD_READY = 2;    // reader to counter, answered: are you there?
 const std::uint32_t CMD_LINE = 3;     // reader to counter: one line, without its end
 const std::uint32_t CMD_FINISH = 4;   // reader to counter: that was the last line
-const std::uint32_t CMD_PROGRESS = 5; // counter to collector: how many lines more it has counted
+const std::uint32_t CMD_PROGRESS = 5; // counter to collector: how many messages more it has counted
 const std::uint32_t CMD_COUNTS = 6;   // counter to collector: all that it has, see Words.h
+const std::uint32_t CMD_PIECE = 7;    // reader to counter: words of a line that goes on, too long for one message
 
-/// A counter reports its progress every so many lines.
-const unsigned int PROGRESS_LINES = 1000;
+/// A counter reports its progress every so many messages.
+const unsigned int PROGRESS_STEP = 1000;
 
 } // namespace wordcount
 

@@ -111,38 +111,39 @@ bool CReader::sendLines(std::string &strBuffer, bool bLast)
     size_t uiEnd = 0;
     while ((uiEnd = strBuffer.find('\n', uiFrom)) != std::string::npos)
     {
-        if (!sendLine(strBuffer.data() + uiFrom, uiEnd - uiFrom))
+        if (!sendLine(strBuffer.data() + uiFrom, uiEnd - uiFrom, CMD_LINE))
         {
             return false;
         }
         uiFrom = uiEnd + 1;
     }
     strBuffer.erase(0, uiFrom);
-    if (bLast && !strBuffer.empty())
+    if (bLast && (!strBuffer.empty() || m_bInsideLine))
     {
-        return sendLine(strBuffer.data(), strBuffer.size());
+        return sendLine(strBuffer.data(), strBuffer.size(), CMD_LINE);
     }
     const size_t uiCut = strBuffer.size() >= READ_BYTES ? cutInside(strBuffer) : 0;
     if (uiCut > 0)
     {
-        const bool bSent = sendLine(strBuffer.data(), uiCut);
+        const bool bSent = sendLine(strBuffer.data(), uiCut, CMD_PIECE);
         strBuffer.erase(0, uiCut);
         return bSent;
     }
     return true;
 }
 
-bool CReader::sendLine(const char *pcLine, size_t uiLength)
+bool CReader::sendLine(const char *pcLine, size_t uiLength, std::uint32_t ulCmdID)
 {
     const auto usCounter = static_cast<std::uint16_t>(m_ulDealt % COUNTER_PROCESSES);
     const auto usTask = static_cast<std::uint16_t>(1 + m_ulDealt / COUNTER_PROCESSES % COUNTER_TASKS);
-    if (!isRunning() || zol::sendReqMsg(CMD_LINE, pcLine, static_cast<std::uint32_t>(uiLength),
+    if (!isRunning() || zol::sendReqMsg(ulCmdID, pcLine, static_cast<std::uint32_t>(uiLength),
                                         FIRST_COUNTER_PROCESS + usCounter, COUNTER_MGR, usTask) != ZOL_OK)
     {
-        std::fprintf(stderr, "wordcount: line %llu could not be sent\n",
+        std::fprintf(stderr, "wordcount: message %llu could not be sent\n",
                      static_cast<unsigned long long>(m_ulDealt + 1));
         return false;
     }
+    m_bInsideLine = ulCmdID == CMD_PIECE;
     m_oRun.m_ulSent = ++m_ulDealt;
     return true;
 }

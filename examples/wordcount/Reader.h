@@ -28,12 +28,13 @@ private:
     bool waitForCounters();
     bool sendFile();
     bool sendLines(std::string &strBuffer, bool bLast);
-    bool sendLine(const char *pcLine, size_t uiLength);
+    bool sendLine(const char *pcLine, size_t uiLength, std::uint32_t ulCmdID);
     bool sendFinish();
 
     std::FILE *const m_pFile;
     SZolRun &m_oRun;
-    std::uint64_t m_ulDealt = 0; // lines sent, which also says whose turn it is
+    std::uint64_t m_ulDealt = 0; // messages sent, which also says whose turn it is
+    bool m_bInsideLine = false;  // the last one was a piece of a line that goes on
 };
 
 } // namespace wordcount

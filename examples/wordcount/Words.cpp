@@ -6,9 +6,10 @@
 namespace wordcount
 {
 
-void CWords::addLine(std::string_view strLine)
+void CWords::addLine(std::string_view strLine, bool bEnd)
 {
-    ++m_ulLines;
+    ++m_ulMessages;
+    m_ulLines += bEnd ? 1 : 0;
     size_t uiAt = 0;
     while (uiAt < strLine.size())
     {
@@ -47,11 +48,13 @@ bool takeNumber(std::string_view &strText, char cBehind, std::uint64_t &ulNumber
 bool CWords::addText(std::string_view strText)
 {
     std::uint64_t ulNumber = 0;
-    if (!takeNumber(strText, '\n', ulNumber))
+    std::uint64_t ulLines = 0;
+    if (!takeNumber(strText, ' ', ulNumber) || !takeNumber(strText, '\n', ulLines))
     {
         return false;
     }
-    m_ulLines += ulNumber;
+    m_ulMessages += ulNumber;
+    m_ulLines += ulLines;
     while (!strText.empty())
     {
         if (!takeNumber(strText, ' ', ulNumber))
@@ -71,7 +74,7 @@ bool CWords::addText(std::string_view strText)
 
 std::string CWords::toText() const
 {
-    std::string strText = std::to_string(m_ulLines) + '\n';
+    std::string strText = std::to_string(m_ulMessages) + ' ' + std::to_string(m_ulLines) + '\n';
     for (const auto &oEntry : m_oCounts)
     {
         strText += std::to_string(oEntry.second) + ' ' + oEntry.first + '\n';

@@ -15,15 +15,16 @@ namespace wordcount
 class CWords
 {
 public:
-    /// Counts the words of one line.
-    void addLine(std::string_view strLine);
+    /// Counts the words of one line, or of a piece of it that divides no word; bEnd with the last piece.
+    void addLine(std::string_view strLine, bool bEnd);
 
     /// Adds what toText gave. False if the text is damaged.
     bool addText(std::string_view strText);
 
-    /// "LINES\n", then "COUNT WORD\n" for each word.
+    /// "MESSAGES LINES\n", then "COUNT WORD\n" for each word.
     std::string toText() const;
 
+    std::uint64_t messages() const { return m_ulMessages; } ///< calls of addLine
     std::uint64_t lines() const { return m_ulLines; }
     std::uint64_t words() const;
     std::uint64_t distinct() const { return m_oCounts.size(); }
@@ -32,6 +33,7 @@ public:
     std::vector<std::pair<std::string, std::uint64_t>> sorted() const;
 
 private:
+    std::uint64_t m_ulMessages = 0;
     std::uint64_t m_ulLines = 0;
     std::unordered_map<std::string, std::uint64_t> m_oCounts;
     std::string m_strWord; // kept for its memory
