@@ -109,7 +109,8 @@ private:
     int takeResponse(CZolMsgPdu *&poResponse);
     CZolTaskMgr *findLocalDest(const CZolMsgPdu &oMsg, const char *pcScope) const;
 
-    void buffer(CZolMsgPdu *poMsg);
+    void buffer(CZolMsgPdu *poMsg); // the caller holds m_oStatusMutex
+    CZolMsgPdu *popMsg();           // null when there is none
 
     /// Has eventLoop() return. The caller holds m_oStatusMutex.
     void endEventLoop();
@@ -130,6 +131,7 @@ private:
     ACE_Thread_Mutex m_oMsgListMutex;                    // leaf
     bool m_bSynCall = false;                             // guarded by m_oStatusMutex: inside sendSynMsg
     bool m_bDeleting = false;                            // guarded by m_oStatusMutex: a thread has claimed the deletion
+    std::atomic<unsigned int> m_uiBuffered{0};           // length of m_poMsgList; grows under m_oStatusMutex only
     std::atomic<bool> m_bDelivered{false};               // written under m_oStatusMutex: the awaited response is here
 };
 

@@ -19,6 +19,7 @@ class ACE_Mutex;
 class CZolMemBlock;
 class CZolMemList;
 class CZolMsgPdu;
+class CZolPoll;
 
 /// The tasks of one manager by id: 64 chains in the order of the dump, an index for the look-up, and the set of ids in
 /// use, from which the next free one is found without walking the tasks.
@@ -165,7 +166,8 @@ private:
     enum EnumDispatch
     {
         DISPATCH_NONE = 0,  // the message has found its place, or its end
-        DISPATCH_RUN = 1,   // the calling thread is to run the task
+        DISPATCH_RUN = 1,   // the calling thread is to run the task, whose list holds the message
+        DISPATCH_FIRST = 3, // the same, and the message, which stays the caller's, goes ahead of the list
         DISPATCH_DELETE = 2 // the calling thread is to delete the task, which nobody else touches any more
     };
 
@@ -188,7 +190,7 @@ private:
     int startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ulThreadID);
     int unknownTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID);
     CZolTask *callCreateTask(CZolMsgPdu *poMsg);
-    void runTask(CZolTask *poTask, unsigned long ulThreadID);
+    void runTask(CZolTask *poTask, unsigned long ulThreadID, CZolMsgPdu *poFirst);
     int processTaskMsg(CZolTask *poTask, unsigned long ulThreadID, EnumTaskState &eState);
     CZolMsgPdu *nextMsgOf(CZolTask &oTask, unsigned long ulThreadID, EnumTaskState &eState);
     void processOneMsg(CZolTask &oTask, CZolMsgPdu *poMsg);
@@ -226,6 +228,8 @@ private:
     std::atomic<std::uint64_t> m_ulTakenBytes{0}; // written under the dispatch mutex: bytes of the batch handed out
     std::atomic<unsigned int> m_uiBatchCount{0};  // written under the dispatch mutex: messages left in the batch
     std::atomic<int> m_iFullWaiters{0};           // written under m_oQueueMutex: senders in m_oNotFull
+    std::atomic<unsigned int> m_uiQueued{0};      // written under m_oQueueMutex: length of m_poMsgQueue
+    CZolPoll *m_poPoll;                           // owned; guarded by the dispatch mutex
     int m_iEmptyWaiters = 0;                      // guarded by m_oQueueMutex: threads in m_oNotEmpty
 };
 

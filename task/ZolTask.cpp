@@ -7,6 +7,7 @@
 #include "ZolTimer.h"
 #include "message/ZolCounters.h"
 #include "task/ZolMonotonic.h"
+#include "task/ZolPoll.h"
 #include "task/ZolTaskLog.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolSendMsgTask.h"
@@ -167,7 +168,9 @@ EnumTaskState CZolTask::beginSynCall()
 
 void CZolTask::awaitDelivery(int iSeconds)
 {
+    static thread_local CZolPoll s_oPoll;
     const ACE_Time_Value oDeadline = zolMonotonicNow() + ACE_Time_Value(iSeconds < 1 ? 1 : iSeconds);
+    s_oPoll.lookFor([this] { return m_bDelivered.load(std::memory_order_acquire); });
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
     while (!m_bDelivered.load(std::memory_order_relaxed))
     {
@@ -220,6 +223,7 @@ int CZolTask::takeResponse(CZolMsgPdu *&poResponse)
             }
             --m_poMsgList->m_ulCount;
         }
+        m_uiBuffered.store(m_poMsgList->m_ulCount, std::memory_order_relaxed);
         poResponse = zolPduOf(poBlock);
         return ZOL_OK;
     }
@@ -267,8 +271,14 @@ int CZolTask::recvNonZolMsg()
 
 CZolMsgPdu *CZolTask::popFrontZolMsg()
 {
+    return popMsg();
+}
+
+CZolMsgPdu *CZolTask::popMsg()
+{
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oMsgListMutex);
     CZolMemBlock *poBlock = m_poMsgList->popHead();
+    m_uiBuffered.store(m_poMsgList->m_ulCount, std::memory_order_relaxed);
     return poBlock != nullptr ? zolPduOf(poBlock) : nullptr;
 }
 
@@ -277,6 +287,7 @@ void CZolTask::buffer(CZolMsgPdu *poMsg)
 {
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oMsgListMutex);
     m_poMsgList->insert(zolBlockOf(poMsg));
+    m_uiBuffered.store(m_poMsgList->m_ulCount, std::memory_order_relaxed);
 }
 
 // ---- Services -------------------------------------------------------------------------------------------------------

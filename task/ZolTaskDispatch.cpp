@@ -103,7 +103,8 @@ bool CZolTaskMgr::serveOneMsg(unsigned long ulThreadID)
 {
     CZolTask *poTask = nullptr;
     int iDispatch = DISPATCH_NONE;
-    CZolMsgPdu *poNewMsg = nullptr; // a message that names no task
+    bool bNewTask = false;
+    CZolMsgPdu *poMsg = nullptr;
     {
         ACE_Guard<ACE_Mutex> oGuard(*m_poDispatchMutex);
         CZolMemBlock *poBlock = nullptr;
@@ -114,34 +115,49 @@ bool CZolTaskMgr::serveOneMsg(unsigned long ulThreadID)
             putq(poBlock, true); // for the next thread, which leaves in the same way
             return false;
         }
-        CZolMsgPdu *poMsg = zolPduOf(poBlock);
-        if (poMsg->m_usDestSubModuleId != 0)
+        poMsg = zolPduOf(poBlock);
+        bNewTask = poMsg->m_usDestSubModuleId == 0;
+        if (!bNewTask)
         {
             iDispatch = existTaskMsg(poMsg, poTask, ulThreadID);
         }
-        else
-        {
-            poNewMsg = poMsg;
-        }
     }
-    if (poNewMsg != nullptr)
+    if (bNewTask)
     {
-        iDispatch = unknownTaskMsg(poNewMsg, poTask, ulThreadID);
+        iDispatch = unknownTaskMsg(poMsg, poTask, ulThreadID);
     }
-    if (iDispatch == DISPATCH_DELETE)
+    switch (iDispatch)
     {
+    case DISPATCH_RUN:
+        runTask(poTask, ulThreadID, nullptr);
+        break;
+    case DISPATCH_FIRST:
+        runTask(poTask, ulThreadID, poMsg);
+        break;
+    case DISPATCH_DELETE:
         delTask(poTask, ulThreadID);
-    }
-    else if (iDispatch == DISPATCH_RUN)
-    {
-        runTask(poTask, ulThreadID);
+        break;
+    default:
+        break;
     }
     return true;
 }
 
-void CZolTaskMgr::runTask(CZolTask *poTask, unsigned long ulThreadID)
+/// poFirst, if there is one, goes ahead of the task's list.
+void CZolTaskMgr::runTask(CZolTask *poTask, unsigned long ulThreadID, CZolMsgPdu *poFirst)
 {
+    PduHolder oFirst(poFirst);
+    if (oFirst && CZolAppMgr::instance()->getStatus() != APPMGR_RUNNING)
+    {
+        ACE_Guard<ACE_Thread_Mutex> oGuard(poTask->m_oStatusMutex);
+        poTask->buffer(oFirst.release()); // stays there with all that is not served any more
+    }
     EnumTaskState eState = poTask->getTaskStatus();
+    if (oFirst && eState != TASK_EXIT)
+    {
+        processOneMsg(*poTask, oFirst.release());
+        eState = poTask->getTaskStatus();
+    }
     if (eState != TASK_EXIT)
     {
         processTaskMsg(poTask, ulThreadID, eState);
@@ -219,12 +235,19 @@ int CZolTaskMgr::decideTaskMsg(CZolMsgPdu *poMsg, CZolTask &oTask, unsigned long
 int CZolTaskMgr::startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ulThreadID)
 {
     const CZolMsgPdu &oMsg = *oHolder;
+    int iDispatch = DISPATCH_NONE;
     switch (oMsg.m_ucMsgType)
     {
     case CZolMsgPdu::MSG_REQUEST:
     case CZolMsgPdu::MSG_RESPONSE:
     case CZolMsgPdu::MSG_TIMER:
-        oTask.buffer(oHolder.release());
+        // the list only grows under m_oStatusMutex: when it is empty, this message is the next one and needs no list
+        iDispatch = oTask.m_uiBuffered.load(std::memory_order_relaxed) == 0 ? DISPATCH_FIRST : DISPATCH_RUN;
+        if (iDispatch == DISPATCH_RUN)
+        {
+            oTask.buffer(oHolder.get());
+        }
+        oHolder.release();
         oTask.m_eTaskStatus.store(TASK_EXEC, std::memory_order_release);
         setTaskOfThread(ulThreadID, &oTask);
         if (CZolRunLog::isReady())
@@ -232,7 +255,7 @@ int CZolTaskMgr::startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ul
             zolFormatInfo("CZolTaskMgr::existTaskMsg", "taskmgr %u task %u become TASK_EXEC", m_ucTaskMgrID,
                           oTask.getTaskID());
         }
-        return DISPATCH_RUN;
+        return iDispatch;
     default:
         zolCount(zolCounters().m_ulInvalidType);
         zolFormatError("CZolTaskMgr::existTaskMsg",
@@ -350,11 +373,14 @@ CZolMsgPdu *CZolTaskMgr::nextMsgOf(CZolTask &oTask, unsigned long ulThreadID, En
     bool bDone = false;
     {
         ACE_Guard<ACE_Thread_Mutex> oStatusGuard(oTask.m_oStatusMutex);
-        ACE_Guard<ACE_Thread_Mutex> oListGuard(oTask.m_oMsgListMutex);
-        bDone = oTask.m_poMsgList->m_ulCount == 0;
+        bDone = oTask.m_uiBuffered.load(std::memory_order_relaxed) == 0;
         if (!bDone && CZolAppMgr::instance()->getStatus() == APPMGR_RUNNING)
         {
-            return zolPduOf(oTask.m_poMsgList->popHead());
+            if (CZolMsgPdu *poMsg = oTask.popMsg())
+            {
+                return poMsg;
+            }
+            bDone = true; // somebody has taken the last one with popFrontZolMsg()
         }
         oTask.restoreStatus(TASK_IDLE, false);
         eState = oTask.m_eTaskStatus.load(std::memory_order_relaxed);

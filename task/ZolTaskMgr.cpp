@@ -5,6 +5,7 @@
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
 #include "task/ZolMonotonic.h"
+#include "task/ZolPoll.h"
 #include "task/ZolTaskLog.h"
 #include "task/ZolThreadSelf.h"
 
@@ -31,7 +32,7 @@ using WriteGuard = ACE_Write_Guard<ACE_RW_Thread_Mutex>;
 CZolTaskMgr::CZolTaskMgr(unsigned char ucTaskMgrID, int iThreadNum)
     : ACE_Task_Base(ACE_Thread_Manager::instance()), m_ucTaskMgrID(ucTaskMgrID), m_iThreadNum(iThreadNum),
       m_poMsgQueue(new CZolMemList), m_oNotFull(m_oQueueMutex, CZolMonotonicAttributes()),
-      m_oNotEmpty(m_oQueueMutex, CZolMonotonicAttributes()), m_poBatch(new CZolMemList)
+      m_oNotEmpty(m_oQueueMutex, CZolMonotonicAttributes()), m_poBatch(new CZolMemList), m_poPoll(new CZolPoll)
 {
 }
 
@@ -46,6 +47,7 @@ CZolTaskMgr::~CZolTaskMgr()
     delete m_poMsgQueue;
     m_poBatch->deleteAll();
     delete m_poBatch;
+    delete m_poPoll;
 }
 
 bool CZolTaskMgr::initTaskMgr()

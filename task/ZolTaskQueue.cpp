@@ -13,6 +13,7 @@
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
 #include "task/ZolMonotonic.h"
+#include "task/ZolPoll.h"
 #include "task/ZolTaskLog.h"
 
 #include <ace/Guard_T.h>
@@ -63,6 +64,7 @@ int CZolTaskMgr::putq(CZolMemBlock *poBlock, bool bPriority)
     }
     m_poMsgQueue->insert(poBlock);
     m_ulQueuedBytes += ulBytes;
+    m_uiQueued.store(m_poMsgQueue->m_ulCount, std::memory_order_relaxed);
     if (m_iEmptyWaiters > 0)
     {
         m_oNotEmpty.signal();
@@ -106,6 +108,7 @@ int CZolTaskMgr::getq(CZolMemBlock *&poBlock)
 /// Waits until the queue holds something and takes all of it.
 void CZolTaskMgr::fillBatch()
 {
+    m_poPoll->lookFor([this] { return m_uiQueued.load(std::memory_order_relaxed) != 0; });
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
     ++m_iEmptyWaiters;
     while (m_poMsgQueue->m_ulCount == 0)
@@ -115,6 +118,7 @@ void CZolTaskMgr::fillBatch()
     --m_iEmptyWaiters;
     *m_poBatch = *m_poMsgQueue;
     *m_poMsgQueue = CZolMemList();
+    m_uiQueued.store(0, std::memory_order_relaxed);
     m_uiBatchCount.store(m_poBatch->m_ulCount, std::memory_order_relaxed);
     m_ulQueuedBytes -= m_ulTakenBytes.load(std::memory_order_relaxed);
     m_ulTakenBytes.store(0, std::memory_order_relaxed);
@@ -157,8 +161,7 @@ bool CZolTaskMgr::deliverResponse(CZolMemBlock *poBlock)
             return false; // not in the call yet, or on its way out of it
         }
         m_oSynWaitList.erase(itFound);
-        ACE_Guard<ACE_Thread_Mutex> oListGuard(oTask.m_oMsgListMutex);
-        oTask.m_poMsgList->insert(poBlock);
+        oTask.buffer(zolPduOf(poBlock));
         oTask.m_bDelivered.store(true, std::memory_order_release);
         oTask.m_oSynCondition.signal();
     }

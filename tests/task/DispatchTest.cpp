@@ -603,6 +603,8 @@ TEST_F(DispatchTest, NamesAHandlerThatRunsTooLongOnce)
     }
     EXPECT_TRUE(logged("taskmgr 1 task 1 handler runs for more than 50 ms, cmd:77\n"));
     EXPECT_EQ(1U, countOf(m_oInstallation.logText(), "handler runs for more than"));
+    oGate.open();
+    EXPECT_TRUE(waitUntil([&] { return poMgr->findTask(1)->getTaskStatus() == TASK_IDLE; }));
 }
 
 TEST_F(DispatchTest, DumpsManagersAndTasks)
