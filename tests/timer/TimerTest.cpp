@@ -429,6 +429,45 @@ TEST_F(TimerTest, ATaskThatEndsTakesItsTimersAlong)
         });
 }
 
+namespace
+{
+
+std::mutex g_oGate; // a handler of CStuck waits for it
+
+class CStuck : public CTimerTask
+{
+    void respMsgProcess(const CZolMsgPdu *poMsg) override
+    {
+        const std::lock_guard<std::mutex> oGuard(g_oGate);
+        CTimerTask::respMsgProcess(poMsg);
+    }
+};
+
+} // namespace
+
+TEST_F(TimerTest, AHandlerThatIsStuckHoldsNoOtherTimerUp)
+{
+    auto *const poStuck = new CStuck;
+    CZolTaskMgr *const poOther = CZolAppMgr::instance()->findTaskMgr(OTHER_MANAGER);
+    ASSERT_EQ(ZOL_OK, poOther->addStaticTask(poStuck, TASK));
+    runApplication(
+        [&]
+        {
+            std::unique_lock<std::mutex> oHeld(g_oGate);
+            g_ulQueueSize = 100; // bytes: what is due for the stuck manager goes past its limit all the same
+            unsigned int uiSet = 0;
+            for (int i = 0; i < 1000; ++i)
+            {
+                uiSet += timer()->setDatePeriod(now(), OTHER_MANAGER, 1, TASK) != 0 ? 1 : 0;
+            }
+            const unsigned long ulId = timer()->setCycleInterval(1, MANAGER, 1, TASK);
+            EXPECT_TRUE(waitUntil([&] { return m_poTask->callbacks(ulId) >= 2; }));
+            EXPECT_EQ(0U, poStuck->m_uiTotal);
+            oHeld.unlock();
+            EXPECT_TRUE(waitUntil([&] { return poStuck->m_uiTotal == uiSet; }));
+        });
+}
+
 // ---- Many
 
 TEST_F(TimerTest, AHundredThousandTimersAreSetFiredAndCancelled)
