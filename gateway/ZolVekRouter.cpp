@@ -213,15 +213,6 @@ CZolVekSession *CZolVekRouter::resolveById(CZolVekSession &oFrom, std::uint16_t 
     return poTarget;
 }
 
-void CZolVekRouter::countFlow(CZolVekSession &oFrom, const CZolVekSession &oTarget, std::uint32_t uiBytes)
-{
-    if (oFrom.m_poFlows == nullptr)
-    {
-        oFrom.m_poFlows = std::make_unique<CZolVekFlows>();
-    }
-    oFrom.m_poFlows->count(oTarget.m_ulSerial, uiBytes);
-}
-
 void CZolVekRouter::dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame)
 {
     ++oTarget.m_ulFramesDropped;

@@ -111,11 +111,10 @@ private:
         m_oAgenda.dirty(oTarget);
         if (m_bCountFlows && poFrom != nullptr)
         {
-            countFlow(*poFrom, oTarget, uiBytes);
+            poFrom->flows().count(oTarget.m_ulSerial, uiBytes);
         }
     }
 
-    static void countFlow(CZolVekSession &oFrom, const CZolVekSession &oTarget, std::uint32_t uiBytes);
     bool mayPass(const CZolVekSession &oFrom, const CZolVekFrame &oFrame);
     void dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame);
     EnumZolVekVerdict routeByType(CZolVekSession &oFrom, const CZolVekFrame &oFrame);

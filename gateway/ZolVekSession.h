@@ -78,6 +78,16 @@ public:
     /// now; -1 the pipe has ended, with the reason in strReason.
     int receive(std::string &strReason);
 
+    /// Whom it sends to, from now on.
+    CZolVekFlows &flows()
+    {
+        if (m_poFlows == nullptr)
+        {
+            m_poFlows = std::make_unique<CZolVekFlows>();
+        }
+        return *m_poFlows;
+    }
+
     /// The hello of the gateway to this process.
     void fillHello(char *pcHello) const;
 
