@@ -56,10 +56,11 @@ class ZOL_EXPORT CZolMemList
 public:
     CZolMemList() = default;
 
-    void insert(CZolMemBlock *poBlock); ///< at the tail; null is ignored
-    CZolMemBlock *popHead();            ///< null when empty; the link of the block keeps its old value
-    void deleteHead();                  ///< gives the first block back to the pool
-    void deleteAll();                   ///< gives every block back to the pool
+    void insert(CZolMemBlock *poBlock);     ///< at the tail; null is ignored
+    void append(const CZolMemList &oOther); ///< all blocks of the other list, which is to be emptied by its owner
+    CZolMemBlock *popHead();                ///< null when empty; the link of the block keeps its old value
+    void deleteHead();                      ///< gives the first block back to the pool
+    void deleteAll();                       ///< gives every block back to the pool
 
     ACE_UINT32 m_ulCount = 0;
     CZolMemBlock *m_poHead = nullptr;

@@ -125,6 +125,10 @@ public:
     /// for null.
     int enqueueMsg(CZolMemBlock *poBlock, bool bPriority);
 
+    /// Takes all blocks of the list over, in their order and in one step, and leaves it empty; waits as enqueueMsg does
+    /// for one. For requests only: a response may be for a task that waits for it.
+    void enqueueRequests(CZolMemList &oRequests);
+
     /// Adds a task under an id from 1 to 32. On failure the task stays the caller's.
     int addStaticTask(CZolTask *poTask, unsigned short usTaskID);
 

@@ -110,6 +110,22 @@ void CZolMemList::insert(CZolMemBlock *poBlock)
     ++m_ulCount;
 }
 
+void CZolMemList::append(const CZolMemList &oOther)
+{
+    if (oOther.m_ulCount == 0)
+    {
+        return;
+    }
+    if (m_ulCount == 0)
+    {
+        *this = oOther;
+        return;
+    }
+    m_poTail->m_poNext = oOther.m_poHead;
+    m_poTail = oOther.m_poTail;
+    m_ulCount += oOther.m_ulCount;
+}
+
 CZolMemBlock *CZolMemList::popHead()
 {
     CZolMemBlock *const poBlock = m_poHead;

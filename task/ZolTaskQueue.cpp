@@ -72,6 +72,35 @@ int CZolTaskMgr::putq(CZolMemBlock *poBlock, bool bPriority)
     return ZOL_OK;
 }
 
+void CZolTaskMgr::enqueueRequests(CZolMemList &oRequests)
+{
+    if (oRequests.m_ulCount == 0)
+    {
+        return;
+    }
+    std::uint64_t ulBytes = 0;
+    CZolMemBlock *poBlock = oRequests.m_poHead;
+    for (ACE_UINT32 uiLeft = oRequests.m_ulCount; uiLeft != 0; --uiLeft)
+    {
+        ulBytes += zolTotalLength(zolPduOf(poBlock));
+        poBlock = poBlock->m_poNext;
+    }
+    {
+        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
+        if (isFull())
+        {
+            waitForRoom();
+        }
+        m_poMsgQueue->append(oRequests);
+        m_ulQueuedBytes += ulBytes;
+        if (m_iEmptyWaiters > 0)
+        {
+            m_oNotEmpty.signal();
+        }
+    }
+    oRequests = CZolMemList();
+}
+
 /// Only while the process is running: before that nobody makes room, and after that nobody must be kept waiting, since
 /// the waiting thread is the one that ends the process. The caller holds m_oQueueMutex.
 void CZolTaskMgr::waitForRoom()

@@ -14,6 +14,8 @@
 #include <string>
 #include <unordered_map>
 
+class CZolTaskMgr;
+
 /// A big message being joined: its blocks so far, oldest first, each a whole PDU in a block of its own.
 struct SZolBigMsgItem
 {
@@ -144,6 +146,17 @@ private:
     int readAndCut(unsigned int uiLife);
     bool cutMessages();                  // false: the pipe must go down
     bool startPdu(const char *pcHeader); // false: impossible length, or no memory
+
+    // Requests that are to enter the queue of one task manager together.
+    struct SRun
+    {
+        unsigned char m_ucModule = 0;
+        CZolTaskMgr *m_poTaskMgr = nullptr;
+        CZolMemList m_oRequests; // empty whenever the run leaves cutMessages()
+    };
+
+    bool joinsRun(CZolMsgPdu *poPdu, SRun &oRun); // true: the PDU is taken over
+    static void deliverRun(SRun &oRun);
     void keepPartOfHeader(std::uint32_t uiAt);
     void resetIfDue();
     void closeSocket();                                        // caller: m_oPipeLock exclusive, or alone
