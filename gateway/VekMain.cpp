@@ -204,6 +204,7 @@ bool openHttp(const SZolVekSettings &oSettings, CZolVekGateway &oGateway, CZolSn
 int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
 {
     const sigset_t oSignalSet = CSignals::block();
+    signal(SIGPIPE, SIG_IGN); // the log may lose its reader
     CZolVekLog::open(oSettings);
     raiseDescriptorLimit(oSettings);
     CZolSnapshotExchange oExchange;
@@ -213,7 +214,10 @@ int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
     if (!oGateway.open(strError) || !openHttp(oSettings, oGateway, oExchange, oHttp, strError))
     {
         fprintf(stderr, "vek: %s\n", strError.c_str());
-        CZolVekLog::line(CZolRunLog::LEVEL_FATAL, "run", "%s", strError.c_str());
+        if (!oSettings.m_strLogPath.empty())
+        {
+            CZolVekLog::line(CZolRunLog::LEVEL_FATAL, "run", "%s", strError.c_str());
+        }
         CZolVekLog::flush();
         return EXIT_FAILURE;
     }

@@ -54,7 +54,7 @@ void CZolVekFrameReader::filled(std::size_t ulBytes)
     m_ulEnd += ulBytes;
 }
 
-EnumZolVekRead CZolVekFrameReader::next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes)
+EnumZolVekRead CZolVekFrameReader::next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes, std::uint64_t ulFreeBytes)
 {
     if (m_poLarge != nullptr)
     {
@@ -94,7 +94,11 @@ EnumZolVekRead CZolVekFrameReader::next(CZolVekFrame &oFrame, std::uint32_t uiMa
     }
     if (ulHave < ulTotal)
     {
-        return ulTotal > DIRECT_BYTES ? startLarge(static_cast<std::uint32_t>(ulTotal)) : VEK_READ_MORE;
+        if (ulTotal <= DIRECT_BYTES)
+        {
+            return VEK_READ_MORE;
+        }
+        return ulTotal > ulFreeBytes ? VEK_READ_FULL : startLarge(static_cast<std::uint32_t>(ulTotal));
     }
     m_uiLast = static_cast<std::uint32_t>(ulTotal);
     oFrame = CZolVekFrame(pcHeader, m_uiLast);

@@ -12,6 +12,7 @@ enum EnumZolVekRead
 {
     VEK_READ_FRAME,  ///< a whole frame
     VEK_READ_MORE,   ///< the rest of a frame has not come yet
+    VEK_READ_FULL,   ///< a large frame begins and there is no memory for it now
     VEK_READ_DAMAGED ///< a header that no frame can have: the stream cannot go on
 };
 
@@ -53,9 +54,9 @@ public:
     std::size_t room() const;
     void filled(std::size_t ulBytes);
 
-    /// uiMaxBytes is the limit of a frame, header included. The frame taken last is consumed by the next call; a caller
-    /// that cannot place it says so with undo() before end().
-    EnumZolVekRead next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes);
+    /// uiMaxBytes is the limit of a frame, header included, ulFreeBytes what a large one may take. The frame taken last
+    /// is consumed by the next call; a caller that cannot place it says so with undo() before end().
+    EnumZolVekRead next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes, std::uint64_t ulFreeBytes);
 
     /// The frame that next() gave last was not taken: it comes again in the next turn.
     void undo();

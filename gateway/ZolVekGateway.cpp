@@ -305,11 +305,16 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         {
             return false;
         }
-        const EnumZolVekRead eRead =
-            oSession.m_oReader.next(oFrame, bUp ? m_oSettings.m_uiMaxFrameBytes : UNREGISTERED_FRAME_BYTES);
+        const EnumZolVekRead eRead = oSession.m_oReader.next(
+            oFrame, bUp ? m_oSettings.m_uiMaxFrameBytes : UNREGISTERED_FRAME_BYTES, m_oRouter.freeBytes());
         if (eRead == VEK_READ_MORE)
         {
             return true;
+        }
+        if (eRead == VEK_READ_FULL)
+        {
+            m_oRouter.waitForMemory(oSession);
+            return false;
         }
         if (eRead == VEK_READ_DAMAGED)
         {
@@ -432,9 +437,19 @@ void CZolVekGateway::closeDoomed()
 void CZolVekGateway::close(CZolVekSession &oSession)
 {
     const bool bUp = oSession.m_eState == VEK_UP;
-    CZolVekLog::line(bUp || oSession.m_eState == VEK_REFUSED ? CZolRunLog::LEVEL_INFO : CZolRunLog::LEVEL_WARNING,
-                     "CZolVekGateway::close", "%s is down: %s; %" PRIu64 " bytes were waiting for it",
-                     oSession.name().c_str(), oSession.m_strDoom.c_str(), oSession.m_oOutbox.bytes());
+    std::uint64_t ulHeldBack = 0;
+    if (bUp)
+    {
+        CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::close",
+                         "%s is down: %s; %" PRIu64 " bytes were waiting for it", oSession.name().c_str(),
+                         oSession.m_strDoom.c_str(), oSession.m_oOutbox.bytes());
+    }
+    else if (m_oStrangerLines.pass(oSession.m_uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
+    {
+        CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::close",
+                         "%s closed: %s; and %" PRIu64 " more from that address since the last line",
+                         oSession.name().c_str(), oSession.m_strDoom.c_str(), ulHeldBack);
+    }
     if (!oSession.m_oOutbox.isEmpty() && bUp)
     {
         m_oStatistics.m_ulDropQueued += oSession.m_oOutbox.bytes();
@@ -550,6 +565,13 @@ void CZolVekGateway::sweep()
             {
                 m_oAgenda.doom(*poSession,
                                "it took no byte for " + std::to_string(m_oSettings.m_uiStuckSeconds) + " s");
+            }
+            if (poSession->m_oReader.isLarge() && poSession->m_poWaitsFor == nullptr &&
+                ulNow - poSession->m_ulReceivedMs >= std::uint64_t{1000} * m_oSettings.m_uiStuckSeconds)
+            {
+                // the memory of a large frame is set aside when it begins
+                m_oAgenda.doom(*poSession,
+                               "a frame did not go on for " + std::to_string(m_oSettings.m_uiStuckSeconds) + " s");
             }
         });
 }

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -100,9 +101,14 @@ void CZolVekLog::line(int iLevel, const char *pcScope, const char *pcFormat, ...
         toRunLog(iLevel, pcScope, acText);
         return;
     }
-    char acTime[32];
-    zol::getCurrFormatTime(acTime);
-    fprintf(stderr, "%s %s %s\n", acTime, pcScope, acText);
+    // a reader of standard error that has stopped must not stop the routing: a line that would wait is lost
+    pollfd oStandardError{STDERR_FILENO, POLLOUT, 0};
+    if (poll(&oStandardError, 1, 0) == 1 && (oStandardError.revents & POLLOUT) != 0)
+    {
+        char acTime[32];
+        zol::getCurrFormatTime(acTime);
+        fprintf(stderr, "%s %s %s\n", acTime, pcScope, acText);
+    }
 }
 
 void CZolVekEvents::add(int iLevel, const char *pcText)

@@ -1,9 +1,9 @@
 #include "ZolVekRegistrar.h"
 
 #include "ZolRunLog.h"
-#include "ZolVekLog.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -200,9 +200,15 @@ void CZolVekRegistrar::refuse(CZolVekSession &oSession, const char *pcRequest, i
         break;
     }
     respond(oSession, pcRequest, zolVekRead16(pcRequest + VEK_AT_SRC_HANDLE), iStatus);
-    CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekRegistrar::refuse",
-                     "process %u handle %u from %s refused, status %d", zolVekRead16(pcRequest + VEK_AT_SRC_PROC),
-                     zolVekRead16(pcRequest + VEK_AT_SRC_HANDLE), oSession.name().c_str(), iStatus);
+    std::uint64_t ulHeldBack = 0;
+    if (m_oRefusalLines.pass(oSession.m_uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
+    {
+        CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekRegistrar::refuse",
+                         "process %u handle %u from %s refused, status %d; and %" PRIu64
+                         " more from that address since the last line",
+                         zolVekRead16(pcRequest + VEK_AT_SRC_PROC), zolVekRead16(pcRequest + VEK_AT_SRC_HANDLE),
+                         oSession.name().c_str(), iStatus, ulHeldBack);
+    }
 }
 
 void CZolVekRegistrar::respond(CZolVekSession &oSession, const char *pcRequest, std::uint16_t usHandle, int iStatus)

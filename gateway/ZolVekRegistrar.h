@@ -2,6 +2,7 @@
 #define ZOL_VEK_REGISTRAR_H
 
 #include "ZolVekAgenda.h"
+#include "ZolVekLog.h"
 #include "ZolVekPolicy.h"
 #include "ZolVekRoutes.h"
 #include "ZolVekSettings.h"
@@ -64,6 +65,7 @@ private:
     const CZolVekPolicy m_oPolicy;
 
     std::vector<SProbe> m_oProbes;
+    CZolVekRateLimit m_oRefusalLines; // by address
     bool m_bDraining = false;
 };
 

@@ -264,6 +264,14 @@ EnumZolVekVerdict CZolVekRouter::stall(CZolVekSession &oFrom, CZolVekSession &oT
         oFrom.m_ulWaitsSinceMs = m_oAgenda.m_ulNowMs;
         oTarget.m_oWaiters.push_back(&oFrom);
         ++m_oStatistics.m_ulStalls;
+        std::uint64_t ulHeldBack = 0;
+        if (&oFrom != &oTarget && m_oSlowLines.pass(oTarget.m_uiKey, m_oAgenda.m_ulNowMs, ulHeldBack))
+        {
+            CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekRouter::stall",
+                             "%s is slow, %" PRIu64 " bytes wait for it; %s is not read until then, and %" PRIu64
+                             " more since the last line",
+                             oTarget.name().c_str(), oTarget.m_oOutbox.bytes(), oFrom.name().c_str(), ulHeldBack);
+        }
     }
     return VEK_STALLED;
 }

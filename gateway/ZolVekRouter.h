@@ -10,6 +10,7 @@
 #include "ZolVekStatistics.h"
 #include "ZolVekSubscriptions.h"
 
+#include <algorithm>
 #include <deque>
 
 /// What became of a frame.
@@ -41,6 +42,15 @@ public:
 
     /// To be called before the frames of a turn.
     void beginTurn();
+
+    /// What a large frame may still take of the total bound.
+    std::uint64_t freeBytes() const
+    {
+        return m_oSettings.m_ulTotalQueueBytes - std::min(m_oSettings.m_ulTotalQueueBytes, m_oMemory.m_ulBytes);
+    }
+
+    /// oFrom is not read until memory may be free again.
+    void waitForMemory(CZolVekSession &oFrom) { stall(oFrom, oFrom); }
 
     EnumZolVekVerdict route(CZolVekSession &oFrom, const CZolVekFrame &oFrame)
     {
@@ -166,7 +176,8 @@ private:
     std::uint64_t m_ulGraceUntilMs = 0;
     std::deque<SHeld> m_oHeld; // publications of the grace, oldest first
     std::uint64_t m_ulHeldBytes = 0;
-    CZolVekRateLimit m_oDropLines;
+    CZolVekRateLimit m_oDropLines; // by destination
+    CZolVekRateLimit m_oSlowLines; // by the pipe that is slow
 };
 
 #endif

@@ -540,6 +540,8 @@ void CZolVekSettingsReader::checkTogether()
     {
         m_oSettings.m_ulPipeQueueBytes = m_oSettings.m_ulTotalQueueBytes; // the tighter bound holds in any case
     }
+    m_oSettings.m_uiMaxFrameBytes = static_cast<unsigned int>(
+        std::min<std::uint64_t>(m_oSettings.m_uiMaxFrameBytes, m_oSettings.m_ulTotalQueueBytes));
 }
 
 std::string zolVekValueOf(const SZolVekSettings &oSettings, const std::string &strKey)

@@ -200,6 +200,32 @@ TEST_F(BackPressureTest, BoundsTheAnswersOfOneThatDoesNotRead)
     EXPECT_LT(gateway().memoryBytes(), m_oSettings.m_ulPipeQueueBytes + (512 << 10));
 }
 
+// The memory of a large frame is set aside when it begins. Where there is none its pipe waits, others go on, and a
+// frame that never comes to its end does not keep it for ever.
+TEST_F(BackPressureTest, HoldsLargeFramesAgainstTheTotalBound)
+{
+    m_oSettings.m_ulTotalQueueBytes = 4 << 20;
+    CRawPipe oHalf = pipe(7, 1);
+    CRawPipe oWaits = pipe(7, 2);
+    CRawPipe oB = pipe(8, 1);
+    SFrame oLarge = frame(1, A, B, "");
+    oLarge.m_ulData = 3 << 20;
+    ASSERT_TRUE(oHalf.send(oLarge.header() + "begun"));
+    ASSERT_TRUE(waitUntil([&] { return gateway().memoryBytes() > (3 << 20); }));
+    const SFrame oSecond = frame(1, zolVekKey(7, 2), B, std::string(2 << 20, '2'));
+    std::thread oSender([&] { EXPECT_TRUE(oWaits.send(oSecond.wire())); });
+    for (unsigned int i = 0; i < 100; ++i)
+    {
+        ASSERT_TRUE(oB.send(frame(1, B, B, word32(i)).wire()));
+        ASSERT_EQ(i, readWord32(next(oB).m_strBody, 0));
+    }
+    EXPECT_LT(gateway().memoryBytes(), 4u << 20);
+    gateway().pass(121s);
+    EXPECT_EQ(oSecond.wire(), next(oB).wire());
+    oSender.join();
+    EXPECT_TRUE(oHalf.waitClosed());
+}
+
 TEST_F(BackPressureTest, DrainsWhatIsQueuedAndTakesNothingNew)
 {
     CRawPipe oSlow = slowPipe(8, 1);
