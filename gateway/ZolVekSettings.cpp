@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <unistd.h>
 
@@ -208,23 +210,15 @@ const std::vector<SZolVekKeyInfo> &zolVekKeys()
 
 bool CZolVekSettingsReader::addFile(const std::string &strPath)
 {
+    std::error_code oIgnored;
     std::ifstream oFile(strPath, std::ios::binary);
-    if (!oFile)
+    if (!oFile || std::filesystem::is_directory(strPath, oIgnored)) // a folder opens, and only its reading fails
     {
         return false;
     }
-    std::ostringstream oText;
-    oText << oFile.rdbuf();
-    if (oFile.bad() || oText.fail())
-    {
-        // a folder opens, and fails at the first read; an empty file gives a text without a character
-        if (oFile.bad() || oFile.peek() != std::ifstream::traits_type::eof())
-        {
-            return false;
-        }
-    }
-    addText(strPath, oText.str());
-    return true;
+    const std::string strText((std::istreambuf_iterator<char>(oFile)), std::istreambuf_iterator<char>());
+    addText(strPath, strText);
+    return !oFile.bad();
 }
 
 void CZolVekSettingsReader::addText(const std::string &strName, const std::string &strText)
