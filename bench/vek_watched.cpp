@@ -144,7 +144,8 @@ int main(int argc, char **argv)
     report("R3 watched/zol", "rate without a status page", median(aoRates[0]), "msg/s");
     report("R3 watched/zol", "rate with page and scrape", median(aoRates[1]), "msg/s");
     report("R3 watched/zol", "with over without", median(oRatios), "ratio");
-    report("R3 watched/zol", "routing thread without", median(aoCpuNs[0]), "ns/msg");
-    report("R3 watched/zol", "routing thread with", median(aoCpuNs[1]), "ns/msg");
+    // the least of the rounds: what disturbs it only ever adds
+    report("R3 watched/zol", "routing thread without", *std::min_element(aoCpuNs[0].begin(), aoCpuNs[0].end()), "ns/msg");
+    report("R3 watched/zol", "routing thread with", *std::min_element(aoCpuNs[1].begin(), aoCpuNs[1].end()), "ns/msg");
     return 0;
 }

@@ -12,6 +12,7 @@ import sys
 import tempfile
 import time
 import unittest
+import urllib.request
 
 VEK = ""
 EXAMPLE = ""
@@ -95,10 +96,11 @@ class TunnelTest(unittest.TestCase):
         subprocess.run([os.path.join(EXAMPLE, "make-certificates"), os.path.join(cls.folder, "certificates")],
                        check=True, stdout=subprocess.DEVNULL)
         # 7 only through the tunnel, 9 only from this machine itself
-        cls.vek = cls.start("vek", VEK, "--listen", "127.0.0.1:0", "--allow-id", "7=127.0.0.2", "--allow-id",
-                            "9=127.0.0.1")
-        wait_until(lambda: "listening on" in cls.vek.log(), "the gateway listens")
+        cls.vek = cls.start("vek", VEK, "--listen", "127.0.0.1:0", "--http", "0", "--allow-id", "7=127.0.0.2",
+                            "--allow-id", "9=127.0.0.1")
+        wait_until(lambda: "status on port" in cls.vek.log(), "the gateway listens")
         cls.vek_port = int(re.search(r"listening on 127\.0\.0\.1:(\d+)", cls.vek.log()).group(1))
+        cls.status_port = int(re.search(r"status on port (\d+)", cls.vek.log()).group(1))
         cls.tls_port = cls.tunnel_end("gateway")
         cls.good_port = cls.tunnel_end("process")
 
@@ -135,8 +137,19 @@ class TunnelTest(unittest.TestCase):
         assert program.process.poll() is None, program.log()
         return port
 
+    def pipe(self, port):
+        pipe = Pipe(port)
+        self.addCleanup(pipe.socket.close)
+        return pipe
+
+    def connections(self):
+        """How many the gateway has accepted so far, and not half a second ago, as an answer may be."""
+        time.sleep(0.6)
+        with urllib.request.urlopen(f"http://127.0.0.1:{self.status_port}/metrics", timeout=PATIENCE) as answer:
+            return re.search(r"(?m)^zol_vek_connections_total (\d+)$", answer.read().decode()).group(1)
+
     def test_messages_pass_both_ways(self):
-        inside, outside = Pipe(self.vek_port), Pipe(self.good_port)
+        inside, outside = self.pipe(self.vek_port), self.pipe(self.good_port)
         self.assertEqual(0, inside.register((9, 1)))
         self.assertEqual(0, outside.register((7, 1)))
         large = bytes(range(256)) * 8192  # two MiB, many TLS records
@@ -148,15 +161,15 @@ class TunnelTest(unittest.TestCase):
                 self.assertEqual(b"%06d" % number, receiver.read(34)[28:])
             self.assertEqual(large, receiver.read(28 + len(large))[28:])
         outside.socket.close()
-        again = Pipe(self.good_port)  # the end of a pipe passes the tunnel too, so that its key is free again
-        wait_until(lambda: "process 7 handle 1" in self.vek.log().split("is down")[0] and "is down" in self.vek.log(),
+        again = self.pipe(self.good_port)  # the end of a pipe passes the tunnel too, so that its key is free again
+        wait_until(lambda: re.search(r"process 7 handle 1 \(.*\) is down", self.vek.log()),
                    "the gateway sees the end of the pipe")
         self.assertEqual(0, again.register((7, 1)))
 
     def test_the_tunnel_is_an_address_of_its_own(self):
-        self.assertEqual(-8, Pipe(self.vek_port).register((7, 20)), "7 without the tunnel")
-        self.assertEqual(-8, Pipe(self.good_port).register((9, 20)), "9 through the tunnel")
-        self.assertEqual(0, Pipe(self.good_port).register((7, 20)))
+        self.assertEqual(-8, self.pipe(self.vek_port).register((7, 20)), "7 without the tunnel")
+        self.assertEqual(-8, self.pipe(self.good_port).register((9, 20)), "9 through the tunnel")
+        self.assertEqual(0, self.pipe(self.good_port).register((7, 20)))
 
     def test_strangers_are_cut_off_before_the_gateway(self):
         cases = (("no certificate", None, ("cert", "key")), ("of another CA", "foreign", ()),
@@ -164,14 +177,14 @@ class TunnelTest(unittest.TestCase):
         for name, certificate, leave_out in cases:
             with self.subTest(name):
                 port = self.tunnel_end("process", certificate, leave_out)
-                before = self.vek.log()
-                self.assertIsNone(Pipe(port).register((7, 30)))
-                self.assertEqual(before, self.vek.log(), "the gateway saw something of it")
+                before = self.connections()
+                self.assertIsNone(self.pipe(port).register((7, 30)))
+                self.assertEqual(before, self.connections(), "the gateway saw something of it")
         with self.subTest("no TLS at all"):
-            before = self.vek.log()
-            self.assertIsNone(Pipe(self.tls_port).register((7, 31)))
-            self.assertEqual(before, self.vek.log(), "the gateway saw something of it")
-        self.assertEqual(0, Pipe(self.good_port).register((7, 32)), "the tunnel works on after them")
+            before = self.connections()
+            self.assertIsNone(self.pipe(self.tls_port).register((7, 31)))
+            self.assertEqual(before, self.connections(), "the gateway saw something of it")
+        self.assertEqual(0, self.pipe(self.good_port).register((7, 32)), "the tunnel works on after them")
 
     def test_a_false_gateway_is_refused(self):
         cases = (("of another CA", "foreign-gateway", ("verifyChain", "requireCert")),
@@ -184,7 +197,7 @@ class TunnelTest(unittest.TestCase):
                     port = self.tunnel_end("process")
                 finally:
                     type(self).tls_port = own
-                self.assertIsNone(Pipe(port).register((7, 40)))
+                self.assertIsNone(self.pipe(port).register((7, 40)))
 
 
 if __name__ == "__main__":
