@@ -3,14 +3,13 @@
 
 #include "ZolErrors.h"
 #include "ZolExport.h"
+#include "ZolMemMan.h"
 
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
 #include <atomic>
 
 class ACE_Reactor;
-class CZolMemList;
-class CZolMsgPdu;
 class CZolTaskMgr;
 
 enum EnumTaskState
@@ -27,6 +26,17 @@ enum EnumTaskType
     TASK_DYNAMIC = 0, ///< created for a message; id 33 to 60000
     TASK_STATIC = 1,  ///< added under an id of the application's choice, 1 to 32; lives as long as its manager
     TASK_ASSIST = 2   ///< added under an assigned id, 33 to 60000
+};
+
+class CZolTask;
+
+/// The place of a task in the table of its manager; it lies in the task itself.
+struct SZolTaskNode
+{
+    CZolTask *m_poTask = nullptr;
+    unsigned short m_usTaskID = 0;
+    SZolTaskNode *m_poNextNode = nullptr;
+    SZolTaskNode *m_poPrevNode = nullptr;
 };
 
 /// A small state machine to which messages are delivered. An application derives from it and overrides the handlers.
@@ -101,6 +111,7 @@ public:
 
 private:
     friend class CZolTaskMgr;
+    friend class CZolTaskTable;
 
     int checkSynRequest(const CZolMsgPdu *poRequest) const;
     EnumTaskState beginSynCall();
@@ -127,8 +138,11 @@ private:
     std::atomic<EnumTaskState> m_eTaskStatus{TASK_IDLE}; // written under m_oStatusMutex; read without it for a look
     ACE_Thread_Mutex m_oStatusMutex;                     // after m_oTaskLock or m_oSynWaitMutex, before m_oMsgListMutex
     ACE_Condition<ACE_Thread_Mutex> m_oSynCondition;     // with m_oStatusMutex; monotonic; signalled by a delivery
-    CZolMemList *m_poMsgList;                            // owned; guarded by m_oMsgListMutex
+    CZolMemList *m_poMsgList;                            // guarded by m_oMsgListMutex; it is m_oOwnList, so that a
+                                                         // task is one piece of memory
     ACE_Thread_Mutex m_oMsgListMutex;                    // leaf
+    CZolMemList m_oOwnList;                              // what m_poMsgList points to
+    SZolTaskNode m_oNode;                                // guarded by m_oTaskLock of the manager
     bool m_bSynCall = false;                             // guarded by m_oStatusMutex: inside sendSynMsg
     bool m_bDeleting = false;                            // guarded by m_oStatusMutex: a thread has claimed the deletion
     std::atomic<unsigned int> m_uiBuffered{0};           // length of m_poMsgList; grows under m_oStatusMutex only

@@ -29,14 +29,6 @@ class CZolPoll;
 class ZOL_EXPORT CZolTaskTable
 {
 public:
-    struct SNode
-    {
-        CZolTask *m_poTask;
-        unsigned short m_usTaskID;
-        SNode *m_poNextNode;
-        SNode *m_poPrevNode;
-    };
-
     CZolTaskTable();
     ~CZolTaskTable();
     CZolTaskTable(const CZolTaskTable &) = delete;
@@ -44,7 +36,7 @@ public:
 
     CZolTask *find(unsigned short usTaskID) const;
 
-    /// Takes the task over and its id as used. False, with nothing taken, when memory is out.
+    /// Takes the task over, which is in no table, and its id as used. False, with nothing taken, when memory is out.
     bool insert(CZolTask *poTask, unsigned short usTaskID);
 
     /// Hands the task back without deleting it, or null. Its id stays taken until release().
@@ -59,7 +51,7 @@ public:
     unsigned short findFree(unsigned short usFrom, unsigned short usFirst, unsigned short usLast) const;
 
     unsigned short bucketCount() const { return m_usBucketCount; }
-    const SNode *bucket(unsigned short usIndex) const { return m_ppBuckets[usIndex]; }
+    const SZolTaskNode *bucket(unsigned short usIndex) const { return m_ppBuckets[usIndex]; }
 
 private:
     static constexpr unsigned int PAGE_IDS = 256; // ids of one page of the index
@@ -68,11 +60,11 @@ private:
     unsigned short bucketOf(unsigned short usTaskID) const;
     unsigned int findFreeFrom(unsigned int uiFrom, unsigned int uiTo) const;
 
-    SNode **m_ppBuckets = nullptr; // owned; heads of the chains, a new node goes to the front
+    SZolTaskNode **m_ppBuckets = nullptr; // owned; heads of the chains, a new node goes to the front
     unsigned short m_usBucketCount = 64;
-    unsigned short m_usHashShift = 6;                          // 2 to this power is the number of chains
-    std::unique_ptr<SNode *[]> m_arrPages[ALL_IDS / PAGE_IDS]; // index: id -> node, made a page at a time
-    std::uint64_t m_arrTaken[ALL_IDS / 64] = {};               // one bit for each id in use
+    unsigned short m_usHashShift = 6;                                 // 2 to this power is the number of chains
+    std::unique_ptr<SZolTaskNode *[]> m_arrPages[ALL_IDS / PAGE_IDS]; // index: id -> node, made a page at a time
+    std::uint64_t m_arrTaken[ALL_IDS / 64] = {};                      // one bit for each id in use
 };
 
 /// What one thread of a manager is doing.
@@ -178,8 +170,9 @@ private:
     using PduHolder = std::unique_ptr<CZolMsgPdu>; // gives the message up also when the thread is cancelled
 
     unsigned short acquireTaskID(unsigned short usTaskID); // the caller holds m_oTaskLock for writing
-    unsigned short addTask(CZolTask *poTask, unsigned short usTaskID);
-    bool removeTask(unsigned short usTaskID, CZolTask *poTask);
+    unsigned short addTask(CZolTask *poTask, unsigned short usTaskID, EnumTaskType eType, EnumTaskState eState);
+    void removeTask(CZolTask *poTask);
+    void delClaimedTask(CZolTask *poTask);
 
     int putq(CZolMemBlock *poBlock, bool bPriority);
     int getq(CZolMemBlock *&poBlock);

@@ -50,14 +50,13 @@ bool isForThisProcess(const CZolMsgPdu &oMsg)
 CZolTask::CZolTask() : CZolTask(nullptr) {}
 
 CZolTask::CZolTask(CZolTaskMgr *poTaskMgr)
-    : m_poTaskMgr(poTaskMgr), m_oSynCondition(m_oStatusMutex, CZolMonotonicAttributes()), m_poMsgList(new CZolMemList)
+    : m_poTaskMgr(poTaskMgr), m_oSynCondition(m_oStatusMutex, CZolMonotonicAttributes()), m_poMsgList(&m_oOwnList)
 {
 }
 
 CZolTask::~CZolTask()
 {
     m_poMsgList->deleteAll();
-    delete m_poMsgList;
 }
 
 void CZolTask::reqMsgProcess(const CZolMsgPdu * /*poMsg*/) {}
@@ -441,7 +440,7 @@ int CZolTask::setTaskStatus(EnumTaskState eState)
     }
     if (bDelete)
     {
-        poTaskMgr->delAssistTask(this);
+        poTaskMgr->delClaimedTask(this);
     }
     return ZOL_OK;
 }

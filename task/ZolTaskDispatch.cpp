@@ -283,11 +283,8 @@ int CZolTaskMgr::unknownTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned l
         zolCount(zolCounters().m_ulNoTask);
         return DISPATCH_NONE;
     }
-    poNew->m_poTaskMgr = this;
-    poNew->m_eTaskStatus.store(TASK_EXEC, std::memory_order_relaxed);
-    poNew->m_eTaskType = TASK_DYNAMIC;
     setTaskOfThread(ulThreadID, poNew); // before anybody can find the task, and take it for one that nobody runs
-    const unsigned short usTaskID = addTask(poNew, 0);
+    const unsigned short usTaskID = addTask(poNew, 0, TASK_DYNAMIC, TASK_EXEC);
     if (usTaskID == 0)
     {
         setTaskOfThread(ulThreadID, nullptr);
@@ -384,7 +381,10 @@ CZolMsgPdu *CZolTaskMgr::nextMsgOf(CZolTask &oTask, unsigned long ulThreadID, En
         }
         oTask.restoreStatus(TASK_IDLE, false);
         eState = oTask.m_eTaskStatus.load(std::memory_order_relaxed);
-        setTaskOfThread(ulThreadID, nullptr);
+        if (eState != TASK_EXIT) // else this thread keeps it, until it deletes it
+        {
+            setTaskOfThread(ulThreadID, nullptr);
+        }
     }
     if (bDone && eState == TASK_IDLE && CZolRunLog::isReady())
     {

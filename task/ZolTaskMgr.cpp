@@ -212,16 +212,24 @@ unsigned short CZolTaskMgr::acquireTaskID(unsigned short usTaskID)
     return usFound;
 }
 
-/// Gives the task the id, or one of the ring for 0, and enters it in the table: the id, or 0.
-unsigned short CZolTaskMgr::addTask(CZolTask *poTask, unsigned short usTaskID)
+/// Makes the task one of this manager, under the id, or one of the ring for 0, and enters it in the table: the id, or 0
+/// with the task unchanged. A task that has been added already is refused.
+unsigned short CZolTaskMgr::addTask(CZolTask *poTask, unsigned short usTaskID, EnumTaskType eType, EnumTaskState eState)
 {
     WriteGuard oGuard(m_oTaskLock);
+    if (poTask->m_usTaskID != 0)
+    {
+        return 0;
+    }
     const unsigned short usAcquired = acquireTaskID(usTaskID);
     if (usAcquired == 0 || !m_oTaskTable.insert(poTask, usAcquired))
     {
         return 0;
     }
+    poTask->m_poTaskMgr = this;
     poTask->m_usTaskID = usAcquired;
+    poTask->m_eTaskType = eType;
+    poTask->m_eTaskStatus.store(eState, std::memory_order_relaxed);
     return usAcquired;
 }
 
@@ -238,10 +246,7 @@ int CZolTaskMgr::addStaticTask(CZolTask *poTask, unsigned short usTaskID)
         oDebug.error("invalid parameter, invalid task id");
         return ZOL_ERR_FAILED;
     }
-    poTask->m_poTaskMgr = this;
-    poTask->m_eTaskStatus.store(TASK_IDLE, std::memory_order_relaxed);
-    poTask->m_eTaskType = TASK_STATIC;
-    if (addTask(poTask, usTaskID) == 0)
+    if (addTask(poTask, usTaskID, TASK_STATIC, TASK_IDLE) == 0)
     {
         oDebug.error("acquire task id failed!");
         return ZOL_ERR_FAILED;
@@ -258,10 +263,7 @@ int CZolTaskMgr::addAssistTask(CZolTask *poTask, bool bIdle)
         oDebug.error("invalid parameter, null pointer!");
         return ZOL_ERR_FAILED;
     }
-    poTask->m_poTaskMgr = this;
-    poTask->m_eTaskStatus.store(bIdle ? TASK_IDLE : TASK_EXEC, std::memory_order_relaxed);
-    poTask->m_eTaskType = TASK_ASSIST;
-    const unsigned short usTaskID = addTask(poTask, 0);
+    const unsigned short usTaskID = addTask(poTask, 0, TASK_ASSIST, bIdle ? TASK_IDLE : TASK_EXEC);
     if (usTaskID == 0)
     {
         oDebug.error("acquire task id failed!");
@@ -280,8 +282,24 @@ void CZolTaskMgr::delAssistTask(CZolTask *poTask)
     {
         return;
     }
+    {
+        ACE_Guard<ACE_Thread_Mutex> oGuard(poTask->m_oStatusMutex);
+        if (poTask->m_bDeleting)
+        {
+            return;
+        }
+        poTask->m_bDeleting = true;
+        poTask->m_eTaskStatus.store(TASK_EXIT, std::memory_order_release);
+    }
+    delClaimedTask(poTask);
+}
+
+/// The caller alone may touch the task from now on: it has set m_bDeleting.
+void CZolTaskMgr::delClaimedTask(CZolTask *poTask)
+{
     const unsigned short usTaskID = poTask->getTaskID();
-    if (removeTask(usTaskID, poTask) && CZolRunLog::isReady())
+    removeTask(poTask);
+    if (CZolRunLog::isReady())
     {
         zolFormatInfo("CZolTaskMgr::delAssistTask", "taskmgr %u task %u has been deleted", m_ucTaskMgrID, usTaskID);
     }
@@ -291,37 +309,36 @@ void CZolTaskMgr::delAssistTask(CZolTask *poTask)
 void CZolTaskMgr::delTask(CZolTask *poTask, unsigned long ulThreadID)
 {
     const unsigned short usTaskID = poTask->getTaskID();
+    {
+        // Before the entry of the thread is cleared, since one of the two keeps others off. And whoever ended the task
+        // from outside may still stand in setTaskStatus().
+        ACE_Guard<ACE_Thread_Mutex> oGuard(poTask->m_oStatusMutex);
+        poTask->m_bDeleting = true;
+    }
     setTaskOfThread(ulThreadID, nullptr);
-    if (removeTask(usTaskID, poTask) && CZolRunLog::isReady())
+    removeTask(poTask);
+    if (CZolRunLog::isReady())
     {
         zolFormatInfo("CZolTaskMgr::delTask", "taskmgr %u task %u has been deleted", m_ucTaskMgrID, usTaskID);
     }
 }
 
-/// Takes the task out of the table and deletes it, if it is this very task that has the id; false if not. Its timers
-/// are cancelled and its destructor runs with no lock held, since either may wait for a thread that adds or ends tasks.
-/// The id is not given out again before its timers are cancelled: they would reach the next task.
-bool CZolTaskMgr::removeTask(unsigned short usTaskID, CZolTask *poTask)
+/// Takes a task in TASK_EXIT, whose deletion the caller has claimed, out of the table and deletes it. Its timers are
+/// cancelled and its destructor runs with no lock held, since either may wait for a thread that adds or ends tasks. The
+/// timers come first: those that are left when the id is given out again would reach the next task.
+void CZolTaskMgr::removeTask(CZolTask *poTask)
 {
-    {
-        WriteGuard oGuard(m_oTaskLock);
-        if (m_oTaskTable.find(usTaskID) != poTask)
-        {
-            return false;
-        }
-        m_oTaskTable.unlink(usTaskID);
-    }
+    const unsigned short usTaskID = poTask->getTaskID();
     CZolTimer::instance()->cancelTimer(m_ucTaskMgrID, usTaskID);
     {
         WriteGuard oGuard(m_oTaskLock);
-        m_oTaskTable.release(usTaskID);
-    }
-    {
-        // whoever ended the task from outside may still stand in setTaskStatus()
-        ACE_Guard<ACE_Thread_Mutex> oGuard(poTask->m_oStatusMutex);
+        if (m_oTaskTable.find(usTaskID) == poTask)
+        {
+            m_oTaskTable.unlink(usTaskID);
+            m_oTaskTable.release(usTaskID);
+        }
     }
     delete poTask;
-    return true;
 }
 
 CZolTask *CZolTaskMgr::findTask(unsigned short usTaskID)
@@ -337,7 +354,7 @@ std::string CZolTaskMgr::dumpAllTask()
     ReadGuard oGuard(m_oTaskLock);
     for (unsigned short usIndex = 0; usIndex < m_oTaskTable.bucketCount(); ++usIndex)
     {
-        for (const CZolTaskTable::SNode *poNode = m_oTaskTable.bucket(usIndex); poNode != nullptr;
+        for (const SZolTaskNode *poNode = m_oTaskTable.bucket(usIndex); poNode != nullptr;
              poNode = poNode->m_poNextNode)
         {
             oText << "    taskid = " << poNode->m_usTaskID

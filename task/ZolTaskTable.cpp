@@ -4,18 +4,17 @@
 
 CZolTaskTable::CZolTaskTable()
 {
-    m_ppBuckets = new SNode *[m_usBucketCount]();
+    m_ppBuckets = new SZolTaskNode *[m_usBucketCount]();
 }
 
 CZolTaskTable::~CZolTaskTable()
 {
     for (unsigned short usIndex = 0; usIndex < m_usBucketCount; ++usIndex)
     {
-        while (SNode *poNode = m_ppBuckets[usIndex])
+        while (SZolTaskNode *poNode = m_ppBuckets[usIndex])
         {
             m_ppBuckets[usIndex] = poNode->m_poNextNode;
-            delete poNode->m_poTask;
-            delete poNode;
+            delete poNode->m_poTask; // and the node with it
         }
     }
     delete[] m_ppBuckets;
@@ -30,7 +29,7 @@ unsigned short CZolTaskTable::bucketOf(unsigned short usTaskID) const
 CZolTask *CZolTaskTable::find(unsigned short usTaskID) const
 {
     const auto &poPage = m_arrPages[usTaskID / PAGE_IDS];
-    const SNode *poNode = poPage ? poPage[usTaskID % PAGE_IDS] : nullptr;
+    const SZolTaskNode *poNode = poPage ? poPage[usTaskID % PAGE_IDS] : nullptr;
     return poNode != nullptr ? poNode->m_poTask : nullptr;
 }
 
@@ -39,14 +38,15 @@ bool CZolTaskTable::insert(CZolTask *poTask, unsigned short usTaskID)
     auto &poPage = m_arrPages[usTaskID / PAGE_IDS];
     if (!poPage)
     {
-        poPage.reset(new (std::nothrow) SNode *[PAGE_IDS]());
+        poPage.reset(new (std::nothrow) SZolTaskNode *[PAGE_IDS]());
     }
-    SNode **ppHead = &m_ppBuckets[bucketOf(usTaskID)];
-    SNode *poNode = poPage ? new (std::nothrow) SNode{poTask, usTaskID, *ppHead, nullptr} : nullptr;
-    if (poNode == nullptr)
+    if (!poPage)
     {
         return false;
     }
+    SZolTaskNode **ppHead = &m_ppBuckets[bucketOf(usTaskID)];
+    SZolTaskNode *poNode = &poTask->m_oNode;
+    *poNode = {poTask, usTaskID, *ppHead, nullptr};
     if (*ppHead != nullptr)
     {
         (*ppHead)->m_poPrevNode = poNode;
@@ -60,12 +60,12 @@ bool CZolTaskTable::insert(CZolTask *poTask, unsigned short usTaskID)
 CZolTask *CZolTaskTable::unlink(unsigned short usTaskID)
 {
     const auto &poPage = m_arrPages[usTaskID / PAGE_IDS];
-    SNode *poNode = poPage ? poPage[usTaskID % PAGE_IDS] : nullptr;
+    SZolTaskNode *poNode = poPage ? poPage[usTaskID % PAGE_IDS] : nullptr;
     if (poNode == nullptr)
     {
         return nullptr;
     }
-    SNode **ppLink =
+    SZolTaskNode **ppLink =
         poNode->m_poPrevNode != nullptr ? &poNode->m_poPrevNode->m_poNextNode : &m_ppBuckets[bucketOf(usTaskID)];
     *ppLink = poNode->m_poNextNode;
     if (poNode->m_poNextNode != nullptr)
@@ -73,9 +73,7 @@ CZolTask *CZolTaskTable::unlink(unsigned short usTaskID)
         poNode->m_poNextNode->m_poPrevNode = poNode->m_poPrevNode;
     }
     poPage[usTaskID % PAGE_IDS] = nullptr;
-    CZolTask *poTask = poNode->m_poTask;
-    delete poNode;
-    return poTask;
+    return poNode->m_poTask;
 }
 
 void CZolTaskTable::release(unsigned short usTaskID)

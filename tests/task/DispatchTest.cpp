@@ -253,6 +253,9 @@ TEST_F(DispatchTest, AddsStaticTasksUnderFreeIdsOnly)
             delete poTask; // still the caller's
         }
     }
+    EXPECT_EQ(ZOL_ERR_FAILED, poMgr->addAssistTask(poMgr->findTask(1), false)) << "added already";
+    EXPECT_EQ(TASK_IDLE, poMgr->findTask(1)->getTaskStatus());
+    EXPECT_EQ(TASK_STATIC, poMgr->findTask(1)->getTaskType());
     EXPECT_EQ(ZOL_ERR_FAILED, poMgr->addStaticTask(nullptr, 2));
     EXPECT_EQ(ZOL_ERR_FAILED, poMgr->addAssistTask(nullptr, true));
     EXPECT_TRUE(logged("CZolTaskMgr::addStaticTask invalid parameter, invalid task id\n"));

@@ -34,7 +34,7 @@ TEST(TaskTableTest, PutsNewNodesInFrontOfTheirChain)
     ASSERT_TRUE(oTable.insert(new CZolTask, 1));
     ASSERT_TRUE(oTable.insert(new CZolTask, usOther));
     ASSERT_EQ(64, oTable.bucketCount());
-    const CZolTaskTable::SNode *poNode = oTable.bucket(usChain);
+    const SZolTaskNode *poNode = oTable.bucket(usChain);
     ASSERT_NE(nullptr, poNode);
     EXPECT_EQ(usOther, poNode->m_usTaskID);
     ASSERT_NE(nullptr, poNode->m_poNextNode);
