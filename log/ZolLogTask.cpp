@@ -50,26 +50,6 @@ int sizeOfFile(const std::string &strFile)
     return stat(strFile.c_str(), &oStat) == 0 ? static_cast<int>(std::min<off_t>(oStat.st_size, INT_MAX)) : 0;
 }
 
-ACE_THR_FUNC_RETURN returnAtOnce(void *)
-{
-    return nullptr;
-}
-
-// The manager of all threads, made fit for threads that outlive main: ACE destroys at exit only a manager that nobody
-// has set, and to set the present one changes nothing else. And what all threads share is made by the first of them and
-// destroyed by main at exit, so the first one is one that main has waited for.
-ACE_Thread_Manager *keptThreadManager()
-{
-    ACE_Thread_Manager *poManager = ACE_Thread_Manager::instance();
-    ACE_Thread_Manager::instance(poManager);
-    ACE_thread_t ulFirst = 0;
-    if (poManager->spawn(returnAtOnce, nullptr, THR_NEW_LWP | THR_JOINABLE, &ulFirst) != -1)
-    {
-        poManager->join(ulFirst);
-    }
-    return poManager;
-}
-
 } // namespace
 
 int CZolLogTask::MAX_FILE_SIZE = 10485760;
@@ -86,7 +66,7 @@ CZolLogTask *CZolLogTask::instance()
 }
 
 CZolLogTask::CZolLogTask(int iMaxFileSize, int iFileNumber, bool bDisabled)
-    : ACE_Task_Base(keptThreadManager()), m_bDisabled(bDisabled), m_iMaxFileSize(iMaxFileSize),
+    : ACE_Task_Base(ACE_Thread_Manager::instance()), m_bDisabled(bDisabled), m_iMaxFileSize(iMaxFileSize),
       m_iMaxFileNumber(iFileNumber), m_iPeriod(FLUSH_PERIOD), m_iLogSeq(0), m_pFile(nullptr), m_bOverflow(false),
       m_strDiscardTime("2007-12-29 14:42:50.000"), m_iBufferLen(0), m_iFileSize(0)
 {
