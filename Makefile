@@ -2,7 +2,7 @@
 
 FILE ?=
 
-.PHONY: help deps deps-tests build demo demo-exchange test test-asan test-tsan bench lint format install clean
+.PHONY: help deps deps-tests build demo demo-exchange test test-asan test-tsan fuzz bench lint format install clean
 .DEFAULT_GOAL := help
 
 help:
@@ -14,6 +14,7 @@ help:
 	@echo "make test       all tests"
 	@echo "make test-asan  all tests under the address and undefined behaviour sanitizers"
 	@echo "make test-tsan  all tests under the thread sanitizer"
+	@echo "make fuzz       the gateway under random input, five minutes for each of three targets"
 	@echo "make bench      the benchmarks, as lines of group, metric, value and unit"
 	@echo "make lint       clang-format and clang-tidy"
 	@echo "make format     puts every source in the house format"
@@ -54,6 +55,9 @@ test-asan: deps-tests build/asan/build.ninja
 test-tsan: deps-tests build/tsan/build.ninja
 	@cmake --build --preset tsan
 	@ctest --preset tsan
+
+fuzz: build
+	@scripts/fuzz
 
 bench: build
 	@bench/run
