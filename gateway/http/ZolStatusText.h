@@ -9,7 +9,7 @@
 /// labels with few values: what one process does is in the JSON text, not here.
 std::string zolMetricsText(const SZolGatewaySnapshot &oSnapshot);
 
-/// The snapshot as one JSON object with all pipes, edges, subscriptions, events and settings. doc/gateway.md lists its
+/// The snapshot as one JSON object with all pipes, edges, subscriptions, events and settings. doc/monitoring.md lists its
 /// members.
 std::string zolStatusJson(const SZolGatewaySnapshot &oSnapshot);
 
