@@ -3,6 +3,7 @@
 
 #include "log/ZolThreadStart.h"
 #include "transport/ZolConnection.h"
+#include "transport/ZolWriterFirstLock.h"
 
 #include <ace/RW_Mutex.h>
 #include <ace/Task.h>
@@ -25,7 +26,7 @@ class CZolListener;
 ///            runs the reactor.
 /// Ownership: m_oHandleMap holds one reference of each connection in it.
 /// Locks:     m_oConnLock is held for look-ups and changes of the tables only. Nothing blocks under it: no connect, no
-///            sending, no queueing, no hello. So it does not matter whether readers or writers of it are preferred.
+///            sending, no queueing, no hello. Writers go first.
 class CZolConnMgr : public ACE_Task_Base
 {
 public:
@@ -107,7 +108,7 @@ public:
     void pipesChanged() { m_ulVersion.fetch_add(1, std::memory_order_release); }
 
     /// Guards both tables; public for CZolAcceptorHandler, which answers a registration and enters it in one hold.
-    ACE_RW_Mutex m_oConnLock;
+    CZolWriterFirstLock m_oConnLock;
 
     /// A pipe in one life of it.
     struct SPipeLife
