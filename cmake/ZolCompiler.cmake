@@ -5,7 +5,12 @@ if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
 endif()
 
-set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+if(ZOL_SANITIZE)
+    # enough for line numbers in reports; compiles in half of the time
+    set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1")
+else()
+    set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+endif()
 
 add_library(zol_options INTERFACE)
 target_compile_options(zol_options INTERFACE
