@@ -140,7 +140,7 @@ bool CReader::sendLine(const char *pcLine, size_t uiLength, std::uint32_t ulCmdI
                                         FIRST_COUNTER_PROCESS + usCounter, COUNTER_MGR, usTask) != ZOL_OK)
     {
         std::fprintf(stderr, "wordcount: message %llu could not be sent\n",
-                     static_cast<unsigned long long>(m_ulDealt + 1));
+                     static_cast<unsigned long long>(m_ulDealt) + 1);
         return false;
     }
     m_bInsideLine = ulCmdID == CMD_PIECE;

@@ -72,9 +72,12 @@ std::FILE *openInput(const char *pcFile, std::uint64_t &ulBytes)
         ulBytes = static_cast<std::uint64_t>(oStat.st_size);
         return pFile;
     }
-    std::fprintf(stderr, "wordcount: cannot read %s: %s\n", pcFile,
-                 pFile == nullptr ? std::strerror(errno)
-                                  : "not a file"); // NOLINT(concurrency-mt-unsafe): one thread yet
+    std::string strReason = "not a file";
+    if (pFile == nullptr)
+    {
+        zol::strError(errno, strReason);
+    }
+    std::fprintf(stderr, "wordcount: cannot read %s: %s\n", pcFile, strReason.c_str());
     if (pFile != nullptr)
     {
         std::fclose(pFile);
