@@ -25,7 +25,7 @@ constexpr std::uint32_t NO_CLASS = 0xFFFFFFFF;
 constexpr unsigned int FINE_CLASSES = 32;
 constexpr std::size_t FINE_STEP = 32;
 constexpr std::size_t FINE_LIMIT = FINE_CLASSES * FINE_STEP;
-constexpr unsigned int CLASSES = FINE_CLASSES + 20;
+constexpr unsigned int CLASSES = FINE_CLASSES + 44;
 constexpr std::size_t OVERHEAD = sizeof(SPrefix) + 8;
 
 static_assert(FINE_LIMIT << ((CLASSES - FINE_CLASSES) / 4) == CZolHeapCache::LARGEST, "four classes to a doubling");
@@ -88,7 +88,9 @@ struct SMagazine
 // How many blocks of a class fill a magazine.
 unsigned int roundsOf(unsigned int uiClass)
 {
-    return static_cast<unsigned int>(std::clamp<std::size_t>(16384 / chunkBytes(uiClass), 4, SMagazine::CAPACITY));
+    const std::size_t uiBytes = chunkBytes(uiClass);
+    const std::size_t uiLeast = uiBytes <= 32768 ? 4 : 1;
+    return static_cast<unsigned int>(std::clamp<std::size_t>(16384 / uiBytes, uiLeast, SMagazine::CAPACITY));
 }
 
 // A list of magazines, last in first out: the last one is the most likely to be in a cache of the processor.

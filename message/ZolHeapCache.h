@@ -13,9 +13,13 @@
 ///
 ///     consumer:  free -> its magazine, full -> depot of the class -> empty magazine of the producer -> alloc
 ///
-/// Memory:  a block carries a word in front that names its class. A magazine holds about 16 KiB of blocks (at least 4
-///          and at most 128 of them), a thread two magazines of each class that it uses, all depots together at most
-///          MAX_DEPOT_BYTES: the room of a full queue of messages, so that a second burst finds the blocks of the
+/// Large blocks are cached too: the heap gives them back to the system at once, and the pages of the next one would be
+/// handed out and cleared again, which takes longer than copying a message into them.
+///
+/// Memory:  a block carries a word in front that names its class. A magazine holds about 16 KiB of blocks (from 4 to
+/// 128
+///          of them, or one above 32 KiB), a thread two magazines of each class that it uses, all depots together at
+///          most MAX_DEPOT_BYTES: the room of a full queue of messages, so that a second burst finds the blocks of the
 ///          first. What does not fit goes back to the heap, and from there now and then to the system. A thread that
 ///          ends leaves what it holds to the depots. A request above LARGEST is passed straight on.
 /// Threads: any. A block may be freed by another thread than took it, also by one whose cache is gone already.
@@ -28,7 +32,7 @@ public:
 
     static std::size_t depotBytes(); ///< held by all depots at this moment
 
-    static constexpr std::size_t LARGEST = 32768;                     ///< bytes of the largest cached request, about
+    static constexpr std::size_t LARGEST = 2097152;                   ///< bytes of the largest cached request, about
     static constexpr std::size_t MAX_DEPOT_BYTES = 128 * 1024 * 1024; ///< of all depots together
 };
 
