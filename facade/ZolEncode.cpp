@@ -35,8 +35,9 @@ SZolBody rawBody(const char *pcData, std::uint32_t ulLength)
     return oBody;
 }
 
-/// Encodes poBody, whose length goes to the log with pcLengthFormat. False if the runtime threw: whatever it throws
-/// stops here, except for the unwinding of a cancelled thread, which must not be stopped.
+/// Encodes poBody, whose length goes to the log with pcLengthFormat, " ilength1 %d." or " ilength2 %d.". False if the
+/// runtime threw: whatever it throws stops here, except for the unwinding of a cancelled thread, which must not be
+/// stopped.
 bool asnBody(const SNACC::AsnType *poBody, const char *pcLengthFormat, SZolBody &oBody)
 {
     if (poBody == nullptr)
@@ -58,10 +59,12 @@ bool asnBody(const SNACC::AsnType *poBody, const char *pcLengthFormat, SZolBody 
     {
         return false;
     }
-    char acText[256];
-    // The two formats are the literals " ilength1 %d." and " ilength2 %d.".
-    std::snprintf(acText, sizeof acText, pcLengthFormat, static_cast<int>(oBody.m_ulLength));
-    CZolRunLog::error(acText);
+    if (CZolRunLog::isReady())
+    {
+        char acText[256];
+        std::snprintf(acText, sizeof acText, pcLengthFormat, static_cast<int>(oBody.m_ulLength));
+        CZolRunLog::error(acText);
+    }
     return true;
 }
 
