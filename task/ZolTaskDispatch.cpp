@@ -293,7 +293,10 @@ int CZolTaskMgr::unknownTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned l
                        "acquire task id failed when process message, src: %u,%u,%u,%u, dst:%u,%u, cmd:%u",
                        poMsg->m_usSrcProcID, poMsg->m_usSrcProcHandle, poMsg->m_ucSrcModule, poMsg->m_usSrcSubModuleId,
                        poMsg->m_ucDestModule, poMsg->m_usDestSubModuleId, poMsg->m_ulCmdID);
-        delete poNew;
+        if (poNew->getTaskID() == 0) // else createTask() gave a task that lives already
+        {
+            delete poNew;
+        }
         return DISPATCH_NONE;
     }
     poTask = poNew;
