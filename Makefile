@@ -2,7 +2,7 @@
 
 FILE ?=
 
-.PHONY: help deps deps-tests build demo demo-exchange test test-asan test-tsan fuzz bench lint format install clean
+.PHONY: help deps deps-tests build demo demo-exchange demo-gateway test test-asan test-tsan fuzz bench lint format install clean
 .DEFAULT_GOAL := help
 
 help:
@@ -11,6 +11,7 @@ help:
 	@echo "                (FILE=path counts the words of that file)"
 	@echo "make demo-exchange  a small market of five processes, whose gateway is killed on the way"
 	@echo "                (FILE=path trades the orders of that file)"
+	@echo "make demo-gateway   fifty processes under load, some killed, some stopped, and what became of every message"
 	@echo "make test       all tests"
 	@echo "make test-asan  all tests under the address and undefined behaviour sanitizers"
 	@echo "make test-tsan  all tests under the thread sanitizer"
@@ -44,6 +45,9 @@ demo: deps build/build.ninja
 demo-exchange: deps build/build.ninja
 	@cmake --build --preset release --target vek exchange
 	@examples/exchange/demo $(if $(FILE),"$(FILE)")
+
+demo-gateway: build
+	@examples/gateway/demo
 
 test: deps-tests build
 	@ctest --preset release

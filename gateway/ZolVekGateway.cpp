@@ -440,19 +440,19 @@ void CZolVekGateway::close(CZolVekSession &oSession)
     std::uint64_t ulHeldBack = 0;
     if (bUp)
     {
+        const std::uint64_t ulWaiting = oSession.m_oOutbox.frames();
+        m_oStatistics.m_ulDropQueued += ulWaiting;
         CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::close",
-                         "%s is down: %s; %" PRIu64 " bytes were waiting for it", oSession.name().c_str(),
-                         oSession.m_strDoom.c_str(), oSession.m_oOutbox.bytes());
+                         "%s is down: %s; messages in %" PRIu64 " out %" PRIu64 " of which waiting %" PRIu64,
+                         oSession.name().c_str(), oSession.m_strDoom.c_str(),
+                         oSession.m_ulFramesIn - oSession.m_ulOwnIn, oSession.m_ulFramesOut - oSession.m_ulOwnOut,
+                         ulWaiting);
     }
     else if (m_oStrangerLines.pass(oSession.m_uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
     {
         CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::close",
                          "%s closed: %s; and %" PRIu64 " more from that address since the last line",
                          oSession.name().c_str(), oSession.m_strDoom.c_str(), ulHeldBack);
-    }
-    if (!oSession.m_oOutbox.isEmpty() && bUp)
-    {
-        m_oStatistics.m_ulDropQueued += oSession.m_oOutbox.bytes();
     }
     if (bUp)
     {

@@ -367,6 +367,31 @@ void CZolVekOutbox::trim()
     }
 }
 
+std::uint64_t CZolVekOutbox::frames() const
+{
+    std::uint64_t ulFrames = 0;
+    for (std::size_t ulAt = m_uiHead; ulAt < m_oItems.size(); ++ulAt)
+    {
+        const SItem &oItem = m_oItems[ulAt];
+        if (oItem.m_eKind == KIND_RECORD)
+        {
+            ++ulFrames;
+        }
+        if (oItem.m_eKind == KIND_RECORD || oItem.m_bHello)
+        {
+            continue;
+        }
+        const char *const pcBytes = bytesOf(oItem);
+        const std::uint32_t uiDone = ulAt == m_uiHead ? m_uiHeadDone : 0;
+        for (std::uint32_t uiFrame = 0; uiFrame < oItem.m_uiLength;)
+        {
+            uiFrame += frameLength(pcBytes + uiFrame);
+            ulFrames += uiFrame > uiDone ? 1 : 0;
+        }
+    }
+    return ulFrames;
+}
+
 void CZolVekOutbox::shrink()
 {
     if (isEmpty())

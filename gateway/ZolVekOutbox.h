@@ -81,6 +81,9 @@ public:
     /// Bytes waiting, and what the list of them takes: what the bound of a pipe is held against.
     std::uint64_t bytes() const { return m_ulBytes; }
 
+    /// Frames of which not every byte has left, without hellos. Walks over all of them.
+    std::uint64_t frames() const;
+
     /// Hellos among the waiting frames.
     unsigned int hellos() const { return m_uiHellos; }
 

@@ -658,6 +658,7 @@ void CZolVekRouter::tick()
 
 EnumZolVekVerdict CZolVekRouter::answerHello(CZolVekSession &oFrom)
 {
+    ++oFrom.m_ulOwnIn;
     if (oFrom.m_oOutbox.hellos() >= MAX_WAITING_HELLOS)
     {
         oFrom.m_oOutbox.flush(oFrom.m_iSocket, oFrom.m_ulBytesOut);
@@ -669,6 +670,7 @@ EnumZolVekVerdict CZolVekRouter::answerHello(CZolVekSession &oFrom)
     char acHello[VEK_HEADER_BYTES];
     oFrom.fillHello(acHello);
     oFrom.m_oOutbox.addHello(acHello);
+    ++oFrom.m_ulOwnOut;
     queued(nullptr, oFrom, sizeof acHello);
     return VEK_TAKEN;
 }
@@ -693,6 +695,8 @@ EnumZolVekVerdict CZolVekRouter::answer(CZolVekSession &oFrom, const CZolVekFram
     zolVekWrite32(acAnswer + VEK_AT_DATA_LENGTH, uiLength);
     std::memcpy(acAnswer + VEK_HEADER_BYTES, pcPayload, uiLength);
     oFrom.m_oOutbox.addCopy(acAnswer, VEK_HEADER_BYTES + uiLength);
+    ++oFrom.m_ulOwnIn;
+    ++oFrom.m_ulOwnOut;
     queued(nullptr, oFrom, VEK_HEADER_BYTES + uiLength);
     return VEK_TAKEN;
 }

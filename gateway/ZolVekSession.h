@@ -128,6 +128,8 @@ public:
     std::uint64_t m_ulFramesIn = 0;
     std::uint64_t m_ulBytesIn = 0;
     std::uint64_t m_ulFramesOut = 0;     ///< queued for it
+    std::uint64_t m_ulOwnIn = 0;         ///< of the frames in: hellos and questions, which go to nobody else
+    std::uint64_t m_ulOwnOut = 0;        ///< of the frames out: echoes and answers
     std::uint64_t m_ulFramesDropped = 0; ///< meant for it, and dropped because its queue was full
     std::uint64_t m_ulBytesOut = 0;
 
