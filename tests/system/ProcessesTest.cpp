@@ -24,11 +24,15 @@ const unsigned short PEER = 5;
 class ProcessesTest : public testing::Test
 {
 protected:
-    /// Starts the gateway on m_usVekPort, which from then on stands in zol.cfg. A test that kills it starts it again.
-    void startVek()
+    ProcessesTest()
     {
         m_oInstallation.writeConfig("VEKAddress = 127.0.0.1\nVEKPort = " + std::to_string(m_usVekPort) +
                                     "\nZOLQueueSize = 26214400\n");
+    }
+
+    /// Starts the gateway where zol.cfg expects it. A test that kills it starts it again.
+    void startVek()
+    {
         m_poVek = std::make_unique<CChildProcess>(
             std::vector<std::string>{ZOL_VEK, "--listen", "127.0.0.1:" + std::to_string(m_usVekPort)});
         ASSERT_TRUE(m_poVek->waitForOutput("vek listening on 127.0.0.1:" + std::to_string(m_usVekPort) + "\n"))
@@ -165,6 +169,32 @@ TEST_F(ProcessesTest, AnswerDirectRequestsOfOtherProcesses)
                 EXPECT_TRUE(strBody == bodyOf(*poResponse)) << uiSize;
                 delete poResponse;
             }
+        });
+}
+
+// Before handleEvents the main thread may call other processes; it runs the reactor itself meanwhile.
+TEST_F(ProcessesTest, CallEachOtherAtTheInitialStage)
+{
+    startVek();
+    const auto oPeer = startRunningPeer({"5", "none"});
+    startSelf();
+    expectEchoes();
+    runApplication([] { expectEchoes(); });
+}
+
+TEST_F(ProcessesTest, FindAGatewayThatStartsAfterThem)
+{
+    const auto oPeer = startRunningPeer({"5", "none"});
+    startSelf();
+    runApplication(
+        [this]
+        {
+            int iResult = ZOL_OK;
+            call(peer::CMD_ECHO, "early", &iResult);
+            EXPECT_EQ(ZOL_ERR_INTERRUPTED, iResult);
+            startVek();
+            EXPECT_TRUE(waitUntil([] { return call(peer::CMD_ECHO, "late", nullptr, 1) == "late"; }, 60s))
+                << "the poll of both opens the pipes";
         });
 }
 
