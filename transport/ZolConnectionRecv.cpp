@@ -49,11 +49,14 @@ int CZolConnection::recvInLife(void *pvBuf, unsigned int uiLen, unsigned int uiL
 int CZolConnection::receive()
 {
     m_oRecvLock.acquire();
+    // The life first: a pipe that turns over between the two lines then fails the read, instead of adding the bytes of
+    // its new life to what is left of the old one.
+    const unsigned int uiLife = getLife();
     if (m_bResetDue.exchange(false))
     {
         reset();
     }
-    const int iResult = readAndCut(getLife());
+    const int iResult = readAndCut(uiLife);
     m_oRecvLock.release();
     resetIfDue();
     if (iResult < 0 && CZolRunLog::isReady())
@@ -69,8 +72,14 @@ int CZolConnection::readAndCut(unsigned int uiLife)
 {
     if (!m_bNonBlock)
     {
-        m_bNonBlock = true;
+        // with the lock, since a descriptor that is closed meanwhile may come back as somebody else's
+        ACE_READ_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oPipeLock, -1);
+        if (getLife() != uiLife || !getPipeStatus())
+        {
+            return -1;
+        }
         zolsocket::prepare(getHandle());
+        m_bNonBlock = true;
     }
     for (;;)
     {
@@ -312,10 +321,12 @@ int CZolConnection::deliverMsg(CZolMsgPdu *poPdu)
 }
 
 // The command of a direct request carries an address of this process. From a pipe it can only be an attempt to have
-// the built-in task follow an address of the sender's choice.
+// the built-in task follow an address of the sender's choice. With a task id it is the answer to a call of a plain
+// thread, whose application may use that number for a command of its own.
 bool CZolConnection::isForgedRequest(const CZolMsgPdu &oPdu)
 {
-    return oPdu.m_ucDestModule == zolpipe::BUILT_IN_MODULE && oPdu.m_ulCmdID == MSG_DIRECT_REQUEST_CMDID;
+    return oPdu.m_ucDestModule == zolpipe::BUILT_IN_MODULE && oPdu.m_usDestSubModuleId == 0 &&
+           oPdu.m_ulCmdID == MSG_DIRECT_REQUEST_CMDID;
 }
 
 // Leaves the lines of any other command that the built-in manager makes no task for.
