@@ -11,6 +11,7 @@
 
 #include <ace/Guard_T.h>
 #include <ace/Reactor.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -72,7 +73,6 @@ bool readWithin(CZolConnection *poConn, void *pvTo, std::size_t uiLength)
 
 SZolP2PRequest::~SZolP2PRequest()
 {
-    m_poConn->disconnect();
     m_poConn->release();
     delete m_poPdu;
 }
@@ -230,8 +230,9 @@ void CZolAcceptorHandler::readFirstMessage(CZolConnection *poConn)
 void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
 {
     CZolAppMgr *poAppMgr = CZolAppMgr::instance();
-    oConn->addRef(); // the request's
+    oConn->addRef(); // the request's, and the only one from here on: the end of the request closes the connection
     auto *poP2P = new SZolP2PRequest(oConn.get(), poRequest);
+    oConn = CZolConnRef();
     CZolMsgPdu *poMsg = new (zolpipe::HEADER_LENGTH + sizeof poP2P) CZolMsgPdu;
     if (poMsg == nullptr)
     {
@@ -317,13 +318,23 @@ int CZolAcceptorHandler::sendRegisterResponse(ACE_SOCK_Stream &oStream, CZolMsgP
 
 void CZolAcceptorHandler::sendP2PResponse(ACE_SOCK_Stream &oStream, CZolMsgPdu *poResponse)
 {
-    const std::size_t uiLength = std::size_t(poResponse->m_ulDataLength) + zolpipe::HEADER_LENGTH;
-    std::size_t uiSent = 0;
+    const char *pcData = reinterpret_cast<const char *>(poResponse);
+    std::size_t uiLeft = std::size_t(poResponse->m_ulDataLength) + zolpipe::HEADER_LENGTH;
     htonPdu(poResponse);
     ACE_GUARD(ACE_Thread_Mutex, oGuard, m_oLock);
     const auto oDeadline = zolsocket::in(std::chrono::seconds(zolpipe::SEND_SECONDS));
-    if (zolsocket::sendAll(oStream.get_handle(), poResponse, uiLength, oDeadline, uiSent) != 0)
+    do
     {
-        CZolDebugInfo("CZolAcceptorHandler::sendP2PResponse").error("send response msg failed.");
-    }
+        // In slices: a peer that does not read must not hold up a process that has been told to end.
+        std::size_t uiSent = 0;
+        const auto oSlice = std::min(oDeadline, zolsocket::in(std::chrono::milliseconds(100)));
+        if (zolsocket::sendAll(oStream.get_handle(), pcData, uiLeft, oSlice, uiSent) == 0)
+        {
+            return;
+        }
+        pcData += uiSent;
+        uiLeft -= uiSent;
+    } while (errno == ETIME && zolsocket::Clock::now() < oDeadline &&
+             CZolAppMgr::instance()->getStatus() != APPMGR_EXIT);
+    CZolDebugInfo("CZolAcceptorHandler::sendP2PResponse").error("send response msg failed.");
 }

@@ -43,7 +43,8 @@ public:
     /// Opens the port on all interfaces and registers with the reactor: 0 or -1. One port per process.
     int bindPort(unsigned short usPort);
 
-    /// Sends the response of a direct request, within 200 s. The PDU, turned to wire order, stays the caller's.
+    /// Sends the response of a direct request, within 200 s or until the process is told to end. The PDU, turned to
+    /// wire order, stays the caller's.
     void sendP2PResponse(ACE_SOCK_Stream &oStream, CZolMsgPdu *poResponse);
 
 private:
