@@ -2,6 +2,7 @@
 
 #include "ZolAppMgr.h"
 #include "ZolRunLog.h"
+#include "message/ZolCounters.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolText.h"
 
@@ -52,6 +53,13 @@ int CZolSendMsgTask::sendMsg(CZolMemBlock *poBlock, bool bWait)
         ++m_uiWaitingSenders;
         m_oNotFull.wait(&oUntil);
         --m_uiWaitingSenders;
+    }
+    if (!bWait && m_ulMsgBytes / 2 >= g_ulQueueSize.load(std::memory_order_relaxed))
+    {
+        // Only a peer that sends hellos and reads no answers gets here.
+        zolCount(zolCounters().m_ulSendFailed);
+        CZolMemBlock::freeMem(poBlock);
+        return -1;
     }
     m_oMsgList.insert(poBlock);
     m_ulMsgBytes += ulBytes;

@@ -26,7 +26,8 @@ public:
     int svc() override;                       ///< never returns
 
     /// Takes the block over: 0, or -1 for null. Waits while the list is full, as long as the process is not at its
-    /// exit stage. bWait false appends at once: for the thread that runs the reactor, which must not wait for a peer.
+    /// exit stage. bWait false is for the hellos of the thread that runs the reactor, which must not wait for a peer:
+    /// appended at once, or dropped with -1 if the list holds twice its limit.
     int sendMsg(CZolMemBlock *poBlock, bool bWait = true);
 
     std::string dumpMsgList();
