@@ -92,8 +92,8 @@ public:
     int registerSubscribe(unsigned int uiCmd);
     int cancelSubscribe(unsigned int uiCmd);
 
-    /// Runs eventLoop() while staying open for messages: one that arrives ends it and waits in the task's list. Only
-    /// for the thread that runs this task.
+    /// Runs eventLoop() while staying open for messages: one that arrives ends it and waits in the task's list; the end
+    /// of the process ends it too. Only for the thread that runs this task.
     int recvNonZolMsg();
 
     /// The oldest waiting message, which is the caller's, or null.

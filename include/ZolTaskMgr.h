@@ -203,6 +203,7 @@ private:
     bool isRunByThread(const CZolTask *poTask) const;
     void addTaskToSynWaitList(CZolTask *poTask);
     void removeTaskFromSynWaitList(CZolTask *poTask);
+    void endEventLoops();
 
     const unsigned char m_ucTaskMgrID; // also the group of the threads
     const int m_iThreadNum;

@@ -284,6 +284,7 @@ void CZolAppMgr::stopTaskMgrs(const std::vector<CZolTaskMgr *> &oTaskMgrs)
         poExitMsg->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
         poExitMsg->m_ucDestModule = poTaskMgr->getTaskMgrID();
         poTaskMgr->enqueueMsg(zolBlockOf(poExitMsg), true);
+        poTaskMgr->endEventLoops();
     }
     for (CZolTaskMgr *poTaskMgr : oTaskMgrs)
     {

@@ -254,6 +254,10 @@ int CZolTask::recvNonZolMsg()
                 m_eAfter = TASK_EXIT;
             }
             m_oTask.m_eTaskStatus.store(TASK_NONZOLWAIT, std::memory_order_release);
+            if (CZolAppMgr::instance()->getStatus() == APPMGR_EXIT)
+            {
+                m_oTask.endEventLoop(); // CZolTaskMgr::endEventLoops() may have passed already
+            }
         }
         ~CLeave()
         {

@@ -341,6 +341,25 @@ void CZolTaskMgr::removeTask(CZolTask *poTask)
     delete poTask;
 }
 
+/// For the end of the process: a task that serves events of its own gets no message any more that would call it back.
+void CZolTaskMgr::endEventLoops()
+{
+    ReadGuard oGuard(m_oTaskLock);
+    for (unsigned short usIndex = 0; usIndex < m_oTaskTable.bucketCount(); ++usIndex)
+    {
+        for (const SZolTaskNode *poNode = m_oTaskTable.bucket(usIndex); poNode != nullptr;
+             poNode = poNode->m_poNextNode)
+        {
+            CZolTask &oTask = *poNode->m_poTask;
+            ACE_Guard<ACE_Thread_Mutex> oStatusGuard(oTask.m_oStatusMutex);
+            if (oTask.getTaskStatus() == TASK_NONZOLWAIT)
+            {
+                oTask.endEventLoop();
+            }
+        }
+    }
+}
+
 CZolTask *CZolTaskMgr::findTask(unsigned short usTaskID)
 {
     ReadGuard oGuard(m_oTaskLock);

@@ -490,3 +490,14 @@ TEST_F(OwnEventsTest, LeavesTheLoopWhenTheTaskIsEnded)
     poTask->exitTask();
     EXPECT_TRUE(waitUntil([&] { return iAlive == 0; }));
 }
+
+// The same for the end of the process, which waits for every handler.
+TEST_F(OwnEventsTest, LeavesTheLoopWhenTheProcessEnds)
+{
+    CScriptedTask *poTask = addWaiter();
+    start();
+    sendLocal(makeRequest(CALLER, 1, 0));
+    ASSERT_TRUE(waitUntil([&] { return poTask->getTaskStatus() == TASK_NONZOLWAIT; }));
+    stop();
+    EXPECT_EQ("result 0", m_oTrace.events().at(1));
+}
