@@ -145,7 +145,7 @@ ZOL_EXPORT int sendReqMsg(std::uint32_t ulCmdID, const char *pcData, std::uint32
                           std::uint8_t ucDestTaskMgrID, std::uint16_t usDestTaskID);
 
 /// Sends a request and waits up to iTimeout seconds for its response, which is the caller's. Codes of
-/// CZolAppMgr::sendSynMsg; poResponse is null unless the result is 0.
+/// CZolAppMgr::sendSynMsg, which also tells what becomes of poResponse; as it was if the body cannot be encoded.
 ZOL_EXPORT int sendSyncReq(std::uint32_t ulCmdID, const SNACC::AsnType *poBody, int iTimeout, CZolMsgPdu *&poResponse,
                            std::uint16_t usDestProcID, std::uint8_t ucDestTaskMgrID, std::uint16_t usDestTaskID);
 ZOL_EXPORT int sendSyncReq(std::uint32_t ulCmdID, const char *pcData, std::uint32_t ulLength, int iTimeout,
