@@ -423,7 +423,7 @@ TEST_F(ConnMgrTest, ForgetsAPipeWhileManyThreadsAsk)
                         }
                     });
             }
-            for (int i = 0; i < 20; ++i)
+            for (int i = 0; i < 5; ++i)
             {
                 CRawPipe oPeer = peer();
                 EXPECT_TRUE(waitConnected(9, 1));
