@@ -57,7 +57,7 @@ void CCollector::showProgress() const
 
 void CCollector::finish()
 {
-    const std::chrono::duration<double> oTaken = std::chrono::steady_clock::now() - m_oRun.m_oStart;
+    const std::chrono::duration<double> oTaken = std::chrono::steady_clock::now() - m_oRun.m_oStart.load();
     showProgress();
     printResult(std::max(oTaken.count(), 1e-6));
     const std::uint64_t ulSent = m_oRun.m_ulSent;

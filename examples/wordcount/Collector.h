@@ -15,10 +15,10 @@ namespace wordcount
 /// How the run stands: written by the reader's task, read by the collector's, which runs on another thread.
 struct SZolRun
 {
-    std::uint64_t m_ulFileBytes = 0;                // fixed before the threads run
-    std::chrono::steady_clock::time_point m_oStart; // set before the first line is sent
-    std::atomic<std::uint64_t> m_ulBytes{0};        // read from the file
-    std::atomic<std::uint64_t> m_ulSent{0};         // messages sent
+    std::uint64_t m_ulFileBytes = 0;                               // fixed before the threads run
+    std::atomic<std::chrono::steady_clock::time_point> m_oStart{}; // set before the first line is sent
+    std::atomic<std::uint64_t> m_ulBytes{0};                       // read from the file
+    std::atomic<std::uint64_t> m_ulSent{0};                        // messages sent
     std::atomic<bool> m_bAllSent{false};
     std::atomic<bool> m_bFailed{false}; // the reader gave up
     std::atomic<bool> m_bDone{false};   // the result is written and no message is missing
