@@ -4,7 +4,7 @@
 #include "ZolRunLog.h"
 #include "ZolTask.h"
 #include "ZolTaskMgr.h"
-#include "facade/ZolBerNesting.h"
+#include "facade/ZolBerInput.h"
 
 #include <algorithm>
 #include <asn-incl.h>
@@ -219,15 +219,10 @@ CZolMsgPdu *encodeResp(const CZolMsgPdu &oRequest, const char *pcData, std::uint
 int decodeAsn(const CZolMsgPdu &oMsg, SNACC::AsnType &oBody)
 {
     const char *const pcBody = reinterpret_cast<const char *>(&oMsg) + headerBytes(oMsg);
-    if (!zolIsBerNestingSafe(pcBody, oMsg.m_ulDataLength))
-    {
-        CZolRunLog::error("zol::decodeAsn failed to decode Asn.1 data.");
-        return ZOL_ERR_DECODE;
-    }
     try
     {
-        // The two-argument constructor: the one with a pointer alone takes it for the name of a file.
-        const SNACC::AsnBuf oBuffer(pcBody, oMsg.m_ulDataLength);
+        CZolBerInput oInput(pcBody, oMsg.m_ulDataLength);
+        const SNACC::AsnBuf oBuffer(&oInput);
         SNACC::AsnLen ulDecoded = 0;
         oBody.BDec(oBuffer, ulDecoded);
     }

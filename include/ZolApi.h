@@ -127,8 +127,9 @@ ZOL_EXPORT CZolMsgPdu *encodeReq(std::uint32_t ulCmdID, const char *pcData, std:
 ZOL_EXPORT CZolMsgPdu *encodeResp(const CZolMsgPdu &oRequest, const SNACC::AsnType *poBody);
 ZOL_EXPORT CZolMsgPdu *encodeResp(const CZolMsgPdu &oRequest, const char *pcData, std::uint32_t ulLength);
 
-/// Decodes the payload into oBody; ZOL_ERR_DECODE leaves oBody half filled. Bytes behind the value are no error. A
-/// value of more than 1000 levels is refused: decoders call themselves for each, and a peer could run the stack over.
+/// Decodes the payload into oBody; ZOL_ERR_DECODE leaves oBody half filled. Bytes behind the value are no error. Takes
+/// at most half a megabyte of the stack, which is enough for a thousand levels of values in values; what is nested
+/// deeper is refused.
 ZOL_EXPORT int decodeAsn(const CZolMsgPdu &oMsg, SNACC::AsnType &oBody);
 
 /// A copy of header and payload, or null.
