@@ -17,7 +17,7 @@ TEST(HeapCacheTest, EverySizeHasItsOwnRoom)
     std::vector<std::pair<unsigned char *, size_t>> oBlocks;
     for (int iRound = 0; iRound < 2; ++iRound) // the second round is served from the caches
     {
-        for (size_t uiSize = 1; uiSize < CZolHeapCache::LARGEST + 64; uiSize += uiSize < 1200 ? 1 : 509)
+        for (size_t uiSize = 1; uiSize < CZolHeapCache::LARGEST + 64; uiSize += uiSize < 1200 ? 1 : uiSize / 60)
         {
             auto *const pcBlock = static_cast<unsigned char *>(CZolHeapCache::allocMem(uiSize));
             ASSERT_NE(nullptr, pcBlock);
