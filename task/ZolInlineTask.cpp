@@ -10,6 +10,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -246,11 +247,12 @@ int CZolInlineTask::sendResults(const CZolMsgPdu &oRequest, std::initializer_lis
 /// is still under way is followed.
 void CZolInlineTask::serveDirectRequest(const CZolMsgPdu &oPdu)
 {
-    SZolP2PRequest *poRequest = nullptr;
-    if (oPdu.m_ulDataLength == sizeof poRequest)
+    std::uintptr_t ulAddress = 0;
+    if (oPdu.m_ulDataLength == sizeof ulAddress)
     {
-        memcpy(&poRequest, payloadOf(oPdu), sizeof poRequest);
+        memcpy(&ulAddress, payloadOf(oPdu), sizeof ulAddress);
     }
+    auto *poRequest = reinterpret_cast<SZolP2PRequest *>(ulAddress);
     if (poRequest == nullptr || !takeP2PRequest(poRequest))
     {
         CZolDebugInfo("CZolInlineTask::reqMsgProcess").debug(unknownCommand(oPdu.m_ulCmdID).c_str());

@@ -236,6 +236,7 @@ int CZolTaskMgr::startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ul
 {
     const CZolMsgPdu &oMsg = *oHolder;
     int iDispatch = DISPATCH_NONE;
+    CZolMsgPdu *poKept = nullptr; // the task's, or, for DISPATCH_FIRST, the caller's
     switch (oMsg.m_ucMsgType)
     {
     case CZolMsgPdu::MSG_REQUEST:
@@ -243,11 +244,11 @@ int CZolTaskMgr::startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ul
     case CZolMsgPdu::MSG_TIMER:
         // the list only grows under m_oStatusMutex: when it is empty, this message is the next one and needs no list
         iDispatch = oTask.m_uiBuffered.load(std::memory_order_relaxed) == 0 ? DISPATCH_FIRST : DISPATCH_RUN;
+        poKept = oHolder.release();
         if (iDispatch == DISPATCH_RUN)
         {
-            oTask.buffer(oHolder.get());
+            oTask.buffer(poKept);
         }
-        oHolder.release();
         oTask.m_eTaskStatus.store(TASK_EXEC, std::memory_order_release);
         setTaskOfThread(ulThreadID, &oTask);
         if (CZolRunLog::isReady())
