@@ -1,7 +1,9 @@
 #include "timer/ZolTimerQueue.h"
 
+#include <ace/Condition_Attributes.h>
 #include <ace/Functor.h>
 #include <ace/Guard_T.h>
+#include <ace/Monotonic_Time_Policy.h>
 
 #include <algorithm>
 #include <ctime>
@@ -39,25 +41,42 @@ CZolTimerQueue::Micros CZolTimerQueue::toMicros(const ACE_Time_Value &oTime)
     return oTime.sec() <= -FAR_AWAY / MICROS ? -FAR_AWAY : oTime.sec() * MICROS + oTime.usec();
 }
 
-long CZolTimerQueue::scheduleIn(ACE_Event_Handler *poHandler, const void *pvArg, const ACE_Time_Value &oDelay,
-                                const ACE_Time_Value &oInterval, bool &bWake)
+ACE_Time_Value CZolTimerQueue::toTime(Micros llTime)
 {
-    return arm(poHandler, pvArg, now() + toMicros(oDelay), toMicros(oInterval), bWake);
+    return ACE_Time_Value(llTime / MICROS, static_cast<suseconds_t>(llTime % MICROS));
 }
 
-/// Whoever goes this way wakes the reactor, or lets it find the timer at its next turn.
+CZolTimerQueue::CZolTimerQueue() : m_oEarlier(m_oLock, ACE_Condition_Attributes_T<ACE_Monotonic_Time_Policy>()) {}
+
+// ---- Setting and cancelling
+
+long CZolTimerQueue::scheduleIn(ACE_Event_Handler *poHandler, const void *pvArg, const ACE_Time_Value &oDelay,
+                                const ACE_Time_Value &oInterval)
+{
+    return arm(poHandler, pvArg, now() + toMicros(oDelay), toMicros(oInterval));
+}
+
 long CZolTimerQueue::schedule(ACE_Event_Handler *const &poHandler, const void *pvArg, const ACE_Time_Value &oExpiry,
                               const ACE_Time_Value &oInterval)
 {
-    bool bWake = false;
-    return arm(poHandler, pvArg, toMicros(oExpiry), toMicros(oInterval), bWake);
+    return arm(poHandler, pvArg, toMicros(oExpiry), toMicros(oInterval));
 }
 
-long CZolTimerQueue::arm(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval,
-                         bool &bWake)
+long CZolTimerQueue::arm(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval)
+{
+    bool bWake = false;
+    const long lTimerId = armLocked(poHandler, pvArg, llExpiry, llInterval, bWake);
+    if (bWake)
+    {
+        m_oEarlier.signal(); // after the release, so that the thread that wakes does not run into the lock
+    }
+    return lTimerId;
+}
+
+long CZolTimerQueue::armLocked(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval,
+                               bool &bWake)
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    bWake = false;
     if (m_arrFree.empty() && !makeSlots())
     {
         return -1;
@@ -75,6 +94,7 @@ long CZolTimerQueue::arm(ACE_Event_Handler *poHandler, const void *pvArg, Micros
     if (llExpiry < m_llSleepsUntil)
     {
         m_llSleepsUntil = llExpiry; // one wake-up serves all that come later than this one
+        ++m_uiWakeUps;
         bWake = true;
     }
     return idOf(uiSlot);
@@ -255,11 +275,65 @@ int CZolTimerQueue::cancel(ACE_Event_Handler *const &poHandler, int iDontCallHan
     return iCancelled;
 }
 
+// ---- Waiting and firing
+
+/// Until the first expiry, llLimit, or a call of wake(). A timer that is set meanwhile and comes before them moves
+/// m_llSleepsUntil, and the wait starts anew.
+void CZolTimerQueue::waitUntilDue(Micros llLimit)
+{
+    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    while (!m_bWoken)
+    {
+        m_llSleepsUntil = m_arrHeap.empty() ? llLimit : std::min(llLimit, m_arrHeap.front().m_llExpiry);
+        if (m_llSleepsUntil <= now())
+        {
+            break;
+        }
+        if (m_llSleepsUntil >= FAR_AWAY)
+        {
+            m_oEarlier.wait();
+        }
+        else
+        {
+            const ACE_Time_Value oDeadline = toTime(m_llSleepsUntil);
+            m_oEarlier.wait(&oDeadline);
+        }
+    }
+    m_bWoken = false;
+    m_llSleepsUntil = AWAKE;
+}
+
+int CZolTimerQueue::waitAndExpire(const ACE_Time_Value *poMax)
+{
+    waitUntilDue(poMax != nullptr ? now() + toMicros(*poMax) : INT64_MAX);
+    return fireDue(now(), nullptr);
+}
+
+void CZolTimerQueue::wake()
+{
+    {
+        const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+        m_bWoken = true;
+    }
+    m_oEarlier.signal();
+}
+
+bool CZolTimerQueue::isWaiting() const
+{
+    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    return m_llSleepsUntil != AWAKE;
+}
+
+unsigned int CZolTimerQueue::wakeUps() const
+{
+    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    return m_uiWakeUps;
+}
+
 /// Takes the first timer that is due: one with an interval is armed anew at once, one without is gone.
 bool CZolTimerQueue::takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const void *&pvArg)
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    m_llSleepsUntil = AWAKE;
     if (m_arrHeap.empty() || m_arrHeap.front().m_llExpiry > llNow)
     {
         return false;
@@ -285,13 +359,13 @@ bool CZolTimerQueue::takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const 
     return true;
 }
 
-/// Only what is due at the start, so that timers with short intervals cannot keep the reactor from its other work.
+/// Only what is due at the start, so that timers with short intervals cannot keep this from returning.
 int CZolTimerQueue::fireDue(Micros llNow, ACE_Command_Base *poPreDispatch)
 {
     int iFired = 0;
     ACE_Event_Handler *poHandler = nullptr;
     const void *pvArg = nullptr;
-    const ACE_Time_Value oNow(llNow / MICROS, static_cast<suseconds_t>(llNow % MICROS));
+    const ACE_Time_Value oNow = toTime(llNow);
     while (takeDue(llNow, poHandler, pvArg))
     {
         if (iFired++ == 0 && poPreDispatch != nullptr)
@@ -323,6 +397,8 @@ int CZolTimerQueue::expire()
     return fireDue(now(), nullptr);
 }
 
+// ---- What else a reactor may ask
+
 bool CZolTimerQueue::is_empty() const
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
@@ -332,39 +408,28 @@ bool CZolTimerQueue::is_empty() const
 const ACE_Time_Value &CZolTimerQueue::earliest_time() const
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    const Micros llExpiry = m_arrHeap.empty() ? 0 : m_arrHeap.front().m_llExpiry;
-    m_oEarliest.set(llExpiry / MICROS, static_cast<suseconds_t>(llExpiry % MICROS));
+    m_oEarliest = m_arrHeap.empty() ? ACE_Time_Value::zero : toTime(m_arrHeap.front().m_llExpiry);
     return m_oEarliest;
 }
 
 ACE_Time_Value CZolTimerQueue::gettimeofday()
 {
-    const Micros llNow = now();
-    return ACE_Time_Value(llNow / MICROS, static_cast<suseconds_t>(llNow % MICROS));
+    return toTime(now());
 }
 
 ACE_Time_Value *CZolTimerQueue::calculate_timeout(ACE_Time_Value *poMax)
 {
-    return prepareToWait(poMax, &m_oTimeout);
+    return calculate_timeout(poMax, &m_oTimeout);
 }
 
 ACE_Time_Value *CZolTimerQueue::calculate_timeout(ACE_Time_Value *poMax, ACE_Time_Value *poTimeout)
 {
-    return poTimeout != nullptr ? prepareToWait(poMax, poTimeout) : nullptr;
-}
-
-/// The last thing that the reactor does before it waits. From here on a timer that comes earlier than what the thread
-/// goes to wait for must wake it, even if it comes before the wait has begun: the wake-up stays in the reactor's pipe.
-ACE_Time_Value *CZolTimerQueue::prepareToWait(ACE_Time_Value *poMax, ACE_Time_Value *poTimeout)
-{
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    m_llSleepsUntil = m_arrHeap.empty() ? INT64_MAX : m_arrHeap.front().m_llExpiry;
-    if (m_arrHeap.empty())
+    if (m_arrHeap.empty() || poTimeout == nullptr)
     {
         return poMax;
     }
-    const Micros llWait = std::max<Micros>(m_llSleepsUntil - now(), 0);
-    poTimeout->set(llWait / MICROS, static_cast<suseconds_t>(llWait % MICROS));
+    *poTimeout = toTime(std::max<Micros>(m_arrHeap.front().m_llExpiry - now(), 0));
     return poMax != nullptr && *poMax < *poTimeout ? poMax : poTimeout;
 }
 

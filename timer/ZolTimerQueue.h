@@ -1,6 +1,7 @@
 #ifndef ZOL_TIMER_QUEUE_H
 #define ZOL_TIMER_QUEUE_H
 
+#include <ace/Condition_Thread_Mutex.h>
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
 #include <ace/Timer_Queue.h>
@@ -18,7 +19,8 @@ class ACE_Command_Base;
 /// interval, and expiries that have passed are skipped. A new interval counts from the armed expiry on.
 ///
 /// Threads:   schedule, cancel and reset_interval from any thread, also from a handler; expiring and waiting from the
-///            thread of the reactor only. Handlers are called with no lock held.
+///            thread of the reactor only. Handlers are called with no lock held. A thread that sets a timer wakes the
+///            waiting one only if that would oversleep.
 /// Ownership: handlers stay the caller's; their reference counts are not looked at.
 /// Ids:       a slot in the low 32 bits and the count of its uses above, so that an id is never given out again and one
 ///            that has lapsed is told from the one that took its place.
@@ -26,13 +28,21 @@ class ACE_Command_Base;
 class CZolTimerQueue : public ACE_Timer_Queue
 {
 public:
-    CZolTimerQueue() = default;
+    CZolTimerQueue();
     ~CZolTimerQueue() override = default;
 
-    /// Schedules after a delay. bWake says whether the thread of the reactor sleeps beyond the new expiry, so that the
-    /// caller must wake it: true for the first such timer only, until that thread goes to sleep again.
     long scheduleIn(ACE_Event_Handler *poHandler, const void *pvArg, const ACE_Time_Value &oDelay,
-                    const ACE_Time_Value &oInterval, bool &bWake);
+                    const ACE_Time_Value &oInterval);
+
+    /// Waits until a timer is due, but not longer than *poMax if that is given, and calls all that are due: how many.
+    int waitAndExpire(const ACE_Time_Value *poMax);
+
+    /// Ends a wait, the one that runs or the next.
+    void wake();
+
+    /// Whether the thread of the reactor waits now, and how often others have woken it for a timer.
+    bool isWaiting() const;
+    unsigned int wakeUps() const;
 
     /// The id of the timer whose handler is running, for that handler.
     long firingId() const { return m_lFiringId; }
@@ -94,10 +104,12 @@ private:
 
     static Micros now();
     static Micros toMicros(const ACE_Time_Value &oTime);
-    long arm(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval, bool &bWake);
+    long arm(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval);
+    long armLocked(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval, bool &bWake);
+    void waitUntilDue(Micros llLimit);
+    static ACE_Time_Value toTime(Micros llTime);
     bool takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const void *&pvArg);
     int fireDue(Micros llNow, ACE_Command_Base *poPreDispatch);
-    ACE_Time_Value *prepareToWait(ACE_Time_Value *poMax, ACE_Time_Value *poTimeout);
 
     // The caller of these holds m_oLock.
     SSlot &slot(std::uint32_t uiSlot) const { return m_arrPages[uiSlot / SLOT_PAGE][uiSlot % SLOT_PAGE]; }
@@ -110,13 +122,16 @@ private:
     void moveDown(std::uint32_t uiPlace, const SEntry &oEntry);
     void removeAt(std::uint32_t uiPlace);
 
-    mutable ACE_Thread_Mutex m_oLock; // leaf; guards all below but what says otherwise
+    mutable ACE_Thread_Mutex m_oLock;           // leaf; guards all below but what says otherwise
+    ACE_Condition<ACE_Thread_Mutex> m_oEarlier; // with m_oLock; monotonic; signalled when m_llSleepsUntil moves forward
 
     std::vector<std::unique_ptr<SSlot[]>> m_arrPages;
     std::vector<std::uint32_t> m_arrFree; // free slots, the one freed last on top; holds room for all of them
     std::vector<SEntry> m_arrHeap;        // four children to a node; has room for all slots
     std::uint32_t m_uiOrder = 0;
     Micros m_llSleepsUntil = AWAKE; // when the reactor's thread wakes by itself; AWAKE while it does not wait
+    unsigned int m_uiWakeUps = 0;
+    bool m_bWoken = false; // by wake()
 
     long m_lFiringId = -1;              // the reactor's thread only
     ACE_Time_Value m_oTimeout;          // the reactor's thread only

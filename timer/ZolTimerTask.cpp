@@ -3,35 +3,54 @@
 #include "ZolRunLog.h"
 #include "timer/ZolTimerQueue.h"
 
-#include <ace/TP_Reactor.h>
+#include <ace/Select_Reactor.h>
 #include <ace/Thread.h>
 
-#include <algorithm>
+#include <cerrno>
 
 namespace
 {
 
-/// A thread-pool reactor that one thread runs. That kind does not hold its token while it calls a handler, yet it still
-/// asks for it, and wakes the waiting thread, whenever another thread sets a timer. The queue has a lock of its own, so
-/// the timer operations go past the token, and the thread is woken only if it would oversleep.
-class CZolTimerReactor : public ACE_TP_Reactor
+/// A reactor for timers alone. It has no descriptors, so it waits on a condition of its queue instead of in select:
+/// there is no limit to the numbers of descriptors that the process may have open, and no pipe to wake it through. The
+/// timer operations go straight to the queue, which has a lock of its own; ACE's would ask for the token that the
+/// waiting thread holds, and wake that thread each time.
+class CZolTimerReactor : public ACE_Select_Reactor
 {
 public:
     explicit CZolTimerReactor(CZolTimerQueue &oQueue)
-        : ACE_TP_Reactor(ACE_Select_Reactor_Impl::DEFAULT_SIZE, true, nullptr, &oQueue), m_oQueue(oQueue)
+        : ACE_Select_Reactor(1, true, nullptr, &oQueue, NO_NOTIFY_PIPE), m_oQueue(oQueue)
     {
+    }
+
+    int handle_events(ACE_Time_Value *poMax) override
+    {
+        if (deactivated() != 0)
+        {
+            errno = ESHUTDOWN;
+            return -1;
+        }
+        return m_oQueue.waitAndExpire(poMax);
+    }
+
+    int handle_events(ACE_Time_Value &oMax) override { return handle_events(&oMax); }
+
+    /// Ends a wait; there is no queue of notifications for handlers.
+    int notify(ACE_Event_Handler *poHandler, ACE_Reactor_Mask, ACE_Time_Value *) override
+    {
+        if (poHandler != nullptr)
+        {
+            errno = ENOTSUP;
+            return -1;
+        }
+        m_oQueue.wake();
+        return 0;
     }
 
     long schedule_timer(ACE_Event_Handler *poHandler, const void *pvArg, const ACE_Time_Value &oDelay,
                         const ACE_Time_Value &oInterval) override
     {
-        bool bWake = false;
-        const long lId = m_oQueue.scheduleIn(poHandler, pvArg, oDelay, oInterval, bWake);
-        if (bWake)
-        {
-            notify();
-        }
-        return lId;
+        return m_oQueue.scheduleIn(poHandler, pvArg, oDelay, oInterval);
     }
 
     int reset_timer_interval(long lTimerId, const ACE_Time_Value &oInterval) override
@@ -50,6 +69,8 @@ public:
     }
 
 private:
+    static const int NO_NOTIFY_PIPE = 1;
+
     CZolTimerQueue &m_oQueue;
 };
 

@@ -1,12 +1,14 @@
 #include "timer/ZolTimerQueue.h"
 
-#include <ace/Functor.h>
+#include "support/WaitUntil.h"
 
+#include <atomic>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
 #include <set>
+#include <thread>
 #include <vector>
 
 namespace
@@ -54,13 +56,6 @@ protected:
         m_oQueue.expire(oNow);
         return m_oHandler.takeFired();
     }
-    bool isWokenBy(long lDelaySec)
-    {
-        bool bWake = false;
-        m_oQueue.scheduleIn(&m_oHandler, nullptr, ACE_Time_Value(lDelaySec), ACE_Time_Value::zero, bWake);
-        return bWake;
-    }
-
     using Args = std::vector<long>;
     CZolTimerQueue m_oQueue;
     CHandler m_oHandler;
@@ -182,32 +177,51 @@ TEST_F(TimerQueueTest, KeepsOrderThroughRandomWork)
 }
 
 // A wake-up that is missing makes a timer late; one too many costs a system call for every timer that is set.
-TEST_F(TimerQueueTest, WakesTheReactorForANewEarliestOnly)
+TEST_F(TimerQueueTest, WakesTheWaitingThreadForANewEarliestOnly)
 {
-    EXPECT_FALSE(isWokenBy(50)); // the thread is not waiting
-    ACE_Time_Value *poTimeout = m_oQueue.calculate_timeout(nullptr);
-    ASSERT_NE(nullptr, poTimeout);
-    EXPECT_NEAR(50, static_cast<double>(poTimeout->sec()), 1);
-    EXPECT_FALSE(isWokenBy(60));
-    EXPECT_TRUE(isWokenBy(40));
-    EXPECT_FALSE(isWokenBy(45)); // a wake-up is under way
-    EXPECT_TRUE(isWokenBy(30));
-    m_oQueue.expire(); // awake
-    EXPECT_FALSE(isWokenBy(20));
+    const auto fnSet = [this](long lDelaySec)
+    { return m_oQueue.scheduleIn(&m_oHandler, nullptr, ACE_Time_Value(lDelaySec), ACE_Time_Value::zero); };
+    fnSet(5000);
+    EXPECT_EQ(0U, m_oQueue.wakeUps()) << "nobody waits yet";
+    std::atomic<bool> bReturned{false};
+    std::thread oReactor(
+        [&]
+        {
+            EXPECT_EQ(1, m_oQueue.waitAndExpire(nullptr));
+            bReturned = true;
+        });
+    ASSERT_TRUE(zoltest::waitUntil([this] { return m_oQueue.isWaiting(); }));
+    fnSet(6000);
+    EXPECT_EQ(0U, m_oQueue.wakeUps());
+    fnSet(4000);
+    fnSet(4500); // a wake-up is under way, or has been
+    EXPECT_EQ(1U, m_oQueue.wakeUps());
+    fnSet(3000);
+    EXPECT_EQ(2U, m_oQueue.wakeUps());
+    EXPECT_FALSE(bReturned) << "woken to wait anew, not to return";
+    fnSet(0);
+    oReactor.join();
+    EXPECT_EQ(1U, m_oHandler.m_oFired.size());
+    EXPECT_FALSE(m_oQueue.isWaiting());
+}
 
-    CZolTimerQueue oEmpty;
-    EXPECT_EQ(nullptr, oEmpty.calculate_timeout(nullptr));
-    bool bWake = false;
-    oEmpty.scheduleIn(&m_oHandler, nullptr, ACE_Time_Value(1000000), ACE_Time_Value::zero, bWake);
-    EXPECT_TRUE(bWake);
+TEST_F(TimerQueueTest, WaitsNoLongerThanToldAndCanBeWoken)
+{
+    const ACE_Time_Value oMoment(0, 5000);
+    EXPECT_EQ(0, m_oQueue.waitAndExpire(&oMoment));
+    m_oQueue.wake(); // also counts for a wait that comes after it
+    EXPECT_EQ(0, m_oQueue.waitAndExpire(nullptr));
+    std::thread oReactor([this] { EXPECT_EQ(0, m_oQueue.waitAndExpire(nullptr)); });
+    ASSERT_TRUE(zoltest::waitUntil([this] { return m_oQueue.isWaiting(); }));
+    m_oQueue.wake();
+    oReactor.join();
 }
 
 TEST_F(TimerQueueTest, TakesAnyDelay)
 {
-    bool bWake = false;
     for (const long lDelay : {0x7FFFFFFFFFFFFFFFL, 9223372036855L, 0x7FFFFFFFL})
     {
-        EXPECT_NE(-1, m_oQueue.scheduleIn(&m_oHandler, nullptr, ACE_Time_Value(lDelay), ACE_Time_Value(lDelay), bWake));
+        EXPECT_NE(-1, m_oQueue.scheduleIn(&m_oHandler, nullptr, ACE_Time_Value(lDelay), ACE_Time_Value(lDelay)));
     }
     m_oQueue.expire();
     EXPECT_EQ(Args{}, m_oHandler.takeFired());
