@@ -1,5 +1,6 @@
 #include "ZolVekPolicy.h"
 #include "ZolVekSettings.h"
+#include "support/Installation.h"
 
 #include <gtest/gtest.h>
 
@@ -122,6 +123,24 @@ TEST(PolicyTest, HoldsAnIdAgainstItsOwnListOrTheCommonOne)
     EXPECT_FALSE(oPolicy.mayRegister(9, 0x0A010203)) << "the list of an id replaces the common one";
     EXPECT_FALSE(oPolicy.mayRegister(0, 0x7F000001));
     EXPECT_FALSE(oPolicy.mayRegister(65535, 0x7F000001));
+}
+
+// doc/gateway.md has a row for every key, with its option, unit, and whether it reloads.
+TEST(SettingsTest, DocumentsEveryKey)
+{
+    const std::string strText = zoltest::readFile(ZOL_GATEWAY_DOC);
+    const SZolVekSettings oDefaults;
+    for (const SZolVekKeyInfo &oKey : zolVekKeys())
+    {
+        const std::string strKey = oKey.m_pcKey;
+        const std::string strDefault = zolVekValueOf(oDefaults, strKey);
+        const std::string strShown = strKey == "TotalQueueBytes" ? "1 GiB, or half of the memory"
+                                     : strDefault.empty()        ? "none"
+                                                                 : strDefault;
+        const std::string strRow = "| `" + strKey + "` | `" + oKey.m_pcOption + "` | " + strShown + " | " +
+                                   oKey.m_pcUnit + " | " + (oKey.m_bReloads ? "yes" : "no") + " | ";
+        EXPECT_NE(std::string::npos, strText.find(strRow)) << strRow;
+    }
 }
 
 TEST(SettingsTest, TellsWhatAReloadChanges)
