@@ -86,7 +86,7 @@ SResult relay(std::uint32_t uiCount, unsigned short usHttp)
                                                  {
                                                      require(get(usHttp, "/status.json") > 10000, "all pipes");
                                                      (void)get(usHttp, "/metrics");
-                                                     sleep(1);
+                                                     usleep(1000000);
                                                  }
                                              });
     const pid_t iSender = spawn(
@@ -145,7 +145,8 @@ int main(int argc, char **argv)
     report("R3 watched/zol", "rate with page and scrape", median(aoRates[1]), "msg/s");
     report("R3 watched/zol", "with over without", median(oRatios), "ratio");
     // the least of the rounds: what disturbs it only ever adds
-    report("R3 watched/zol", "routing thread without", *std::min_element(aoCpuNs[0].begin(), aoCpuNs[0].end()), "ns/msg");
+    report("R3 watched/zol", "routing thread without", *std::min_element(aoCpuNs[0].begin(), aoCpuNs[0].end()),
+           "ns/msg");
     report("R3 watched/zol", "routing thread with", *std::min_element(aoCpuNs[1].begin(), aoCpuNs[1].end()), "ns/msg");
     return 0;
 }

@@ -35,7 +35,7 @@ CZolVekGateway::CZolVekGateway(const SZolVekSettings &oSettings, TClock fnClock)
     : m_oSettings(oSettings), m_fnClock(fnClock ? std::move(fnClock) : TClock(monotonicMs)),
       m_oRouter(m_oSettings, m_oStatistics, m_oMemory, m_oRoutes, m_oAgenda),
       m_oRegistrar(m_oSettings, m_oStatistics, m_oRoutes, m_oAgenda),
-      m_oReporter(m_oSettings, m_oStatistics, m_oMemory, m_oRoutes, m_oRouter)
+      m_oReporter(m_oSettings, m_oStatistics, m_oRoutes, m_oRouter)
 {
     m_iEpoll = epoll_create1(EPOLL_CLOEXEC);
     m_oAgenda.m_ulNowMs = m_fnClock();

@@ -23,9 +23,8 @@ std::int64_t wallMs()
 } // namespace
 
 CZolVekReporter::CZolVekReporter(const SZolVekSettings &oSettings, const SZolVekStatistics &oStatistics,
-                                 const SZolVekMemory &oMemory, const CZolVekRoutes &oRoutes, CZolVekRouter &oRouter)
-    : m_oSettings(oSettings), m_oStatistics(oStatistics), m_oMemory(oMemory), m_oRoutes(oRoutes), m_oRouter(oRouter),
-      m_lStartedMs(wallMs())
+                                 const CZolVekRoutes &oRoutes, CZolVekRouter &oRouter)
+    : m_oSettings(oSettings), m_oStatistics(oStatistics), m_oRoutes(oRoutes), m_oRouter(oRouter), m_lStartedMs(wallMs())
 {
 }
 

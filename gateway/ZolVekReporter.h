@@ -17,7 +17,7 @@ class CZolVekReporter
 {
 public:
     CZolVekReporter(const SZolVekSettings &oSettings, const SZolVekStatistics &oStatistics,
-                    const SZolVekMemory &oMemory, const CZolVekRoutes &oRoutes, CZolVekRouter &oRouter);
+                    const CZolVekRoutes &oRoutes, CZolVekRouter &oRouter);
     CZolVekReporter(const CZolVekReporter &) = delete;
     CZolVekReporter &operator=(const CZolVekReporter &) = delete;
 
@@ -48,7 +48,6 @@ private:
 
     const SZolVekSettings &m_oSettings;
     const SZolVekStatistics &m_oStatistics;
-    const SZolVekMemory &m_oMemory;
     const CZolVekRoutes &m_oRoutes;
     CZolVekRouter &m_oRouter;
     const std::int64_t m_lStartedMs; // milliseconds since the epoch

@@ -16,7 +16,8 @@ constexpr std::uint64_t FRAME_BYTES = 196;
 
 std::uint64_t counted(double dPerSecond, double dSeconds)
 {
-    return static_cast<std::uint64_t>(dPerSecond * (dSeconds + 0.4 * std::sin(dSeconds)));
+    const double dUneven = 5 * std::sin(dSeconds / 19) + 2 * std::sin(dSeconds / 7.3) + 0.3 * std::sin(dSeconds / 1.7);
+    return static_cast<std::uint64_t>(dPerSecond * (dSeconds + dUneven));
 }
 
 /// A value from 0 to 1 that looks arbitrary and is always the same for one uiSeed.
@@ -69,7 +70,8 @@ void fillFrame(SZolGatewaySnapshot &oSnapshot, double dSeconds)
     oSnapshot.m_lTakenMs = START_MS + static_cast<std::int64_t>(dSeconds * 1000);
     oSnapshot.m_ulQueueLimitBytes = 1u << 30;
     oSnapshot.m_uiPipesLimit = 10000;
-    oSnapshot.m_oDrops = {{"no_route", 0}, {"slow_consumer", 0}, {"too_large", 0}, {"wrong_source", 0}};
+    oSnapshot.m_oDrops = {{"no_route", 0},          {"slow_consumer", 0},     {"pipe_closed", 0},   {"unknown_type", 0},
+                          {"forbidden_command", 0}, {"debug_not_allowed", 0}, {"foreign_source", 0}};
     oSnapshot.m_oRegistrations = {{"0", 0}, {"-1", 0}, {"-8", 0}, {"-9", 0}, {"-10", 0}};
     oSnapshot.m_oSettings = {{"ListenAddress", "127.0.0.1"}, {"ListenPort", "5566"}, {"SlowConsumer", "block"},
                              {"PipeQueueBytes", "67108864"}, {"DrainSeconds", "10"}, {"CheckSource", "off"}};
