@@ -141,9 +141,9 @@ private:
     int startServices(unsigned short usProcID, unsigned short usProcHandle, bool bNoHandle, const char *pcLogName,
                       const char *pcLogPath);
     void registerTaskMgr(CZolTaskMgr *poTaskMgr);
-    bool openTaskMgrs(const std::vector<CZolTaskMgr *> &oTaskMgrs);
+    bool openTaskMgrs();
     void runReactor();
-    void stopTaskMgrs(const std::vector<CZolTaskMgr *> &oTaskMgrs);
+    void stopTaskMgrs();
     int sendSynMsgByAssistTask(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds);
     int sendSynMsgAtInitialStage(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds);
     bool runReactorForResponse(int iSeconds);

@@ -218,8 +218,7 @@ void CZolAppMgr::handleEvents()
         CZolRunLog::warning("CZolAppMgr::handleEvents handleEvents() can be called only once!\n");
         return;
     }
-    const std::vector<CZolTaskMgr *> oTaskMgrs = taskMgrs();
-    if (!openTaskMgrs(oTaskMgrs))
+    if (!openTaskMgrs())
     {
         return;
     }
@@ -230,12 +229,13 @@ void CZolAppMgr::handleEvents()
     }
     CZolRunLog::info("begin to handle events.........");
     runReactor();
-    stopTaskMgrs(oTaskMgrs);
+    stopTaskMgrs();
     std::printf("handleEvents() exit.\n");
 }
 
-bool CZolAppMgr::openTaskMgrs(const std::vector<CZolTaskMgr *> &oTaskMgrs)
+bool CZolAppMgr::openTaskMgrs()
 {
+    const std::vector<CZolTaskMgr *> oTaskMgrs = taskMgrs();
     for (CZolTaskMgr *poTaskMgr : oTaskMgrs)
     {
         if (poTaskMgr->open(nullptr) != 0)
@@ -270,8 +270,9 @@ void CZolAppMgr::runReactor()
     }
 }
 
-void CZolAppMgr::stopTaskMgrs(const std::vector<CZolTaskMgr *> &oTaskMgrs)
+void CZolAppMgr::stopTaskMgrs()
 {
+    const std::vector<CZolTaskMgr *> oTaskMgrs = taskMgrs();
     for (CZolTaskMgr *poTaskMgr : oTaskMgrs)
     {
         CZolMsgPdu *poExitMsg = new (sizeof(CZolMsgPdu)) CZolMsgPdu;

@@ -19,28 +19,28 @@ void writeLine(const char *pcText, size_t uiLength)
     (void)iIgnored; // there is nobody to tell
 }
 
+/// What printf would make of it; printf itself may hold a lock.
 void writeUnknownSignal(int iSignal)
 {
-    char acLine[80] = "CZolSigHandler::handle_signal unknown signal ";
-    size_t uiLength = strlen(acLine);
-    char acDigits[12];
-    size_t uiDigits = 0;
+    const char acFormat[] = "CZolSigHandler::handle_signal unknown signal %d\n";
+    char acDigits[12]; // from the back
+    size_t uiAt = sizeof acDigits;
     unsigned int uiRest = iSignal < 0 ? 0U - static_cast<unsigned int>(iSignal) : static_cast<unsigned int>(iSignal);
     do
     {
-        acDigits[uiDigits++] = static_cast<char>('0' + uiRest % 10);
+        acDigits[--uiAt] = static_cast<char>('0' + uiRest % 10);
         uiRest /= 10;
     } while (uiRest != 0);
     if (iSignal < 0)
     {
-        acDigits[uiDigits++] = '-';
+        acDigits[--uiAt] = '-';
     }
-    while (uiDigits != 0)
-    {
-        acLine[uiLength++] = acDigits[--uiDigits];
-    }
-    acLine[uiLength++] = '\n';
-    writeLine(acLine, uiLength);
+    const size_t uiHead = sizeof acFormat - sizeof "%d\n";
+    char acLine[sizeof acFormat + sizeof acDigits];
+    memcpy(acLine, acFormat, uiHead);
+    memcpy(acLine + uiHead, acDigits + uiAt, sizeof acDigits - uiAt);
+    acLine[uiHead + sizeof acDigits - uiAt] = '\n';
+    writeLine(acLine, uiHead + sizeof acDigits - uiAt + 1);
 }
 
 template <size_t uiSize>

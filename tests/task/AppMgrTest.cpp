@@ -2,6 +2,7 @@
 
 #include "support/RawGateway.h"
 #include "task/TaskFixture.h"
+#include "task/ZolSigHandler.h"
 
 #include <ace/Event_Handler.h>
 #include <ace/Reactor.h>
@@ -369,6 +370,23 @@ TEST(AppMgrSignalTest, EndsOnSignalsInTheRunningStateOnly)
         EXPECT_EQ(4U, countOf(strOutput, ", svc() exit.\n"));
         EXPECT_EQ("", fnRead(aErr[0])) << "nothing stray on standard error";
     }
+}
+
+TEST(AppMgrSignalTest, NamesSignalsThatItHasNoUseFor)
+{
+    const std::string strOutput = outputOf(
+        []
+        {
+            for (const int iSignal : {SIGPIPE, SIGUSR1, 0, -2147483647 - 1})
+            {
+                CZolSigHandler::instance()->handle_signal(iSignal);
+            }
+        });
+    EXPECT_EQ("CZolSigHandler::handle_signal signal SIGPIPE\n"
+              "CZolSigHandler::handle_signal unknown signal 10\n"
+              "CZolSigHandler::handle_signal unknown signal 0\n"
+              "CZolSigHandler::handle_signal unknown signal -2147483648\n",
+              strOutput);
 }
 
 // Signals in a storm, on whatever thread and whatever lock it holds: the process ends, and ends cleanly.
