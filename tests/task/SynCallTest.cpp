@@ -1,5 +1,6 @@
 // Blocking calls inside one process, and waiting for events of one's own.
 
+#include "support/RawPipe.h"
 #include "task/TaskFixture.h"
 
 #include <ace/Dev_Poll_Reactor.h>
@@ -269,7 +270,7 @@ TEST_F(SynCallTest, DropsAResponseThatComesTooLate)
 
 TEST_F(SynCallTest, ServesManyThreadsAtOnceEachWithItsOwnAnswer)
 {
-    constexpr int THREADS = 32, CALLS = 60;
+    constexpr int THREADS = 64, CALLS = 30;
     addServer(2);
     start();
     std::atomic<int> iFaults{0};
@@ -353,6 +354,138 @@ TEST_F(SynCallTest, LetsTheDriverDeleteATaskThatIsEndedInItsCall)
     oDriver.join();
     EXPECT_EQ(ZOL_OK, iResult);
     EXPECT_EQ(0, iAlive);
+}
+
+// A clock's callback adds a task, calls and ends the task, on the thread that fires the timers, while tasks with timers
+// end on other threads: neither side may wait for the other.
+TEST_F(SynCallTest, LetsClocksCallWhileTasksWithTimersEnd)
+{
+    static std::atomic<int> s_iCalls;
+    CZolRunLog::logLevel(CZolRunLog::LEVEL_ERROR);
+    addServer(2);
+    std::atomic<int> iAlive{0}, iMade{0};
+    add(new CScriptedMgr(CALLER, 2,
+                         [&](CZolMsgPdu *)
+                         {
+                             return new CScriptedTask(
+                                 [&](CZolTask &oTask, const CZolMsgPdu &)
+                                 {
+                                     EXPECT_NE(0U, oTask.setTimer(1000));
+                                     EXPECT_NE(0U, oTask.setTimer(1));
+                                     ++iMade;
+                                     oTask.exitTask();
+                                 },
+                                 &iAlive);
+                         }));
+    start();
+    const unsigned long ulClock =
+        CZolTimer::instance()->registerPreciseClock(1,
+                                                    [](unsigned long)
+                                                    {
+                                                        CZolMsgPdu *poRequest = makeRequest(SERVER, ECHO, 1);
+                                                        CZolMsgPdu *poResponse = nullptr;
+                                                        EXPECT_EQ(ZOL_OK, app().sendSynMsg(poRequest, poResponse, 20));
+                                                        delete poResponse;
+                                                        ++s_iCalls;
+                                                    });
+    ASSERT_NE(0U, ulClock);
+    EXPECT_TRUE(waitUntil(
+        [&]
+        {
+            sendLocal(makeRequest(CALLER, 0, 1));
+            return iMade >= 50 && s_iCalls >= 50;
+        }));
+    CZolTimer::instance()->cancelPreciseClock(ulClock);
+    EXPECT_TRUE(waitUntil([&] { return iAlive == 0; }));
+    EXPECT_EQ(0U, CZolTimer::instance()->getTimerCount()) << "timers end with their tasks";
+}
+
+namespace
+{
+
+/// A gateway that registers the process and then reads nothing.
+class StalledGatewayTest : public testing::Test
+{
+protected:
+    StalledGatewayTest() : m_oInstallation("VEKAddress=127.0.0.1\nVEKPort=" + std::to_string(m_oListener.port()) + "\n")
+    {
+    }
+    void SetUp() override
+    {
+        std::thread oGateway(
+            [this]
+            {
+                SFrame oRequest;
+                m_oPipe = m_oListener.acceptPipe(oRequest);
+            });
+        const int iResult = CZolAppMgr::instance()->initAppMgr(PROCESS, 0, true, nullptr, nullptr);
+        oGateway.join();
+        ASSERT_EQ(ZOL_OK, iResult);
+    }
+
+    CRawListener m_oListener;
+    CRawPipe m_oPipe;
+    CInstallation m_oInstallation;
+};
+
+} // namespace
+
+// A call whose request cannot leave, since the list of the send thread is full, holds nobody else up: not the senders
+// to its task, not the other tasks of the manager, and not the end of the process.
+TEST_F(StalledGatewayTest, HoldsUpOnlyTheCaller)
+{
+    CZolAppMgr &oApp = *CZolAppMgr::instance();
+    g_ulQueueSize = 1000000;
+    CTrace oTrace;
+    std::atomic<int> iResult{100};
+    auto *poMgr = new CScriptedMgr(CALLER, 2);
+    auto *poCaller = new CScriptedTask(
+        [&](CZolTask &oTask, const CZolMsgPdu &oMsg)
+        {
+            if (oMsg.m_ulCmdID == 0)
+            {
+                CZolMsgPdu *poRequest = makeRequest(SERVER, ECHO, 1);
+                poRequest->m_usDestProcID = 500;
+                CZolMsgPdu *poResponse = nullptr;
+                iResult = oTask.sendSynMsg(poRequest, poResponse, 1);
+            }
+        });
+    poMgr->addStaticTask(poCaller, 1);
+    poMgr->addStaticTask(new CScriptedTask([&](CZolTask &, const CZolMsgPdu &) { oTrace.add("served"); }), 2);
+    ASSERT_EQ(ZOL_OK, oApp.addTaskMgr(poMgr));
+    std::thread oLoop([&] { oApp.handleEvents(); });
+    EXPECT_TRUE(waitUntil([&] { return oApp.getStatus() == APPMGR_RUNNING; }));
+
+    std::thread oFiller(
+        [&]
+        {
+            while (oApp.getStatus() == APPMGR_RUNNING)
+            {
+                CZolMsgPdu *poMsg = makeMsg(CZolMsgPdu::MSG_REQUEST, 1, 1, 1, std::string(8000, 'x'));
+                poMsg->m_usDestProcID = 500;
+                oApp.sendAsynMsg(poMsg);
+            }
+        });
+    EXPECT_TRUE(waitUntil(
+        []
+        {
+            static SZolStatistics s_oStatistics; // both halves of the limit are used up: what is sent, what waits
+            zol::getStatistics(&s_oStatistics, sizeof s_oStatistics);
+            return s_oStatistics.m_ulSendBytes >= g_ulQueueSize;
+        }));
+    EXPECT_EQ(ZOL_OK, sendLocal(makeRequest(CALLER, 1, 0)));
+    EXPECT_TRUE(waitUntil([&] { return poCaller->getTaskStatus() == TASK_SYNWAIT; }));
+    sendLocal(makeMsg(CZolMsgPdu::MSG_REQUEST, CALLER, 1, 9)); // for the blocked caller
+    sendLocal(makeMsg(CZolMsgPdu::MSG_RESPONSE, CALLER, 1, 9));
+    for (int iTurn = 0; iTurn < 20; ++iTurn)
+    {
+        sendLocal(makeRequest(CALLER, 2, 0));
+    }
+    EXPECT_TRUE(oTrace.waitForCount(20));
+    oApp.exitThreads();
+    oLoop.join();
+    oFiller.join();
+    EXPECT_NE(100, iResult);
 }
 
 TEST_F(SynCallTest, EndsTheProcessAfterTheCallsThatRun)
