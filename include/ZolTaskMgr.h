@@ -175,6 +175,7 @@ private:
     void delClaimedTask(CZolTask *poTask);
 
     int putq(CZolMemBlock *poBlock, bool bPriority);
+    void append(const CZolMemList &oBlocks, std::uint64_t ulBytes, bool bPriority);
     int getq(CZolMemBlock *&poBlock);
     void fillBatch();
     bool isFull() const;

@@ -56,19 +56,9 @@ int CZolTaskMgr::putq(CZolMemBlock *poBlock, bool bPriority)
         CZolDebugInfo("CZolTaskMgr::putq").error("invalid parameter, null pointer!");
         return ZOL_ERR_FAILED;
     }
-    const std::uint64_t ulBytes = zolTotalLength(zolPduOf(poBlock));
-    ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
-    if (!bPriority && isFull())
-    {
-        waitForRoom();
-    }
-    m_poMsgQueue->insert(poBlock);
-    m_ulQueuedBytes += ulBytes;
-    m_uiQueued.store(m_poMsgQueue->m_ulCount, std::memory_order_relaxed);
-    if (m_iEmptyWaiters > 0)
-    {
-        m_oNotEmpty.signal();
-    }
+    CZolMemList oOne;
+    oOne.insert(poBlock);
+    append(oOne, zolTotalLength(zolPduOf(poBlock)), bPriority);
     return ZOL_OK;
 }
 
@@ -85,20 +75,25 @@ void CZolTaskMgr::enqueueRequests(CZolMemList &oRequests)
         ulBytes += zolTotalLength(zolPduOf(poBlock));
         poBlock = poBlock->m_poNext;
     }
-    {
-        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
-        if (isFull())
-        {
-            waitForRoom();
-        }
-        m_poMsgQueue->append(oRequests);
-        m_ulQueuedBytes += ulBytes;
-        if (m_iEmptyWaiters > 0)
-        {
-            m_oNotEmpty.signal();
-        }
-    }
+    append(oRequests, ulBytes, false);
     oRequests = CZolMemList();
+}
+
+/// All blocks of the list, of ulBytes together, in one step.
+void CZolTaskMgr::append(const CZolMemList &oBlocks, std::uint64_t ulBytes, bool bPriority)
+{
+    ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
+    if (!bPriority && isFull())
+    {
+        waitForRoom();
+    }
+    m_poMsgQueue->append(oBlocks);
+    m_ulQueuedBytes += ulBytes;
+    m_uiQueued.store(m_poMsgQueue->m_ulCount, std::memory_order_relaxed);
+    if (m_iEmptyWaiters > 0)
+    {
+        m_oNotEmpty.signal();
+    }
 }
 
 /// Only while the process is running: before that nobody makes room, and after that nobody must be kept waiting, since
