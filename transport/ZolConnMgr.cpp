@@ -52,6 +52,7 @@ int CZolConnMgr::open(void * /*pvArg*/)
 
 int CZolConnMgr::initConn2Vek(unsigned short usProcID, unsigned short usProcHandle, bool bNoHandle)
 {
+    forgetGateway();
     initIdentity(usProcID, usProcHandle, bNoHandle);
     int iLength = 0;
     if (zol::getResByKey("RcvBufferLength", iLength, zolpipe::MAX_RECV_BUFFER, zolpipe::MIN_RECV_BUFFER) == 0)
@@ -95,6 +96,30 @@ void CZolConnMgr::initIdentity(unsigned short usProcID, unsigned short usProcHan
     setProcIDAndHandle(usProcID, bNoHandle ? 0 : usProcHandle);
     m_bNoHandle.store(bNoHandle, std::memory_order_relaxed);
     m_bOwnHandle.store(!bNoHandle && usProcHandle != 0, std::memory_order_relaxed);
+}
+
+// Of a start that was refused, or failed later on, and is tried again: the poll would open both connections, and each
+// registration would be the other's refusal.
+void CZolConnMgr::forgetGateway()
+{
+    CZolConnRef oOld;
+    bool bClosing = false;
+    {
+        ACE_WRITE_GUARD(ACE_RW_Mutex, oGuard, m_oConnLock);
+        oOld = CZolConnRef(findProc(0, 0));
+        if (!oOld)
+        {
+            return;
+        }
+        bClosing = static_cast<bool>(unlinkDown(oOld.get()));
+        m_oProcMap[0].erase(0);
+        leave(oOld.get());
+        oOld->release(); // the table's
+    }
+    if (bClosing)
+    {
+        oOld->disconnect();
+    }
 }
 
 // The gateway's place in the tables, for setVEKAddress to fill.

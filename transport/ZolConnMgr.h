@@ -155,6 +155,7 @@ private:
     void replaySubscribe(bool bStopAtFailure);
     void initIdentity(unsigned short usProcID, unsigned short usProcHandle, bool bNoHandle);
     void enterWithoutGateway();
+    void forgetGateway();
 
     // What processMsg() has gathered in m_pcSendBuf and not yet sent, and how it last chose.
     struct SBatch

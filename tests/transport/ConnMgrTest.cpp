@@ -81,6 +81,10 @@ TEST_F(ConnMgrTest, StopsAStartThatTheGatewayRefuses)
     oGateway.setStatus(-9);
     EXPECT_EQ(-1, start(oGateway.config()));
     EXPECT_TRUE(logHas("CZolAppMgr::initAppMgr failed to connect to vEK, return code: -9"));
+    // a start that is tried again leaves nothing of the first one behind
+    oGateway.setStatus(0);
+    EXPECT_EQ(0, CZolAppMgr::instance()->initAppMgr(OWN_PROC, OWN_HANDLE, false, nullptr, nullptr));
+    EXPECT_EQ(1U, countOf(mgr().dumpConnections(), "OppProcID"));
 }
 
 TEST_F(ConnMgrTest, StartsWithoutItsGatewayAndFindsItLater)
