@@ -4,8 +4,8 @@
 #include <ace/RW_Mutex.h>
 #include <pthread.h>
 
-/// An ACE_RW_Mutex at which readers queue behind a waiting writer. The default one lets them pass, so that a few threads
-/// that ask without a pause keep a peer from being registered for as long as they like.
+/// An ACE_RW_Mutex at which readers queue behind a waiting writer. The default one lets them pass, so that a few
+/// threads that ask without a pause keep a peer from being registered for as long as they like.
 ///
 /// A thread must not take it shared twice: a writer that comes in between would wait for the first hold, and the second
 /// for the writer.
