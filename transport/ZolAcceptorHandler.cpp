@@ -209,7 +209,9 @@ void CZolAcceptorHandler::readFirstMessage(CZolConnection *poConn)
     char *pcBody = reinterpret_cast<char *>(poWhole) + zolpipe::HEADER_LENGTH;
     if (poHeader->m_ulDataLength != 0 && !readWithin(poConn, pcBody, poHeader->m_ulDataLength))
     {
-        oDebug.error(("receive pdu body failed," + sourceOf(*poHeader)).c_str());
+        oDebug.error(zoltext("receive pdu body failed, procID: ", poHeader->m_usSrcProcID,
+                             ", procHandle: ", poHeader->m_usSrcProcHandle)
+                         .c_str());
         return;
     }
     if (CZolRunLog::isReady())
@@ -233,7 +235,8 @@ void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
     oConn->addRef(); // the request's, and the only one from here on: the end of the request closes the connection
     auto *poP2P = new SZolP2PRequest(oConn.get(), poRequest);
     oConn = CZolConnRef();
-    CZolMsgPdu *poMsg = new (zolpipe::HEADER_LENGTH + sizeof poP2P) CZolMsgPdu;
+    constexpr unsigned int ADDRESS_LENGTH = sizeof(void *);
+    CZolMsgPdu *poMsg = new (zolpipe::HEADER_LENGTH + ADDRESS_LENGTH) CZolMsgPdu;
     if (poMsg == nullptr)
     {
         delete poP2P;
@@ -245,8 +248,8 @@ void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
     poMsg->m_usSrcProcID = poMsg->m_usDestProcID = poAppMgr->getProcID();
     poMsg->m_usSrcProcHandle = poMsg->m_usDestProcHandle = poAppMgr->getProcHandle();
     poMsg->m_ucDestModule = zolpipe::BUILT_IN_MODULE;
-    poMsg->m_ulDataLength = sizeof poP2P;
-    std::memcpy(reinterpret_cast<char *>(poMsg) + zolpipe::HEADER_LENGTH, &poP2P, sizeof poP2P);
+    poMsg->m_ulDataLength = ADDRESS_LENGTH;
+    std::memcpy(reinterpret_cast<char *>(poMsg) + zolpipe::HEADER_LENGTH, &poP2P, ADDRESS_LENGTH);
     {
         SLiveRequests &oLive = liveRequests();
         ACE_GUARD(ACE_Thread_Mutex, oGuard, oLive.m_oLock);

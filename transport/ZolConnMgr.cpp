@@ -72,8 +72,9 @@ int CZolConnMgr::initConn2Vek(unsigned short usProcID, unsigned short usProcHand
     ACE_INET_Addr oAddr;
     if (pstrAddress->empty() || oAddr.set(usPort, pstrAddress->c_str(), 1, AF_INET) != 0)
     {
-        CZolDebugInfo("CZolConnMgr::initConn2Vek")
-            .error(zoltext("the vEK address is invalid. IP: ", *pstrAddress, " Port: ", *pstrPort).c_str());
+        CZolRunLog::error(
+            zoltext("CZolConnMgr::initConn2Vek the vEK address is invalid. IP: ", *pstrAddress, " Port: ", *pstrPort)
+                .c_str());
         return -1;
     }
     const int iResult = initConn(*pstrAddress, usPort, CZolConnection::CONN_VEK);

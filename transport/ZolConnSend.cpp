@@ -16,20 +16,13 @@ namespace
 
 const char *const BIG_SCOPE = "CZolSendMsgTask::processBigMsg"; // of the class that it once stood in
 
-// The fields that the lines of the send path name, in the order of those lines; 108 bytes at most.
-int writeFields(char *pcTo, std::size_t uiRoom, const CZolMsgPdu &oPdu)
+// Formats the fields of a header that the lines of the send path name, in the order of those lines, and then oMore.
+template <typename... More>
+int formatFields(char *pcTo, std::size_t uiRoom, const char *pcFormat, const CZolMsgPdu &oPdu, More... oMore)
 {
-    return snprintf(pcTo, uiRoom, "ver:%u, type:%u, cmd:%u, src:%u,%u, dst:%u,%u,%u,%u, head:%u, data:%u",
-                    oPdu.m_ucVersion, oPdu.m_ucMsgType, oPdu.m_ulCmdID, oPdu.m_ucSrcModule, oPdu.m_usSrcSubModuleId,
-                    oPdu.m_usDestProcID, oPdu.m_usDestProcHandle, oPdu.m_ucDestModule, oPdu.m_usDestSubModuleId,
-                    oPdu.m_usHeaderLength, oPdu.m_ulDataLength);
-}
-
-std::string fieldsOf(const CZolMsgPdu &oPdu)
-{
-    char acText[160];
-    writeFields(acText, sizeof acText, oPdu);
-    return acText;
+    return snprintf(pcTo, uiRoom, pcFormat, oPdu.m_ucVersion, oPdu.m_ucMsgType, oPdu.m_ulCmdID, oPdu.m_ucSrcModule,
+                    oPdu.m_usSrcSubModuleId, oPdu.m_usDestProcID, oPdu.m_usDestProcHandle, oPdu.m_ucDestModule,
+                    oPdu.m_usDestSubModuleId, oPdu.m_usHeaderLength, oPdu.m_ulDataLength, oMore...);
 }
 
 // The type of the blocks of a big message, 0 if that type cannot be cut.
@@ -60,6 +53,20 @@ bool canBeCut(const CZolMsgPdu &oPdu)
     return (oPdu.m_ulDataLength + ulBlock - 1) / ulBlock <= zolpipe::MAX_NUMBERED_BLOCKS + 1ULL;
 }
 
+void logBlockFailure(const CZolMsgPdu &oBlock, unsigned int uiNumber, int iResult)
+{
+    if (CZolRunLog::isReady())
+    {
+        char acText[256];
+        snprintf(acText, sizeof acText,
+                 "send block %u failed, ver:%u, type:%u, cmd:%u, src:%u,%u, dst:%u,%u,%u,%u, error: %d", uiNumber,
+                 oBlock.m_ucVersion, oBlock.m_ucMsgType, oBlock.m_ulCmdID, oBlock.m_ucSrcModule,
+                 oBlock.m_usSrcSubModuleId, oBlock.m_usDestProcID, oBlock.m_usDestProcHandle, oBlock.m_ucDestModule,
+                 oBlock.m_usDestSubModuleId, iResult);
+        CZolDebugInfo(BIG_SCOPE).error(acText);
+    }
+}
+
 } // namespace
 
 void CZolConnMgr::processMsg(CZolMemList *poList)
@@ -74,7 +81,12 @@ void CZolConnMgr::processMsg(CZolMemList *poList)
         {
             // Never begun with init(). On the pipe it would end the pipe, since the far end lost its place.
             zolCount(zolCounters().m_ulSendFailed);
-            oDebug.error(("invalid header of message, " + fieldsOf(*poPdu)).c_str());
+            char acText[256];
+            formatFields(acText, sizeof acText,
+                         "invalid header of message, ver:%u, type:%u, cmd:%u, src:%u,%u, dst:%u,%u,%u,%u, head:%u, "
+                         "data:%u",
+                         *poPdu);
+            oDebug.error(acText);
             delete poPdu;
             continue;
         }
@@ -188,8 +200,9 @@ void CZolConnMgr::logSendFailure(char *pcBuf, int iLen, CZolDebugInfo *poLog)
         std::memcpy(static_cast<void *>(&oHeader), pcBuf + iAt, sizeof oHeader);
         ntohPdu(&oHeader);
         iAt += static_cast<int>(zolTotalLength(&oHeader));
-        uiAt += static_cast<std::size_t>(snprintf(pcText + uiAt, uiRoom - uiAt, "    "));
-        uiAt += static_cast<std::size_t>(writeFields(pcText + uiAt, uiRoom - uiAt, oHeader));
+        uiAt += static_cast<std::size_t>(formatFields(
+            pcText + uiAt, uiRoom - uiAt, "    ver:%u, type:%u, cmd:%u, src:%u,%u, dst:%u,%u,%u,%u, head:%u, data:%u",
+            oHeader)); // 108 bytes at most
     }
     snprintf(pcText + uiAt, uiRoom - uiAt, "\n");
     poLog->error(pcText);
@@ -205,13 +218,22 @@ void CZolConnMgr::sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog)
     }
     if (CZolRunLog::isReady())
     {
+        char acText[256];
         if (iResult != 0)
         {
-            poLog->error(zoltext("send big message failed, ", fieldsOf(*poPdu), ", error: ", iResult).c_str());
+            formatFields(acText, sizeof acText,
+                         "send big message failed, ver:%u, type:%u, cmd:%u, src:%u,%u, dst:%u,%u,%u,%u, head:%u, "
+                         "data:%u, error: %d",
+                         *poPdu, iResult);
+            poLog->error(acText);
         }
         else
         {
-            poLog->info(("send big message success, " + fieldsOf(*poPdu)).c_str());
+            formatFields(acText, sizeof acText,
+                         "send big message success, ver:%u, type:%u, cmd:%u, src:%u,%u, dst:%u,%u,%u,%u, head:%u, "
+                         "data:%u",
+                         *poPdu);
+            poLog->info(acText);
         }
     }
     delete poPdu;
@@ -239,7 +261,9 @@ int CZolConnMgr::processBigMsg(CZolMsgPdu *poPdu)
     const ACE_UINT32 ulData = poPdu->m_ulDataLength;
     if (blockTypeOf(ucType) == 0)
     {
-        oDebug.error(zoltext("invalid message type ", unsigned(ucType), "!").c_str());
+        char acText[64];
+        snprintf(acText, sizeof acText, "invalid message type %u!", ucType);
+        oDebug.error(acText);
         return ZOL_ERR_MSG_TYPE;
     }
     CZolMsgPdu *poTemplate = new (poPdu->m_usHeaderLength) CZolMsgPdu;
@@ -286,11 +310,7 @@ int CZolConnMgr::sendBlocks(CZolConnection *poConn, CZolMsgPdu *poPdu, CZolMsgPd
         if (iResult < 1)
         {
             ntohPdu(poTemplate);
-            if (CZolRunLog::isReady())
-            {
-                CZolDebugInfo(BIG_SCOPE).error(
-                    zoltext("send block ", uiNumber, " failed, ", fieldsOf(*poTemplate), ", error: ", iResult).c_str());
-            }
+            logBlockFailure(*poTemplate, uiNumber, iResult);
             return -1;
         }
         pcCursor += ulBlock;

@@ -281,8 +281,9 @@ int CZolConnection::deliverOrDrop(CZolMsgPdu *poPdu, const char *pcScope)
         zolCount(zolCounters().m_ulNoManager);
         if (CZolRunLog::isReady())
         {
-            const std::string strText = "dispatch message failed, " + zolFieldTail(*poPdu) + ", Error:";
-            CZolDebugInfo(pcScope).error((strText + std::to_string(iResult)).c_str());
+            char acError[32];
+            snprintf(acError, sizeof acError, ", Error:%d", iResult);
+            CZolDebugInfo(pcScope).error(("dispatch message failed, " + zolFieldTail(*poPdu) + acError).c_str());
         }
         delete poPdu;
     }

@@ -48,14 +48,14 @@ void CZolPipeOpener::start(bool bTry)
         return finish(-1);
     }
     const ACE_INET_Addr &oAddr = m_oConn->m_oOppAddr;
-    const std::string strTarget = zoltext("OppAddr: ", zoladdress(oAddr), ", OppPort: ", oAddr.get_port_number(),
-                                          ", PipeType: ", m_oConn->getPipeType());
+    const std::string strTarget =
+        zoltext(zoladdress(oAddr), ", OppPort: ", oAddr.get_port_number(), ", PipeType: ", m_oConn->getPipeType());
     if (m_oConn->getPipeStatus())
     {
-        oDebug.info(("the connect is valid already. " + strTarget).c_str());
+        oDebug.info(("the connect is valid already. OppAddr: " + strTarget).c_str());
         return finish(0);
     }
-    oDebug.info(("begin to connect. " + strTarget).c_str());
+    oDebug.info(("begin to connect. OppAddr: " + strTarget).c_str());
     begin();
 }
 

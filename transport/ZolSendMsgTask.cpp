@@ -3,11 +3,11 @@
 #include "ZolAppMgr.h"
 #include "ZolRunLog.h"
 #include "message/ZolCounters.h"
+#include "task/ZolMonotonic.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolText.h"
 
 #include <ace/Guard_T.h>
-#include <ace/OS_NS_sys_time.h>
 #include <ace/Thread_Manager.h>
 
 CZolSendMsgTask *CZolSendMsgTask::instance()
@@ -16,7 +16,7 @@ CZolSendMsgTask *CZolSendMsgTask::instance()
     return poInstance;
 }
 
-CZolSendMsgTask::CZolSendMsgTask() : m_oNotFull(m_oMsgLock), m_oNotEmpty(m_oMsgLock) {}
+CZolSendMsgTask::CZolSendMsgTask() : m_oNotFull(m_oMsgLock, CZolMonotonicAttributes()), m_oNotEmpty(m_oMsgLock) {}
 
 CZolSendMsgTask::~CZolSendMsgTask()
 {
@@ -49,7 +49,7 @@ int CZolSendMsgTask::sendMsg(CZolMemBlock *poBlock, bool bWait)
     while (bWait && isFull() && CZolAppMgr::instance()->getStatus() != APPMGR_EXIT)
     {
         // The limit of the wait is for a process that goes to its exit stage meanwhile: nobody would wake us.
-        const ACE_Time_Value oUntil = ACE_OS::gettimeofday() + ACE_Time_Value(0, 100000);
+        const ACE_Time_Value oUntil = zolMonotonicNow() + ACE_Time_Value(0, 100000);
         ++m_uiWaitingSenders;
         m_oNotFull.wait(&oUntil);
         --m_uiWaitingSenders;
