@@ -198,6 +198,11 @@ bool openHttp(const SZolVekSettings &oSettings, CZolVekGateway &oGateway, CZolSn
         return false;
     }
     oGateway.observe(oExchange);
+    if (!oHttp.isLoopback())
+    {
+        CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "openHttp", "whoever reaches %s sees the whole gateway",
+                         oSettings.m_strHttp.c_str());
+    }
     return true;
 }
 

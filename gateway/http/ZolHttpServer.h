@@ -44,6 +44,9 @@ public:
     /// The port that it listens on, 0 before start().
     unsigned short port() const { return m_usPort; }
 
+    /// Only this machine can reach it.
+    bool isLoopback() const { return m_bLoopback; }
+
 private:
     struct SRendered // a response that holds for one snapshot
     {
