@@ -201,24 +201,6 @@ TEST(EncodeTest, RefusesDamagedAsnBodies)
     }
 }
 
-// Constructed strings in constructed strings: neither form may run the stack over.
-TEST(EncodeTest, SurvivesDeepNesting)
-{
-    const int iDepth = 10000;
-    std::string strIndefinite;
-    for (int iLevel = 0; iLevel < iDepth; ++iLevel)
-    {
-        strIndefinite += std::string("\x24\x80", 2);
-    }
-    SNACC::AsnOcts oText;
-    EXPECT_EQ(ZOL_ERR_DECODE, zol::decodeAsn(*messageOf(strIndefinite), oText));
-    SNACC::AsnAny oAny;
-    zol::decodeAsn(*messageOf(strIndefinite), oAny);
-    strIndefinite += std::string(2 * iDepth, '\0');
-    zol::decodeAsn(*messageOf(strIndefinite), oText);
-    zol::decodeAsn(*messageOf(strIndefinite), oAny);
-}
-
 TEST(EncodeTest, IgnoresBytesBehindTheValue)
 {
     SNACC::AsnInt oValue;
