@@ -5,6 +5,7 @@
 #include "ZolTask.h"
 #include "ZolTaskMgr.h"
 #include "facade/ZolBerInput.h"
+#include "message/ZolAnswer.h"
 
 #include <algorithm>
 #include <asn-incl.h>
@@ -79,13 +80,11 @@ CZolMsgPdu *newPdu(std::uint64_t ulHeader, std::uint64_t ulLength)
     return new (static_cast<unsigned int>(ulHeader + ulLength)) CZolMsgPdu;
 }
 
-/// What both kinds of messages have in common: the sender's process, the lengths and the payload itself.
-void fillCommon(CZolMsgPdu &oPdu, const SZolBody &oBody)
+/// Header and payload of a message that is not yet addressed.
+void fillBody(CZolMsgPdu &oPdu, CZolMsgPdu::EnumZolPduType eType, const SZolBody &oBody)
 {
-    CZolAppMgr *const poAppMgr = CZolAppMgr::instance();
     oPdu.init();
-    oPdu.m_usSrcProcID = poAppMgr->getProcID();
-    oPdu.m_usSrcProcHandle = poAppMgr->getProcHandle();
+    oPdu.m_ucMsgType = static_cast<std::uint8_t>(eType);
     oPdu.m_ulDataLength = static_cast<std::uint32_t>(oBody.m_ulLength);
     if (oBody.m_ulLength != 0)
     {
@@ -93,10 +92,13 @@ void fillCommon(CZolMsgPdu &oPdu, const SZolBody &oBody)
     }
 }
 
-/// Names the calling thread's current task as the sender, or leaves what stands there.
-void fillSenderTask(CZolMsgPdu &oPdu)
+/// Names this process as the sender, and the calling thread's current task, if it has one.
+void fillSender(CZolMsgPdu &oPdu)
 {
-    const CZolTask *const poTask = CZolAppMgr::instance()->getCurrentTask();
+    CZolAppMgr *const poAppMgr = CZolAppMgr::instance();
+    oPdu.m_usSrcProcID = poAppMgr->getProcID();
+    oPdu.m_usSrcProcHandle = poAppMgr->getProcHandle();
+    const CZolTask *const poTask = poAppMgr->getCurrentTask();
     if (poTask != nullptr)
     {
         oPdu.m_ucSrcModule = poTask->getTaskMgr()->getTaskMgrID();
@@ -120,13 +122,12 @@ CZolMsgPdu *buildRequest(std::uint32_t ulCmdID, const SZolBody &oBody, const SZo
         CZolRunLog::error(pcNoMemory);
         return nullptr;
     }
-    fillCommon(*poPdu, oBody);
-    poPdu->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
+    fillBody(*poPdu, CZolMsgPdu::MSG_REQUEST, oBody);
     poPdu->m_ulCmdID = ulCmdID;
     poPdu->m_usDestProcID = oDest.m_usProcID;
     poPdu->m_ucDestModule = oDest.m_ucTaskMgrID;
     poPdu->m_usDestSubModuleId = oDest.m_usTaskID;
-    fillSenderTask(*poPdu);
+    fillSender(*poPdu);
     return poPdu;
 }
 
@@ -145,17 +146,9 @@ CZolMsgPdu *buildResponse(const CZolMsgPdu &oRequest, const SZolBody &oBody, con
         CZolRunLog::error(pcNoMemory);
         return nullptr;
     }
-    fillCommon(*poPdu, oBody);
-    poPdu->m_ucVersion = oRequest.m_ucVersion;
-    poPdu->m_ucMsgType = CZolMsgPdu::MSG_RESPONSE;
-    poPdu->m_ulCmdID = oRequest.m_ulCmdID;
-    poPdu->m_usDestProcID = oRequest.m_usSrcProcID;
-    poPdu->m_usDestProcHandle = oRequest.m_usSrcProcHandle;
-    poPdu->m_ucDestModule = oRequest.m_ucSrcModule;
-    poPdu->m_usDestSubModuleId = oRequest.m_usSrcSubModuleId;
-    poPdu->m_ucSrcModule = oRequest.m_ucDestModule;
-    poPdu->m_usSrcSubModuleId = oRequest.m_usDestSubModuleId;
-    fillSenderTask(*poPdu);
+    fillBody(*poPdu, CZolMsgPdu::MSG_RESPONSE, oBody);
+    zolAddressAnswer(*poPdu, oRequest);
+    fillSender(*poPdu);
     return poPdu;
 }
 

@@ -4,6 +4,7 @@
 #include "ZolMsgPdu.h"
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
+#include "message/ZolAnswer.h"
 #include "transport/ZolAcceptorHandler.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolSendMsgTask.h"
@@ -216,17 +217,8 @@ int CZolInlineTask::sendResults(const CZolMsgPdu &oRequest, std::initializer_lis
         return ZOL_ERR_FAILED;
     }
     poResponse->init();
-    poResponse->m_ucVersion = oRequest.m_ucVersion;
+    zolAddressAnswer(*poResponse, oRequest);
     poResponse->m_ucMsgType = CZolMsgPdu::MSG_RESPONSE;
-    poResponse->m_ulCmdID = oRequest.m_ulCmdID;
-    poResponse->m_usSrcProcID = oRequest.m_usDestProcID;
-    poResponse->m_usDestProcID = oRequest.m_usSrcProcID;
-    poResponse->m_usSrcProcHandle = oRequest.m_usDestProcHandle;
-    poResponse->m_usDestProcHandle = oRequest.m_usSrcProcHandle;
-    poResponse->m_ucSrcModule = oRequest.m_ucDestModule;
-    poResponse->m_ucDestModule = oRequest.m_ucSrcModule;
-    poResponse->m_usSrcSubModuleId = oRequest.m_usDestSubModuleId;
-    poResponse->m_usDestSubModuleId = oRequest.m_usSrcSubModuleId;
     poResponse->m_ulDataLength = uiBytes;
     char *pcAt = reinterpret_cast<char *>(poResponse) + poResponse->m_usHeaderLength;
     for (const int iResult : oResults)

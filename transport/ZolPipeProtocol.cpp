@@ -1,6 +1,7 @@
 #include "transport/ZolPipeProtocol.h"
 
 #include "ZolMsgPdu.h"
+#include "message/ZolAnswer.h"
 
 namespace zolpipe
 {
@@ -45,16 +46,9 @@ CZolMsgPdu *newRegisterResponse(const CZolMsgPdu &oRequest, unsigned short usPro
     CZolMsgPdu *poPdu = newPdu(REGISTER_LENGTH, CZolMsgPdu::MSG_REGISTER);
     if (poPdu != nullptr)
     {
-        poPdu->m_ucVersion = oRequest.m_ucVersion;
-        poPdu->m_ulCmdID = oRequest.m_ulCmdID;
+        zolAddressAnswer(*poPdu, oRequest);
         poPdu->m_usSrcProcID = usProcID;
         poPdu->m_usSrcProcHandle = usProcHandle;
-        poPdu->m_usDestProcID = oRequest.m_usSrcProcID;
-        poPdu->m_usDestProcHandle = oRequest.m_usSrcProcHandle;
-        poPdu->m_ucSrcModule = oRequest.m_ucDestModule;
-        poPdu->m_ucDestModule = oRequest.m_ucSrcModule;
-        poPdu->m_usSrcSubModuleId = oRequest.m_usDestSubModuleId;
-        poPdu->m_usDestSubModuleId = oRequest.m_usSrcSubModuleId;
         writeBody(poPdu, static_cast<std::uint32_t>(iStatus));
     }
     return poPdu;
