@@ -2,6 +2,7 @@
 #include "timer/Zone.h"
 
 #include <algorithm>
+#include <malloc.h>
 #include <random>
 #include <thread>
 
@@ -469,6 +470,20 @@ TEST_F(TimerTest, AHandlerThatIsStuckHoldsNoOtherTimerUp)
 }
 
 // ---- Many
+
+#ifndef ZOL_SANITIZED // whose allocators count differently
+TEST_F(TimerTest, ALiveTimerTakesAtMost250Bytes)
+{
+    const unsigned int uiTimers = 100000;
+    const size_t uiBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
+    for (unsigned int ui = 0; ui < uiTimers; ++ui)
+    {
+        ASSERT_NE(0U, timer()->setCycleInterval(100000, MANAGER, 1, static_cast<unsigned short>(33 + ui % 1000)));
+    }
+    const size_t uiAfter = mallinfo2().uordblks + mallinfo2().hblkhd;
+    EXPECT_LE((uiAfter - uiBefore) / uiTimers, 250U);
+}
+#endif
 
 TEST_F(TimerTest, AHundredThousandTimersAreSetFiredAndCancelled)
 {
