@@ -14,7 +14,7 @@
 namespace
 {
 
-const char *const BIG_SCOPE = "CZolSendMsgTask::processBigMsg"; // of the class that it once stood in
+const char *const BIG_SCOPE = "CZolSendMsgTask::processBigMsg"; // as readers of the log know it
 
 // Formats the fields of a header that the lines of the send path name, in the order of those lines, and then oMore.
 template <typename... More>
