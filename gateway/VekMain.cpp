@@ -175,6 +175,7 @@ private:
             CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CSignals::reload", "only a restart changes %s",
                              strLine.c_str());
         }
+        raiseDescriptorLimit(oReader.settings());
         m_oGateway.reload(oReader.settings());
         CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CSignals::reload", "read again, %zu values changed", oChanged.size());
     }

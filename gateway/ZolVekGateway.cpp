@@ -519,7 +519,11 @@ void CZolVekGateway::sweepNewcomers()
         const auto oFound = m_oSessions.find(poSession);
         const bool bWaits = oFound != m_oSessions.end() && poSession->m_ulSerial == m_oNewcomers.front().m_ulSerial &&
                             poSession->m_eState != VEK_UP && poSession->m_strDoom.empty();
-        if (bWaits && poSession->m_eState != VEK_PROBING)
+        if (bWaits && poSession->m_eState == VEK_PROBING)
+        {
+            break; // decided within ProbeSeconds
+        }
+        if (bWaits)
         {
             const std::uint64_t ulWaitedMs = ulNow - poSession->m_ulSinceMs;
             const bool bCrowded = !m_bListening && !m_bDraining && ulWaitedMs >= CROWDED_MS &&

@@ -20,12 +20,12 @@ TZolVekKey keyOf(const char *pcRequest, std::uint16_t usHandle)
     return zolVekKey(zolVekRead16(pcRequest + VEK_AT_SRC_PROC), usHandle);
 }
 
-/// False once the kernel knows that the other end has gone.
-bool isEstablished(int iSocket)
+/// What the kernel knows of the other end; TCP_ESTABLISHED if it cannot be asked.
+int stateOf(int iSocket)
 {
     tcp_info oInfo{};
     socklen_t uiLength = sizeof oInfo;
-    return getsockopt(iSocket, IPPROTO_TCP, TCP_INFO, &oInfo, &uiLength) != 0 || oInfo.tcpi_state == TCP_ESTABLISHED;
+    return getsockopt(iSocket, IPPROTO_TCP, TCP_INFO, &oInfo, &uiLength) == 0 ? oInfo.tcpi_state : int{TCP_ESTABLISHED};
 }
 
 } // namespace
@@ -82,25 +82,29 @@ int CZolVekRegistrar::admit(const CZolVekSession &oSession, std::uint16_t usProc
 
 void CZolVekRegistrar::startProbe(CZolVekSession &oNewcomer, CZolVekSession &oOld, const char *pcRequest)
 {
-    SProbe oProbe = {&oNewcomer, &oOld, m_oAgenda.m_ulNowMs, {}};
+    SProbe oProbe = {&oNewcomer, &oOld, m_oAgenda.m_ulNowMs, 0, {}};
     std::memcpy(oProbe.m_acRequest, pcRequest, sizeof oProbe.m_acRequest);
     oNewcomer.m_eState = VEK_PROBING;
     m_oProbes.push_back(oProbe);
-    if (!isEstablished(oOld.m_iSocket))
-    {
-        m_oAgenda.doom(oOld, "its process has gone, and another one takes its place");
-        return;
-    }
-    char acHello[VEK_HEADER_BYTES];
-    oOld.fillHello(acHello);
-    oOld.m_oOutbox.addHello(acHello);
-    m_oAgenda.dirty(oOld);
+    m_oAgenda.ready(oOld);
+    look(m_oProbes.back());
+}
+
+bool CZolVekRegistrar::isQuiet(const CZolVekSession &oOld)
+{
+    int iUnread = 0;
+    return !oOld.m_bReadable && oOld.m_poWaitsFor == nullptr && ioctl(oOld.m_iSocket, FIONREAD, &iUnread) == 0 &&
+           iUnread == 0;
 }
 
 bool CZolVekRegistrar::isAlive(const SProbe &oProbe, std::uint64_t ulNowMs)
 {
     int iUnacknowledged = 0;
     const int iSocket = oProbe.m_poOld->m_iSocket;
+    if (oProbe.m_ulAskedMs == 0 || ulNowMs <= oProbe.m_ulAskedMs)
+    {
+        return false;
+    }
     if (ioctl(iSocket, SIOCOUTQ, &iUnacknowledged) == 0 && iUnacknowledged == 0)
     {
         return true;
@@ -109,31 +113,49 @@ bool CZolVekRegistrar::isAlive(const SProbe &oProbe, std::uint64_t ulNowMs)
     tcp_info oInfo{};
     socklen_t uiLength = sizeof oInfo;
     return getsockopt(iSocket, IPPROTO_TCP, TCP_INFO, &oInfo, &uiLength) == 0 &&
-           oInfo.tcpi_last_ack_recv + 1 < ulNowMs - oProbe.m_ulStartMs;
+           oInfo.tcpi_last_ack_recv + 1 < ulNowMs - oProbe.m_ulAskedMs;
+}
+
+bool CZolVekRegistrar::look(SProbe &oProbe)
+{
+    CZolVekSession &oOld = *oProbe.m_poOld;
+    const std::uint64_t ulWaitedMs = m_oAgenda.m_ulNowMs - oProbe.m_ulStartMs;
+    const std::uint64_t ulProbeMs = std::uint64_t{1000} * m_oSettings.m_uiProbeSeconds;
+    if (!oOld.m_strDoom.empty())
+    {
+        return false; // it closes at the end of this turn
+    }
+    const int iState = stateOf(oOld.m_iSocket);
+    if (iState == TCP_ESTABLISHED && isAlive(oProbe, m_oAgenda.m_ulNowMs))
+    {
+        return true;
+    }
+    if (ulWaitedMs >= ulProbeMs || (iState != TCP_ESTABLISHED && iState != TCP_CLOSE_WAIT))
+    {
+        m_oAgenda.doom(oOld, "its process or machine has gone, and another process takes its place");
+    }
+    else if (iState == TCP_ESTABLISHED && oProbe.m_ulAskedMs == 0 && (isQuiet(oOld) || ulWaitedMs >= ulProbeMs / 2))
+    {
+        char acHello[VEK_HEADER_BYTES];
+        oOld.fillHello(acHello);
+        oOld.m_oOutbox.addHello(acHello);
+        m_oAgenda.dirty(oOld);
+        oProbe.m_ulAskedMs = m_oAgenda.m_ulNowMs;
+    }
+    return false;
 }
 
 void CZolVekRegistrar::tick()
 {
     for (std::size_t ulAt = 0; ulAt < m_oProbes.size();)
     {
-        SProbe &oProbe = m_oProbes[ulAt];
-        const std::uint64_t ulWaitedMs = m_oAgenda.m_ulNowMs - oProbe.m_ulStartMs;
-        if (!oProbe.m_poOld->m_strDoom.empty())
+        if (!look(m_oProbes[ulAt]))
         {
-            ++ulAt; // it closes at the end of this turn
+            ++ulAt;
             continue;
         }
-        if (ulWaitedMs > 0 && isAlive(oProbe, m_oAgenda.m_ulNowMs))
-        {
-            refuse(*oProbe.m_poNewcomer, oProbe.m_acRequest, VEK_STATUS_UP);
-            m_oProbes.erase(m_oProbes.begin() + static_cast<std::ptrdiff_t>(ulAt));
-            continue;
-        }
-        if (ulWaitedMs >= std::uint64_t{1000} * m_oSettings.m_uiProbeSeconds)
-        {
-            m_oAgenda.doom(*oProbe.m_poOld, "its machine does not answer, and another process takes its place");
-        }
-        ++ulAt;
+        refuse(*m_oProbes[ulAt].m_poNewcomer, m_oProbes[ulAt].m_acRequest, VEK_STATUS_UP);
+        m_oProbes.erase(m_oProbes.begin() + static_cast<std::ptrdiff_t>(ulAt));
     }
 }
 

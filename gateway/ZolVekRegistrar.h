@@ -15,7 +15,8 @@
 /// A key that is up may belong to a machine that is dead. Before the newcomer is refused, the old pipe is *probed*: it
 /// gets a hello, and if the kernel at its other end has acknowledged that within the time set, the process is taken for
 /// alive and the newcomer gets -9; else the old pipe is closed and the newcomer takes its place. Bytes cannot be asked
-/// for, since a process answers no hello on its gateway pipe.
+/// for, since a process answers no hello on its gateway pipe. The hello waits until everything that has come from the
+/// old pipe is read: it would reset the connection of a process that has just ended, and lose what that had sent.
 ///
 /// Threads: the routing thread only.
 class CZolVekRegistrar
@@ -48,10 +49,13 @@ private:
         CZolVekSession *m_poNewcomer;
         CZolVekSession *m_poOld;
         std::uint64_t m_ulStartMs;
+        std::uint64_t m_ulAskedMs; // when the hello was written; 0 before
         char m_acRequest[VEK_HEADER_BYTES];
     };
 
     void startProbe(CZolVekSession &oNewcomer, CZolVekSession &oOld, const char *pcRequest);
+    bool look(SProbe &oProbe); ///< true if the old process lives
+    static bool isQuiet(const CZolVekSession &oOld);
     static bool isAlive(const SProbe &oProbe, std::uint64_t ulNowMs);
     int admit(const CZolVekSession &oSession, std::uint16_t usProcID) const;
     void accept(CZolVekSession &oSession, const char *pcRequest, TZolVekKey uiKey);

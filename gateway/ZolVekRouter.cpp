@@ -12,7 +12,12 @@ namespace
 
 const TZolVekKey TO_ALL = 0xFFFFFFFF;
 const TZolVekKey TO_GATEWAY = 0;
-const unsigned int MAX_WAITING_HELLOS = 64; // a peer that sends more without reading gets no further echo
+// A process has one big message under way to another one. Whoever forwards messages of others may have more, and one
+// that makes up sources would have as many as it likes.
+const std::size_t MAX_SPARE_RUNS = 4096;
+const std::size_t MAX_PUBLICATIONS = 1024;   // of one pipe, under way at once
+const std::size_t MAX_SUBSCRIPTIONS = 65536; // of one pipe
+const unsigned int MAX_WAITING_HELLOS = 64;  // a peer that sends more without reading gets no further echo
 
 bool isWhole(const CZolVekFrame &oFrame)
 {
@@ -320,6 +325,10 @@ void CZolVekRouter::noteBlock(CZolVekSession &oTarget, CZolVekSession &oFrom, co
     {
         oRun.m_poOwner = &oFrom;
         ++oFrom.m_uiRunsOwned;
+        if (oTarget.m_poRuns->size() > m_oRoutes.size() + MAX_SPARE_RUNS)
+        {
+            m_oAgenda.doom(oFrom, "it has too many big messages under way");
+        }
     }
     oRun.m_ulLastMs = m_oAgenda.m_ulNowMs;
     std::memcpy(oRun.m_acHeader, oFrame.data(), VEK_HEADER_BYTES);
@@ -420,8 +429,9 @@ EnumZolVekVerdict CZolVekRouter::toAll(CZolVekSession &oFrom, const CZolVekFrame
     m_oRoutes.forEach(
         [&](CZolVekSession *poTarget)
         {
-            if (poTarget != &oFrom && poFull == nullptr && m_oSettings.m_eSlowConsumer == VEK_SLOW_BLOCK &&
-                roomAt(*poTarget, &oFrom, oFrame) == ROOM_WAIT)
+            if (poTarget != &oFrom && poFull == nullptr &&
+                (!poTarget->isFree(oFrame.source(), &oFrom) ||
+                 (m_oSettings.m_eSlowConsumer == VEK_SLOW_BLOCK && roomAt(*poTarget, &oFrom, oFrame) == ROOM_WAIT)))
             {
                 poFull = poTarget;
             }
@@ -516,6 +526,10 @@ EnumZolVekVerdict CZolVekRouter::publishBlock(CZolVekSession &oFrom, const CZolV
     if (oResult.second)
     {
         ++m_uiPublications;
+        if (oFrom.m_poPublications->size() > MAX_PUBLICATIONS)
+        {
+            m_oAgenda.doom(oFrom, "it has too many big messages under way");
+        }
         const std::vector<SZolVekSubscriber> *const poSubscribers = m_oSubscriptions.find(oFrame.command());
         for (const SZolVekSubscriber &oSubscriber :
              poSubscribers == nullptr ? std::vector<SZolVekSubscriber>() : *poSubscribers)
@@ -532,7 +546,7 @@ EnumZolVekVerdict CZolVekRouter::publishBlock(CZolVekSession &oFrom, const CZolV
     }
     if (!oPublication.m_oLater.empty())
     {
-        keepBlock(oPublication, recordOf(oFrame));
+        keepBlock(oFrom, oPublication, recordOf(oFrame));
     }
     if (oFrame.segment() == 0)
     {
@@ -541,12 +555,13 @@ EnumZolVekVerdict CZolVekRouter::publishBlock(CZolVekSession &oFrom, const CZolV
     return VEK_TAKEN;
 }
 
-void CZolVekRouter::keepBlock(SZolVekPublication &oPublication, SZolVekRecord *poRecord)
+void CZolVekRouter::keepBlock(CZolVekSession &oFrom, SZolVekPublication &oPublication, SZolVekRecord *poRecord)
 {
     poRecord->take();
     oPublication.m_oBlocks.push_back(poRecord);
     oPublication.m_ulBytes += poRecord->m_uiLength;
-    if (oPublication.m_ulBytes <= m_oSettings.m_ulPipeQueueBytes)
+    oFrom.m_ulKeptBytes += poRecord->m_uiLength;
+    if (oFrom.m_ulKeptBytes <= m_oSettings.m_ulPipeQueueBytes)
     {
         return;
     }
@@ -558,6 +573,8 @@ void CZolVekRouter::keepBlock(SZolVekPublication &oPublication, SZolVekRecord *p
     {
         poBlock->drop();
     }
+    oFrom.m_ulKeptBytes -= oPublication.m_ulBytes;
+    oPublication.m_ulBytes = 0;
     oPublication.m_oBlocks.clear();
     oPublication.m_oLater.clear();
 }
@@ -578,6 +595,7 @@ void CZolVekRouter::finishPublication(CZolVekSession &oFrom, TZolVekKey uiSource
     {
         poBlock->drop();
     }
+    oFrom.m_ulKeptBytes -= oPublication.m_ulBytes;
     oFrom.m_poPublications->erase(uiSource);
     --m_uiPublications;
 }
@@ -719,15 +737,20 @@ EnumZolVekVerdict CZolVekRouter::answerSubscribe(CZolVekSession &oFrom, const CZ
     {
         const SZolVekSubscriber oSubscriber = {&oFrom, static_cast<std::uint8_t>(uiModule),
                                                static_cast<std::uint16_t>(uiTask)};
+        bool bDone = true;
         if (oFrame.type() == CZolMsgPdu::MSG_SUBSCRIBE)
         {
-            m_oSubscriptions.add(uiCommand, oSubscriber);
+            bDone = m_oSubscriptions.countOf(&oFrom) < MAX_SUBSCRIPTIONS;
+            if (bDone)
+            {
+                m_oSubscriptions.add(uiCommand, oSubscriber);
+            }
         }
         else
         {
             m_oSubscriptions.remove(uiCommand, oSubscriber);
         }
-        zolVekWrite32(acStatus, ZOL_OK);
+        zolVekWrite32(acStatus, static_cast<std::uint32_t>(bDone ? ZOL_OK : ZOL_ERR_FAILED));
     }
     return answer(oFrom, oFrame, acStatus, sizeof acStatus);
 }

@@ -137,7 +137,7 @@ private:
     EnumZolVekVerdict hold(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
     void releaseHeld();
     void finishPublication(CZolVekSession &oFrom, TZolVekKey uiSource, SZolVekPublication &oPublication);
-    void keepBlock(SZolVekPublication &oPublication, SZolVekRecord *poRecord);
+    void keepBlock(CZolVekSession &oFrom, SZolVekPublication &oPublication, SZolVekRecord *poRecord);
 
     EnumZolVekVerdict answerHello(CZolVekSession &oFrom);
     EnumZolVekVerdict answerSubscribe(CZolVekSession &oFrom, const CZolVekFrame &oFrame);

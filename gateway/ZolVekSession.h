@@ -147,8 +147,9 @@ public:
     std::uint64_t m_ulLastGeneration = 0; ///< of the routes, when m_poLastTarget was found; 0 is none
     CZolVekSession *m_poLastTarget = nullptr;
     std::unordered_map<std::uint16_t, SZolVekChoice>
-        m_oChosen;                  ///< by process id: the pipe for messages without a handle
-    unsigned int m_uiRunsOwned = 0; ///< runs on other pipes whose blocks come from here
+        m_oChosen;                   ///< by process id: the pipe for messages without a handle
+    unsigned int m_uiRunsOwned = 0;  ///< runs on other pipes whose blocks come from here
+    std::uint64_t m_ulKeptBytes = 0; ///< in the blocks of m_poPublications
     std::unique_ptr<std::unordered_map<TZolVekKey, SZolVekRun>> m_poRuns;                 ///< on this pipe, by source
     std::unique_ptr<std::unordered_map<TZolVekKey, SZolVekPublication>> m_poPublications; ///< from here, by source
 };

@@ -10,11 +10,9 @@ bool CZolVekSubscriptions::add(std::uint32_t uiCommand, const SZolVekSubscriber 
         return false;
     }
     oList.push_back(oSubscriber);
-    std::vector<std::uint32_t> &oCommands = m_oBySession[oSubscriber.m_poSession];
-    if (std::find(oCommands.begin(), oCommands.end(), uiCommand) == oCommands.end())
-    {
-        oCommands.push_back(uiCommand);
-    }
+    SOwner &oOwner = m_oBySession[oSubscriber.m_poSession];
+    ++oOwner.m_oCommands[uiCommand];
+    ++oOwner.m_ulCount;
     ++m_ulCount;
     return true;
 }
@@ -34,6 +32,12 @@ bool CZolVekSubscriptions::remove(std::uint32_t uiCommand, const SZolVekSubscrib
     }
     oList.erase(oAt);
     --m_ulCount;
+    SOwner &oOwner = m_oBySession[oSubscriber.m_poSession];
+    --oOwner.m_ulCount;
+    if (--oOwner.m_oCommands[uiCommand] == 0)
+    {
+        oOwner.m_oCommands.erase(uiCommand);
+    }
     if (oList.empty())
     {
         m_oByCommand.erase(oFound);
@@ -48,9 +52,9 @@ void CZolVekSubscriptions::removeAll(const CZolVekSession *poSession)
     {
         return;
     }
-    for (const std::uint32_t uiCommand : oFound->second)
+    for (const auto &oPair : oFound->second.m_oCommands)
     {
-        const auto oList = m_oByCommand.find(uiCommand);
+        const auto oList = m_oByCommand.find(oPair.first);
         if (oList == m_oByCommand.end())
         {
             continue;
@@ -66,6 +70,12 @@ void CZolVekSubscriptions::removeAll(const CZolVekSession *poSession)
         }
     }
     m_oBySession.erase(oFound);
+}
+
+std::size_t CZolVekSubscriptions::countOf(const CZolVekSession *poSession) const
+{
+    const auto oFound = m_oBySession.find(poSession);
+    return oFound == m_oBySession.end() ? 0 : oFound->second.m_ulCount;
 }
 
 const std::vector<SZolVekSubscriber> *CZolVekSubscriptions::find(std::uint32_t uiCommand) const

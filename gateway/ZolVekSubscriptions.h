@@ -42,6 +42,9 @@ public:
 
     std::size_t size() const { return m_ulCount; }
 
+    /// Subscriptions of one pipe.
+    std::size_t countOf(const CZolVekSession *poSession) const;
+
     /// fnEach(command, subscriber) for all of them.
     template <typename Function>
     void forEach(Function fnEach) const
@@ -56,8 +59,14 @@ public:
     }
 
 private:
+    struct SOwner
+    {
+        std::unordered_map<std::uint32_t, unsigned int> m_oCommands; // and how many of its tasks want them
+        std::size_t m_ulCount = 0;
+    };
+
     std::unordered_map<std::uint32_t, std::vector<SZolVekSubscriber>> m_oByCommand;
-    std::unordered_map<const CZolVekSession *, std::vector<std::uint32_t>> m_oBySession; // commands, some perhaps twice
+    std::unordered_map<const CZolVekSession *, SOwner> m_oBySession;
     std::size_t m_ulCount = 0;
 };
 

@@ -198,6 +198,49 @@ TEST_F(PublicationTest, EndsABigMessageWhoseSourceHasGone)
     }
 }
 
+// Sources that are made up could leave behind as many begun messages as there are numbers.
+TEST_F(PublicationTest, ClosesAPipeThatBeginsBigMessagesWithoutEnd)
+{
+    CRawPipe oB = pipe(8, 1);
+    subscribe(oB, NEWS, 1, 40);
+    subscribe(oB, NEWS, 2, 50);
+    for (const std::uint8_t ucType : std::initializer_list<std::uint8_t>{6, 14})
+    {
+        CRawPipe oA = pipe(7, 1);
+        const TZolVekKey uiTo = ucType == 6 ? B : TZolVekKey{0};
+        std::string strBlocks;
+        for (std::uint32_t i = 0; i < 6000; ++i)
+        {
+            strBlocks += block(ucType, 0x10000 + i, uiTo, 1, "").wire();
+        }
+        oA.send(strBlocks, 1s);
+        EXPECT_TRUE(oA.waitClosed());
+    }
+    EXPECT_TRUE(oB.isOpen());
+    oB.close();
+    EXPECT_TRUE(waitUntil([&] { return gateway().memoryBytes() == 0; }));
+}
+
+TEST_F(PublicationTest, BoundsTheSubscriptionsOfAPipe)
+{
+    CRawPipe oA = pipe(7, 1);
+    const unsigned int uiBound = 65536;
+    std::string strAsk;
+    for (unsigned int i = 0; i <= uiBound; ++i)
+    {
+        strAsk += frame(11, A, 0, word32(1) + word32(1) + word32(i), i).wire();
+    }
+    std::thread oSender([&] { EXPECT_TRUE(oA.send(strAsk)); });
+    for (unsigned int i = 0; i < uiBound; ++i)
+    {
+        ASSERT_EQ(0, next(oA).status()) << i;
+    }
+    EXPECT_NE(0, next(oA).status());
+    oSender.join();
+    subscribe(oA, 5, 1, 1, 12);
+    subscribe(oA, uiBound + 1, 1, 1);
+}
+
 TEST_F(PublicationTest, WaitsForSubscribersInTheGraceAfterAStart)
 {
     m_oSettings.m_uiGraceSeconds = 30;

@@ -192,6 +192,44 @@ TEST_F(RegistrationTest, RefusesTheKeyOfAProcessThatIsStopped)
     EXPECT_EQ(2u, gateway().pipes());
 }
 
+// A process that sends much, ends, and starts again at once: what it sent arrives, and then it has its key again.
+TEST_F(RegistrationTest, ReadsWhatAnEndedProcessSentBeforeItsKeyIsTaken)
+{
+    m_oSettings.m_ulPipeQueueBytes = 1 << 20;
+    CRawPipe oReceiver = pipe(8, 1);
+    for (unsigned int uiRound = 0; uiRound < 20; ++uiRound)
+    {
+        CRawPipe oOld = pipe(7, 3);
+        std::string strFrames;
+        for (unsigned int i = 0; i < 1000; ++i)
+        {
+            strFrames += frame(1, zolVekKey(7, 3), zolVekKey(8, 1), word32(i) + std::string(1000, 'x')).wire();
+        }
+        const std::future<void> oSent = std::async(std::launch::async,
+                                                   [&]
+                                                   {
+                                                       EXPECT_TRUE(oOld.send(strFrames));
+                                                       oOld.close();
+                                                       CRawPipe oNew = connection();
+                                                       EXPECT_EQ(0, oNew.registerAs(7, 3));
+                                                   });
+        for (unsigned int i = 0; i < 1000; ++i)
+        {
+            ASSERT_EQ(i, readWord32(next(oReceiver).m_strBody, 0));
+        }
+    }
+}
+
+// A newcomer that was refused after a probe and does not close is closed like any other.
+TEST_F(RegistrationTest, ClosesWhoWasRefusedAfterAProbe)
+{
+    const CRawPipe oFirst = pipe(7, 3);
+    CRawPipe oSecond = connection();
+    ASSERT_EQ(-9, oSecond.registerAs(7, 3));
+    gateway().pass(6s);
+    EXPECT_TRUE(oSecond.waitClosed());
+}
+
 TEST_F(RegistrationTest, IgnoresASecondRegisterMessage)
 {
     CRawPipe oPipe = pipe(7, 3);
