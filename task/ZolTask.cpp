@@ -6,7 +6,7 @@
 #include "ZolTaskMgr.h"
 #include "ZolTimer.h"
 #include "message/ZolCounters.h"
-#include "task/ZolMonotonic.h"
+#include "message/ZolMonotonic.h"
 #include "task/ZolPoll.h"
 #include "task/ZolTaskLog.h"
 #include "transport/ZolConnMgr.h"

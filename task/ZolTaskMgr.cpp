@@ -4,7 +4,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
-#include "task/ZolMonotonic.h"
+#include "message/ZolMonotonic.h"
 #include "task/ZolPoll.h"
 #include "task/ZolTaskLog.h"
 #include "task/ZolThreadSelf.h"

@@ -12,7 +12,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
-#include "task/ZolMonotonic.h"
+#include "message/ZolMonotonic.h"
 #include "task/ZolPoll.h"
 #include "task/ZolTaskLog.h"
 

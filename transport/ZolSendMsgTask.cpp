@@ -3,7 +3,7 @@
 #include "ZolAppMgr.h"
 #include "ZolRunLog.h"
 #include "message/ZolCounters.h"
-#include "task/ZolMonotonic.h"
+#include "message/ZolMonotonic.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolText.h"
 

@@ -1,5 +1,5 @@
-#ifndef ZOL_TASK_ZOLMONOTONIC_H
-#define ZOL_TASK_ZOLMONOTONIC_H
+#ifndef ZOL_MESSAGE_ZOLMONOTONIC_H
+#define ZOL_MESSAGE_ZOLMONOTONIC_H
 
 #include <ace/Condition_Attributes.h>
 #include <ace/Monotonic_Time_Policy.h>
