@@ -16,10 +16,9 @@
 /// Large blocks are cached too: the heap gives them back to the system at once, and the pages of the next one would be
 /// handed out and cleared again, which takes longer than copying a message into them.
 ///
-/// Memory:  a block carries a word in front that names its class. A magazine holds about 16 KiB of blocks (from 4 to
-/// 128
-///          of them, or one above 32 KiB), a thread two magazines of each class that it uses, all depots together at
-///          most MAX_DEPOT_BYTES: the room of a full queue of messages, so that a second burst finds the blocks of the
+/// Memory:  a block carries a word in front that names its class. A magazine holds about 16 KiB of blocks (4 to 128 of
+///          them, or one above 32 KiB), a thread two magazines of each class that it uses, all depots together at most
+///          MAX_DEPOT_BYTES: the room of a full queue of messages, so that a second burst finds the blocks of the
 ///          first. What does not fit goes back to the heap, and from there now and then to the system. A thread that
 ///          ends leaves what it holds to the depots. A request above LARGEST is passed straight on.
 /// Threads: any. A block may be freed by another thread than took it, also by one whose cache is gone already.
