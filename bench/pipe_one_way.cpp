@@ -1,6 +1,6 @@
 // R1: messages a second from a task's process to a task of another one, over a direct pipe.
 //
-//     pipe_one_way [payload bytes] [messages]
+//     pipe_one_way [payload bytes messages]        without them: 100 B, 1 KiB, 64 KiB and 1 MiB, each for itself
 
 #include "PipePair.h"
 
@@ -42,10 +42,30 @@ std::string nameOf(unsigned int uiPayload)
            "/zol";
 }
 
+// This program once for each size, since the library starts once in a process.
+int runAllSizes()
+{
+    const char *const aSizes[][2] = {{"100", "2000000"}, {"1024", "500000"}, {"65536", "20000"}, {"1048576", "1000"}};
+    for (const auto &aSize : aSizes)
+    {
+        joinChild(startChild(
+            [&aSize]
+            {
+                execl("/proc/self/exe", "bench_pipe_one_way", aSize[0], aSize[1], nullptr);
+                need(false, "running this program again");
+            }));
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    if (argc < 2)
+    {
+        return runAllSizes();
+    }
     const unsigned int uiPayload = argument(argc, argv, 1, PAYLOAD_BYTES);
     const unsigned int uiCount = argument(argc, argv, 2, 2000000);
     const unsigned short usPort = freePort();

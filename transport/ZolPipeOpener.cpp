@@ -125,6 +125,11 @@ void CZolPipeOpener::step()
 
 void CZolPipeOpener::connected()
 {
+    if (zolsocket::isOwnEcho(getHandle()))
+    {
+        errno = ECONNREFUSED; // it would read its own request as an answer, and the status in it as accepted
+        return fail("connect failed, error: ");
+    }
     CZolConnMgr *poMgr = CZolConnMgr::instance();
     m_eState = SENDING;
     m_oDeadline = zolsocket::in(std::chrono::seconds(zolpipe::REGISTER_SECONDS));

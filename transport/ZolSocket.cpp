@@ -77,6 +77,17 @@ int finishConnect(ACE_HANDLE oHandle)
     return iError == 0 ? 0 : -1;
 }
 
+bool isOwnEcho(ACE_HANDLE oHandle)
+{
+    sockaddr_in oOwn{};
+    sockaddr_in oPeer{};
+    socklen_t uiOwn = sizeof oOwn;
+    socklen_t uiPeer = sizeof oPeer;
+    return getsockname(oHandle, reinterpret_cast<sockaddr *>(&oOwn), &uiOwn) == 0 &&
+           getpeername(oHandle, reinterpret_cast<sockaddr *>(&oPeer), &uiPeer) == 0 &&
+           oOwn.sin_port == oPeer.sin_port && oOwn.sin_addr.s_addr == oPeer.sin_addr.s_addr;
+}
+
 int wait(ACE_HANDLE oHandle, short sEvents, Deadline oDeadline)
 {
     for (;;)

@@ -35,6 +35,10 @@ int startConnect(ACE_HANDLE oHandle, const ACE_INET_Addr &oAddr);
 /// Outcome of a connect that was under way and whose socket has become writable: 0, or -1 with its errno.
 int finishConnect(ACE_HANDLE oHandle);
 
+/// Whether a connected socket has met itself: a connect to a port of this machine that nobody serves may be given that
+/// very port as its own, and then it succeeds, with nobody at the other end.
+bool isOwnEcho(ACE_HANDLE oHandle);
+
 /// Waits for readiness. 1: ready (or in error, which the next call tells); 0: the deadline has passed, errno ETIME.
 int wait(ACE_HANDLE oHandle, short sEvents, Deadline oDeadline);
 

@@ -4,7 +4,9 @@
 #include "transport/TransportTest.h"
 #include "transport/ZolSocket.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <iterator>
 
 using namespace zoltest;
 
@@ -45,6 +47,12 @@ protected:
     long m_lNow;
     long m_lLastPoll = 0;
 };
+
+std::size_t openDescriptors()
+{
+    const std::filesystem::directory_iterator oBegin("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(oBegin, std::filesystem::directory_iterator()));
+}
 
 } // namespace
 
@@ -452,6 +460,7 @@ TEST_F(ConnMgrTest, SurvivesAChurnOfPipes)
         [&]
         {
             CRawPipe oSteady = peer(8, 1);
+            const std::size_t uiDescriptors = openDescriptors();
             std::atomic<bool> bEnd{false};
             std::thread oCloser(
                 [&]
@@ -504,6 +513,7 @@ TEST_F(ConnMgrTest, SurvivesAChurnOfPipes)
             EXPECT_TRUE(waitUntil([&] { return m_oInbox.count() > 0 && m_oInbox.all().back().m_ulCmd == 4711; }));
             EXPECT_TRUE(mgr().isConnected(8, 1));
             EXPECT_TRUE(waitUntil([&] { return countOf(mgr().dumpConnections(), "OppProcID: 9") == 0; }));
+            EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= uiDescriptors; })) << "sockets were left open";
         });
 }
 

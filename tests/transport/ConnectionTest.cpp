@@ -2,8 +2,11 @@
 
 #include "transport/TransportTest.h"
 #include "transport/ZolConnection.h"
+#include "transport/ZolSocket.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 
 using namespace zoltest;
 
@@ -120,6 +123,25 @@ TEST_F(ConnectionTest, FailsWithoutAProperAnswer)
     EXPECT_TRUE(logHas("recv response of register failed, error: 104, "));
     EXPECT_EQ(-1, m_oConn->connect()) << "nothing listens any more";
     EXPECT_TRUE(logHas("connect failed, error: 111, "));
+}
+
+// A socket that connects to the port that is its own meets itself, and its request comes back like an answer. The
+// system brings that about now and then for a port that nobody serves; bound to it beforehand, it always happens.
+TEST_F(ConnectionTest, TellsASocketThatHasMetItself)
+{
+    const int iSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    CRawPipe oSelf(iSocket);
+    sockaddr_in oAddr{};
+    oAddr.sin_family = AF_INET;
+    oAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    oAddr.sin_port = htons(freePort());
+    ASSERT_EQ(0, bind(iSocket, reinterpret_cast<sockaddr *>(&oAddr), sizeof oAddr));
+    EXPECT_FALSE(zolsocket::isOwnEcho(iSocket));
+    ASSERT_EQ(0, connect(iSocket, reinterpret_cast<sockaddr *>(&oAddr), sizeof oAddr));
+    EXPECT_TRUE(zolsocket::isOwnEcho(iSocket));
+    CRawListener oListener;
+    const CRawPipe oPipe = CRawPipe::connectTo(oListener.port());
+    EXPECT_FALSE(zolsocket::isOwnEcho(oPipe.socket()));
 }
 
 // A far end that accepts and then drips has 5 s for the whole exchange, not 5 s for each byte.
