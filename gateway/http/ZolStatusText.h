@@ -9,8 +9,8 @@
 /// labels with few values: what one process does is in the JSON text, not here.
 std::string zolMetricsText(const SZolGatewaySnapshot &oSnapshot);
 
-/// The snapshot as one JSON object with all pipes, edges, subscriptions, events and settings. doc/monitoring.md lists its
-/// members.
+/// The snapshot as one JSON object with all pipes, edges, subscriptions, events and settings. doc/monitoring.md lists
+/// its members.
 std::string zolStatusJson(const SZolGatewaySnapshot &oSnapshot);
 
 /// Appends strText as a JSON string with its quotes. Any bytes are allowed: what is no UTF-8 becomes U+FFFD, and '<' is
