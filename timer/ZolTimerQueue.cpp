@@ -13,17 +13,7 @@ namespace
 {
 const std::int64_t MICROS = 1000000;
 const std::int64_t FAR_AWAY = INT64_MAX / 4; // more than 70,000 years: two of them and a clock still add up
-const std::uint32_t FIRST_CHILD = 4;         // of a node at place p: 4p + 1
 } // namespace
-
-bool CZolTimerQueue::SEntry::isBefore(const SEntry &oOther) const
-{
-    if (m_llExpiry != oOther.m_llExpiry)
-    {
-        return m_llExpiry < oOther.m_llExpiry;
-    }
-    return static_cast<std::int32_t>(m_uiOrder - oOther.m_uiOrder) < 0; // the count wraps
-}
 
 CZolTimerQueue::Micros CZolTimerQueue::now()
 {
@@ -87,10 +77,7 @@ long CZolTimerQueue::armLocked(ACE_Event_Handler *poHandler, const void *pvArg, 
     oSlot.m_poHandler = poHandler;
     oSlot.m_pvArg = pvArg;
     oSlot.m_llInterval = std::max<Micros>(llInterval, 0);
-
-    const SEntry oEntry = {llExpiry, m_uiOrder++, uiSlot};
-    m_arrHeap.push_back(oEntry);
-    moveUp(static_cast<std::uint32_t>(m_arrHeap.size() - 1), oEntry);
+    m_oHeap.add(uiSlot, llExpiry);
     if (llExpiry < m_llSleepsUntil)
     {
         m_llSleepsUntil = llExpiry; // one wake-up serves all that come later than this one
@@ -100,21 +87,17 @@ long CZolTimerQueue::armLocked(ACE_Event_Handler *poHandler, const void *pvArg, 
     return idOf(uiSlot);
 }
 
-/// A page of free slots more, with room in the two arrays, so that nothing but this can run out of memory.
+/// A page of free slots more, with room for them in the other arrays, so that nothing but this can run out of memory.
 bool CZolTimerQueue::makeSlots()
 {
     const size_t uiSlots = m_arrPages.size() * SLOT_PAGE;
-    if (uiSlots + SLOT_PAGE > NOWHERE)
+    if (uiSlots + SLOT_PAGE > UINT32_MAX || !m_oHeap.reserve(uiSlots + SLOT_PAGE))
     {
         return false;
     }
     try
     {
-        if (m_arrHeap.capacity() < uiSlots + SLOT_PAGE)
-        {
-            m_arrHeap.reserve(std::max(uiSlots + SLOT_PAGE, uiSlots + uiSlots / 2));
-            m_arrFree.reserve(m_arrHeap.capacity());
-        }
+        m_arrFree.reserve(std::max(m_arrFree.capacity(), uiSlots + uiSlots / 2 + SLOT_PAGE));
         m_arrPages.push_back(std::make_unique<SSlot[]>(SLOT_PAGE));
     }
     catch (const std::bad_alloc &)
@@ -123,7 +106,6 @@ bool CZolTimerQueue::makeSlots()
     }
     for (std::uint32_t ui = SLOT_PAGE; ui-- > 0;)
     {
-        m_arrPages.back()[ui].m_uiPlace = NOWHERE;
         m_arrFree.push_back(static_cast<std::uint32_t>(uiSlots) + ui);
     }
     return true;
@@ -141,79 +123,14 @@ CZolTimerQueue::SSlot *CZolTimerQueue::findSlot(long lTimerId) const
     {
         return nullptr;
     }
-    SSlot &oSlot = slot(uiSlot);
-    return oSlot.m_uiPlace != NOWHERE && idOf(uiSlot) == lTimerId ? &oSlot : nullptr;
+    return m_oHeap.holds(uiSlot) && idOf(uiSlot) == lTimerId ? &slot(uiSlot) : nullptr;
 }
 
-void CZolTimerQueue::freeSlot(std::uint32_t uiSlot)
+void CZolTimerQueue::remove(std::uint32_t uiSlot)
 {
-    SSlot &oSlot = slot(uiSlot);
-    oSlot.m_uiPlace = NOWHERE;
-    ++oSlot.m_uiUse;
+    m_oHeap.remove(uiSlot);
+    ++slot(uiSlot).m_uiUse;
     m_arrFree.push_back(uiSlot);
-}
-
-void CZolTimerQueue::put(std::uint32_t uiPlace, const SEntry &oEntry)
-{
-    m_arrHeap[uiPlace] = oEntry;
-    slot(oEntry.m_uiSlot).m_uiPlace = uiPlace;
-}
-
-/// Finds the place of oEntry from uiPlace, which is free, upwards.
-void CZolTimerQueue::moveUp(std::uint32_t uiPlace, const SEntry &oEntry)
-{
-    while (uiPlace > 0)
-    {
-        const std::uint32_t uiParent = (uiPlace - 1) / FIRST_CHILD;
-        if (!oEntry.isBefore(m_arrHeap[uiParent]))
-        {
-            break;
-        }
-        put(uiPlace, m_arrHeap[uiParent]);
-        uiPlace = uiParent;
-    }
-    put(uiPlace, oEntry);
-}
-
-/// The same downwards.
-void CZolTimerQueue::moveDown(std::uint32_t uiPlace, const SEntry &oEntry)
-{
-    const auto uiSize = static_cast<std::uint32_t>(m_arrHeap.size());
-    for (std::uint64_t ulChild = std::uint64_t{FIRST_CHILD} * uiPlace + 1; ulChild < uiSize;
-         ulChild = std::uint64_t{FIRST_CHILD} * uiPlace + 1)
-    {
-        auto uiLeast = static_cast<std::uint32_t>(ulChild);
-        const auto uiEnd = static_cast<std::uint32_t>(std::min<std::uint64_t>(ulChild + FIRST_CHILD, uiSize));
-        for (std::uint32_t ui = uiLeast + 1; ui < uiEnd; ++ui)
-        {
-            uiLeast = m_arrHeap[ui].isBefore(m_arrHeap[uiLeast]) ? ui : uiLeast;
-        }
-        if (!m_arrHeap[uiLeast].isBefore(oEntry))
-        {
-            break;
-        }
-        put(uiPlace, m_arrHeap[uiLeast]);
-        uiPlace = uiLeast;
-    }
-    put(uiPlace, oEntry);
-}
-
-void CZolTimerQueue::removeAt(std::uint32_t uiPlace)
-{
-    const SEntry oLast = m_arrHeap.back();
-    m_arrHeap.pop_back();
-    if (uiPlace == m_arrHeap.size())
-    {
-        return;
-    }
-    if (uiPlace > 0 && oLast.isBefore(m_arrHeap[(uiPlace - 1) / FIRST_CHILD]))
-    {
-        moveUp(uiPlace, oLast);
-    }
-    else
-    {
-        moveDown(uiPlace, oLast);
-    }
 }
 
 int CZolTimerQueue::reset_interval(long lTimerId, const ACE_Time_Value &oInterval)
@@ -243,8 +160,7 @@ int CZolTimerQueue::cancel(long lTimerId, const void **ppvArg, int iDontCallHand
         {
             *ppvArg = poSlot->m_pvArg;
         }
-        removeAt(poSlot->m_uiPlace);
-        freeSlot(static_cast<std::uint32_t>(lTimerId));
+        remove(static_cast<std::uint32_t>(lTimerId));
     }
     if (iDontCallHandleClose == 0)
     {
@@ -260,10 +176,9 @@ int CZolTimerQueue::cancel(ACE_Event_Handler *const &poHandler, int iDontCallHan
         const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
         for (std::uint32_t ui = 0; ui < m_arrPages.size() * SLOT_PAGE; ++ui)
         {
-            if (slot(ui).m_uiPlace != NOWHERE && slot(ui).m_poHandler == poHandler)
+            if (m_oHeap.holds(ui) && slot(ui).m_poHandler == poHandler)
             {
-                removeAt(slot(ui).m_uiPlace);
-                freeSlot(ui);
+                remove(ui);
                 ++iCancelled;
             }
         }
@@ -284,7 +199,7 @@ void CZolTimerQueue::waitUntilDue(Micros llLimit)
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
     while (!m_bWoken)
     {
-        m_llSleepsUntil = m_arrHeap.empty() ? llLimit : std::min(llLimit, m_arrHeap.front().m_llExpiry);
+        m_llSleepsUntil = m_oHeap.isEmpty() ? llLimit : std::min(llLimit, m_oHeap.earliest());
         if (m_llSleepsUntil <= now())
         {
             break;
@@ -334,28 +249,26 @@ unsigned int CZolTimerQueue::wakeUps() const
 bool CZolTimerQueue::takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const void *&pvArg)
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    if (m_arrHeap.empty() || m_arrHeap.front().m_llExpiry > llNow)
+    if (m_oHeap.isEmpty() || m_oHeap.earliest() > llNow)
     {
         return false;
     }
-    SEntry oEntry = m_arrHeap.front();
-    const SSlot &oSlot = slot(oEntry.m_uiSlot);
+    const std::uint32_t uiSlot = m_oHeap.earliestSlot();
+    const SSlot &oSlot = slot(uiSlot);
     poHandler = oSlot.m_poHandler;
     pvArg = oSlot.m_pvArg;
-    m_lFiringId = idOf(oEntry.m_uiSlot);
+    m_lFiringId = idOf(uiSlot);
     if (oSlot.m_llInterval == 0)
     {
-        removeAt(0);
-        freeSlot(oEntry.m_uiSlot);
+        remove(uiSlot);
         return true;
     }
-    oEntry.m_llExpiry += oSlot.m_llInterval;
-    if (oEntry.m_llExpiry <= llNow)
+    Micros llNext = m_oHeap.earliest() + oSlot.m_llInterval;
+    if (llNext <= llNow)
     {
-        oEntry.m_llExpiry += ((llNow - oEntry.m_llExpiry) / oSlot.m_llInterval + 1) * oSlot.m_llInterval;
+        llNext += ((llNow - llNext) / oSlot.m_llInterval + 1) * oSlot.m_llInterval;
     }
-    oEntry.m_uiOrder = m_uiOrder++;
-    moveDown(0, oEntry);
+    m_oHeap.postponeEarliest(llNext);
     return true;
 }
 
@@ -402,13 +315,13 @@ int CZolTimerQueue::expire()
 bool CZolTimerQueue::is_empty() const
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    return m_arrHeap.empty();
+    return m_oHeap.isEmpty();
 }
 
 const ACE_Time_Value &CZolTimerQueue::earliest_time() const
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    m_oEarliest = m_arrHeap.empty() ? ACE_Time_Value::zero : toTime(m_arrHeap.front().m_llExpiry);
+    m_oEarliest = m_oHeap.isEmpty() ? ACE_Time_Value::zero : toTime(m_oHeap.earliest());
     return m_oEarliest;
 }
 
@@ -425,11 +338,11 @@ ACE_Time_Value *CZolTimerQueue::calculate_timeout(ACE_Time_Value *poMax)
 ACE_Time_Value *CZolTimerQueue::calculate_timeout(ACE_Time_Value *poMax, ACE_Time_Value *poTimeout)
 {
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
-    if (m_arrHeap.empty() || poTimeout == nullptr)
+    if (m_oHeap.isEmpty() || poTimeout == nullptr)
     {
         return poMax;
     }
-    *poTimeout = toTime(std::max<Micros>(m_arrHeap.front().m_llExpiry - now(), 0));
+    *poTimeout = toTime(std::max<Micros>(m_oHeap.earliest() - now(), 0));
     return poMax != nullptr && *poMax < *poTimeout ? poMax : poTimeout;
 }
 

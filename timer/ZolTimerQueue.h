@@ -1,6 +1,8 @@
 #ifndef ZOL_TIMER_QUEUE_H
 #define ZOL_TIMER_QUEUE_H
 
+#include "timer/ZolExpiryHeap.h"
+
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
@@ -24,7 +26,7 @@ class ACE_Command_Base;
 /// Ownership: handlers stay the caller's; their reference counts are not looked at.
 /// Ids:       a slot in the low 32 bits and the count of its uses above, so that an id is never given out again and one
 ///            that has lapsed is told from the one that took its place.
-/// Cost:      O(log n) in a flat array whose entries hold all that the order needs; about 60 bytes a timer.
+/// Cost:      O(log n); about 60 bytes a timer, for as many as were ever alive at once.
 class CZolTimerQueue : public ACE_Timer_Queue
 {
 public:
@@ -71,25 +73,16 @@ public:
 
 private:
     static const std::uint32_t SLOT_PAGE = 1024; // slots are made by the page and never move
-    static const std::uint32_t NOWHERE = 0xFFFFFFFF;
 
-    /// Microseconds of the monotonic clock, which do not overflow for any delay that is let through.
-    using Micros = std::int64_t;
+    /// Of the monotonic clock; they do not overflow for any delay that is let through.
+    using Micros = CZolExpiryHeap::Micros;
 
     struct SSlot
     {
         ACE_Event_Handler *m_poHandler;
         const void *m_pvArg;
-        Micros m_llInterval;     // 0 fires once
-        std::uint32_t m_uiPlace; // in the heap; NOWHERE while the slot is free
-        std::uint32_t m_uiUse;   // how often the slot has been given out
-    };
-    struct SEntry
-    {
-        Micros m_llExpiry;
-        std::uint32_t m_uiOrder; // equal expiries go in the order in which they were armed
-        std::uint32_t m_uiSlot;
-        bool isBefore(const SEntry &oOther) const;
+        Micros m_llInterval;   // 0 fires once
+        std::uint32_t m_uiUse; // how often the slot has been given out
     };
 
     /// No iteration: nothing asks this queue for it.
@@ -116,20 +109,15 @@ private:
     SSlot *findSlot(long lTimerId) const;
     bool makeSlots();
     long idOf(std::uint32_t uiSlot) const;
-    void freeSlot(std::uint32_t uiSlot);
-    void put(std::uint32_t uiPlace, const SEntry &oEntry);
-    void moveUp(std::uint32_t uiPlace, const SEntry &oEntry);
-    void moveDown(std::uint32_t uiPlace, const SEntry &oEntry);
-    void removeAt(std::uint32_t uiPlace);
+    void remove(std::uint32_t uiSlot);
 
     mutable ACE_Thread_Mutex m_oLock;           // leaf; guards all below but what says otherwise
-    ACE_Condition<ACE_Thread_Mutex> m_oEarlier; // with m_oLock; monotonic; signalled when m_llSleepsUntil moves forward
+    ACE_Condition<ACE_Thread_Mutex> m_oEarlier; // with m_oLock; monotonic; signalled when m_llSleepsUntil gets less
 
     std::vector<std::unique_ptr<SSlot[]>> m_arrPages;
-    std::vector<std::uint32_t> m_arrFree; // free slots, the one freed last on top; holds room for all of them
-    std::vector<SEntry> m_arrHeap;        // four children to a node; has room for all slots
-    std::uint32_t m_uiOrder = 0;
-    Micros m_llSleepsUntil = AWAKE; // when the reactor's thread wakes by itself; AWAKE while it does not wait
+    std::vector<std::uint32_t> m_arrFree; // free slots, the one freed last on top; has room for all of them
+    CZolExpiryHeap m_oHeap;               // slots of the armed timers; has room for all of them
+    Micros m_llSleepsUntil = AWAKE;       // when the reactor's thread wakes by itself; AWAKE while it does not wait
     unsigned int m_uiWakeUps = 0;
     bool m_bWoken = false; // by wake()
 
