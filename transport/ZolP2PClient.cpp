@@ -78,6 +78,11 @@ bool CExchange::connect(int iTimeout)
     {
         iResult = waitForConnect(iTimeout) ? zolsocket::finishConnect(m_oStream.get_handle()) : -1;
     }
+    if (iResult == 0 && zolsocket::isOwnEcho(m_oStream.get_handle()))
+    {
+        errno = ECONNREFUSED; // the request would come back as its own answer
+        iResult = -1;
+    }
     return check(iResult, "connect to remote (", ") failed, error: ");
 }
 
