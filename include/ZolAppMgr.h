@@ -91,6 +91,9 @@ public:
     unsigned short getProcID() const;
     unsigned short getProcHandle() const;
 
+    /// Whether the message is addressed to this very process: id and handle are both its own.
+    bool isThisProcess(const CZolMsgPdu &oMsg) const;
+
     EnumConnectionStatus statusOfConnToVek();
 
     /// The task that the calling thread runs, or null.

@@ -167,6 +167,7 @@ private:
         DISPATCH_DELETE = 2 // the calling thread is to delete the task, which nobody else touches any more
     };
 
+    using MsgHandler = void (CZolTask::*)(const CZolMsgPdu *);
     using PduHolder = std::unique_ptr<CZolMsgPdu>; // gives the message up also when the thread is cancelled
 
     unsigned short acquireTaskID(unsigned short usTaskID); // the caller holds m_oTaskLock for writing
@@ -192,7 +193,7 @@ private:
     int processTaskMsg(CZolTask *poTask, unsigned long ulThreadID, EnumTaskState &eState);
     CZolMsgPdu *nextMsgOf(CZolTask &oTask, unsigned long ulThreadID, EnumTaskState &eState);
     void processOneMsg(CZolTask &oTask, CZolMsgPdu *poMsg);
-    void processRequest(CZolTask &oTask, const CZolMsgPdu &oMsg);
+    void processRequest(CZolTask &oTask, const CZolMsgPdu &oMsg, MsgHandler pfnHandler, const char *pcScope);
     void processTimer(CZolTask &oTask, PduHolder &oHolder);
     template <typename Handler>
     void callHandler(CZolTask &oTask, std::uint32_t ulCmdID, Handler fnHandler);

@@ -327,6 +327,12 @@ unsigned short CZolAppMgr::getProcHandle() const
     return CZolConnMgr::instance()->getProcHandle();
 }
 
+bool CZolAppMgr::isThisProcess(const CZolMsgPdu &oMsg) const
+{
+    const CZolConnMgr *poConnMgr = CZolConnMgr::instance();
+    return oMsg.m_usDestProcID == poConnMgr->getProcID() && oMsg.m_usDestProcHandle == poConnMgr->getProcHandle();
+}
+
 EnumConnectionStatus CZolAppMgr::statusOfConnToVek()
 {
     return CZolConnMgr::instance()->isConnected(0, 0) ? CONN_STATUS_UP : CONN_STATUS_DOWN;
