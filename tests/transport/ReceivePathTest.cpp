@@ -373,3 +373,74 @@ TEST_F(ReceivePathTest, StopsReadingWhileAQueueIsFull)
         },
         "ZOLQueueSize = 1\n"); // raised to the least, 26214400
 }
+
+// The reactor that waits for room in a full queue is the thread that ends the process: it must notice.
+TEST_F(ReceivePathTest, EndsTheProcessWhileAQueueIsFull)
+{
+    std::unique_lock<std::mutex> oClosed(m_oGate, std::defer_lock);
+    CRawPipe oPeer;
+    std::thread oSender;
+    serve(
+        [&]
+        {
+            oPeer = peer();
+            oClosed.lock();
+            oSender = std::thread(
+                [&]
+                {
+                    const std::string strFrame = toSink(1, std::string(1 << 20, 'x')).wire();
+                    for (int i = 0; i < 60 && oPeer.send(strFrame, Milliseconds(500)); ++i)
+                    {
+                    }
+                });
+            CZolTaskMgr *poManager = CZolAppMgr::instance()->findTaskMgr(COLLECTOR);
+            EXPECT_TRUE(waitUntil([&] { return poManager->getBytesOfBufferMsg() >= 26214400; }));
+            CZolAppMgr::instance()->exitThreads();
+            oClosed.unlock(); // the handler that runs is waited for, and only that
+        },
+        "ZOLQueueSize = 1\n");
+    oSender.join();
+    EXPECT_LT(m_oInbox.count(), 25U) << "the whole queue was served first";
+}
+
+// A pipe that is written by the send thread from its first moment on, and read by the reactor: neither may make the
+// socket wait for the other.
+TEST_F(ReceivePathTest, ServesOthersAfterAFloodBothWaysOnAFreshPipe)
+{
+    serve(
+        [&]
+        {
+            CRawPipe oOther = peer(10, 1);
+            for (unsigned int iRound = 0; iRound < 10; ++iRound)
+            {
+                std::atomic<bool> bEnd{false};
+                std::thread oSender(
+                    [&]
+                    {
+                        while (!bEnd)
+                        {
+                            CZolMsgPdu *poPdu = newMessage(9, 1, 1, std::string(1000, 'x'));
+                            CZolAppMgr::instance()->sendAsynMsg(poPdu); // refused until the peer is there
+                            std::this_thread::yield();
+                        }
+                    });
+                CRawPipe oPeer = peer();
+                std::string strAll;
+                for (unsigned int i = 0; i < 500; ++i)
+                {
+                    strAll += toSink(i, std::string(1000, 'y')).wire();
+                }
+                EXPECT_TRUE(oPeer.send(strAll));
+                EXPECT_EQ(1000U, oPeer.read(1000).size());
+                bEnd = true;
+                oSender.join();
+                EXPECT_TRUE(m_oInbox.waitFor(500));
+                m_oInbox.clear();
+                ASSERT_TRUE(oOther.send(toSink(4711).wire())); // while the flooded pipe is idle
+                ASSERT_TRUE(m_oInbox.waitFor(1));
+                m_oInbox.clear();
+                oPeer.close();
+                ASSERT_TRUE(waitUntil([] { return !CZolConnMgr::instance()->isProcRegistered(9, 1); }));
+            }
+        });
+}

@@ -304,6 +304,32 @@ TEST_F(SendPathTest, MakesSendersWaitWhileTheListIsFull)
         "ZOLQueueSize = 1\n"); // raised to the least, 26214400
 }
 
+// A sender that waits for room is let go when the process ends.
+TEST_F(SendPathTest, LetsWaitingSendersGoAtTheEnd)
+{
+    CRawPipe oPeer;
+    std::thread oSender;
+    std::atomic<int> iResult{0};
+    serve(
+        [&]
+        {
+            oPeer = peer(); // and never reads
+            oSender = std::thread(
+                [&]
+                {
+                    while (iResult == 0)
+                    {
+                        CZolMsgPdu *poPdu = newMessage(9, 1, 1, std::string(1 << 20, 'x'));
+                        iResult = CZolAppMgr::instance()->sendAsynMsg(poPdu);
+                    }
+                });
+            EXPECT_TRUE(waitUntil([] { return CZolSendMsgTask::instance()->bytesWaiting() >= 26214400; }));
+        },
+        "ZOLQueueSize = 1\n");
+    oSender.join();
+    EXPECT_EQ(ZOL_ERR_FAILED, iResult);
+}
+
 // A peer that is stopped takes the send thread along until its pipe goes; then the others get theirs at once.
 TEST_F(SendPathTest, DeliversToOthersOnceAStalledPeerIsGone)
 {
