@@ -79,7 +79,7 @@ void decodeAsAll(const std::string &strBody)
 
 TEST(HostileBerTest, SurvivesEveryDepth)
 {
-    for (const unsigned int uiDepth : {1000U, 10000U, 1000000U})
+    for (const unsigned int uiDepth : {1000U, 10000U, 200000U})
     {
         const struct
         {
