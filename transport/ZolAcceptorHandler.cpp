@@ -193,39 +193,48 @@ void CZolAcceptorHandler::readFirstMessage(CZolConnection *poConn)
         oDebug.error(zoltext("the message is error, ", pcReason, sourceOf(*poHeader)).c_str());
         return;
     }
-    // a register message has room here; a request gets memory of its own
-    std::unique_ptr<CZolMsgPdu> poRequest;
     if (poHeader->m_ucMsgType == CZolMsgPdu::MSG_REQUEST)
     {
-        poRequest.reset(new (poHeader->m_ulDataLength + zolpipe::HEADER_LENGTH) CZolMsgPdu);
-        if (!poRequest)
-        {
-            return;
-        }
-        *poRequest = *poHeader;
-        poRequest->m_usHeaderLength = zolpipe::HEADER_LENGTH; // there is no more of it than this
+        takeRequest(std::move(oConn), *poHeader);
     }
-    CZolMsgPdu *poWhole = poRequest ? poRequest.get() : poHeader;
-    char *pcBody = reinterpret_cast<char *>(poWhole) + zolpipe::HEADER_LENGTH;
-    if (poHeader->m_ulDataLength != 0 && !readWithin(poConn, pcBody, poHeader->m_ulDataLength))
+    else if (readBody(poConn, poHeader)) // the local buffer has room for it
     {
-        oDebug.error(zoltext("receive pdu body failed, procID: ", poHeader->m_usSrcProcID,
-                             ", procHandle: ", poHeader->m_usSrcProcHandle)
+        registPipe(poHeader, poConn);
+    }
+}
+
+// Reads the payload behind a header of 28 bytes in host order.
+bool CZolAcceptorHandler::readBody(CZolConnection *poConn, CZolMsgPdu *poPdu)
+{
+    CZolDebugInfo oDebug("CZolAcceptorHandler::handle_input");
+    char *pcBody = reinterpret_cast<char *>(poPdu) + zolpipe::HEADER_LENGTH;
+    if (poPdu->m_ulDataLength != 0 && !readWithin(poConn, pcBody, poPdu->m_ulDataLength))
+    {
+        oDebug.error(zoltext("receive pdu body failed, procID: ", poPdu->m_usSrcProcID,
+                             ", procHandle: ", poPdu->m_usSrcProcHandle)
                          .c_str());
-        return;
+        return false;
     }
     if (CZolRunLog::isReady())
     {
         oDebug.info("receive a pipe message successfully.");
-        poWhole->printf();
+        poPdu->printf();
     }
-    if (poRequest)
+    return true;
+}
+
+void CZolAcceptorHandler::takeRequest(CZolConnRef oConn, const CZolMsgPdu &oHeader)
+{
+    std::unique_ptr<CZolMsgPdu> poRequest(new (oHeader.m_ulDataLength + zolpipe::HEADER_LENGTH) CZolMsgPdu);
+    if (!poRequest)
+    {
+        return;
+    }
+    *poRequest = oHeader;
+    poRequest->m_usHeaderLength = zolpipe::HEADER_LENGTH; // there is no more of it than this
+    if (readBody(oConn.get(), poRequest.get()))
     {
         handOver(std::move(oConn), poRequest.release());
-    }
-    else
-    {
-        registPipe(poHeader, poConn);
     }
 }
 

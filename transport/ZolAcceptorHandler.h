@@ -53,6 +53,8 @@ private:
     CZolConnection *acceptConnection();
     void refuseForWantOfDescriptors();
     void readFirstMessage(CZolConnection *poConn);
+    static bool readBody(CZolConnection *poConn, CZolMsgPdu *poPdu);
+    static void takeRequest(CZolConnRef oConn, const CZolMsgPdu &oHeader);
     static void handOver(CZolConnRef oConn, CZolMsgPdu *poRequest);
     int registPipe(CZolMsgPdu *poPdu, CZolConnection *poConn);                              // 0 or -1
     int sendRegisterResponse(ACE_SOCK_Stream &oStream, CZolMsgPdu *poRequest, int iStatus); // 0 or -1; never waits
