@@ -58,6 +58,9 @@ protected:
     /// Starts the gateway with m_oSettings, if it does not run yet.
     CGatewayThread &gateway();
 
+    /// Ends the gateway, before what a test gave it goes.
+    void endGateway() { m_poGateway.reset(); }
+
     /// A connection that has not registered.
     CRawPipe connection() { return CRawPipe::connectTo(gateway().port()); }
 

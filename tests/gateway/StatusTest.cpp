@@ -67,8 +67,9 @@ protected:
         return ulFrames;
     }
 
-    // leaked, since it must outlive the gateway, which the base owns
-    CZolSnapshotExchange &m_oExchange = *new CZolSnapshotExchange; // NOLINT
+    void TearDown() override { endGateway(); }
+
+    CZolSnapshotExchange m_oExchange;
 };
 
 TEST_F(GatewayStatusTest, CountsWhatPassed)

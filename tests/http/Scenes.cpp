@@ -127,9 +127,7 @@ void fillFifty(SZolGatewaySnapshot &oSnapshot, double dSeconds)
 {
     for (unsigned short usIndex = 0; usIndex < 50; ++usIndex)
     {
-        const unsigned short usID = usIndex < 8    ? 10
-                                    : usIndex < 30 ? 20
-                                                   : static_cast<unsigned short>(31 + usIndex % 7);
+        const auto usID = static_cast<unsigned short>(usIndex < 8 ? 10 : usIndex < 30 ? 20 : 31 + usIndex % 7);
         addPipe(oSnapshot, usID, static_cast<unsigned short>(1 + usIndex));
         const SZolPipeView &oPipe = oSnapshot.m_oPipes.back();
         addEvent(oSnapshot, static_cast<double>(oPipe.m_lSinceMs - START_MS) / 1000, ZOL_EVENT_INFO,
