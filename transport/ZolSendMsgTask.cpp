@@ -63,9 +63,11 @@ int CZolSendMsgTask::sendMsg(CZolMemBlock *poBlock, bool bWait)
     }
     m_oMsgList.insert(poBlock);
     m_ulMsgBytes += ulBytes;
-    if (m_bIdle)
+    const bool bWake = m_bIdle;
+    m_bIdle = false;
+    oGuard.release(); // the thread that is woken would only go to sleep again, at the lock
+    if (bWake)
     {
-        m_bIdle = false;
         m_oNotEmpty.signal();
     }
     return 0;
