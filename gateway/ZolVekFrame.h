@@ -105,7 +105,11 @@ public:
         return zolVekKey(zolVekRead16(m_pcData + VEK_AT_SRC_PROC), zolVekRead16(m_pcData + VEK_AT_SRC_HANDLE));
     }
     /// A block of a big message: receivers join those by source alone.
-    bool isBlock() const { return type() == CZolMsgPdu::MSG_BIG_REQUEST || type() == CZolMsgPdu::MSG_BIG_RESPONSE; }
+    bool isBlock() const
+    {
+        return type() == CZolMsgPdu::MSG_BIG_REQUEST || type() == CZolMsgPdu::MSG_BIG_RESPONSE ||
+               type() == CZolMsgPdu::MSG_BIG_MULTICAST;
+    }
 
     /// The frame's own memory, for one that was too large for the shared read buffer; else null.
     SZolVekRecord *m_poRecord = nullptr;

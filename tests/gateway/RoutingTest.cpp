@@ -151,6 +151,29 @@ TEST_F(RoutingTest, FindsAProcessByItsIdAlone)
     EXPECT_TRUE(waitUntil([&] { return gateway().statistics().m_ulDropNoRoute == 12; }));
 }
 
+// A better pipe for an id that comes up while a big message is under way to another one gets what follows it.
+TEST_F(RoutingTest, MovesToAnotherPipeOnlyBetweenMessages)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oFirst = pipe(8, 1);
+    const auto fnSend = [&](std::uint8_t ucType, std::uint16_t usSegment, const char *pcBody)
+    {
+        SFrame oFrame = frame(ucType, A, zolVekKey(8, 0), pcBody);
+        oFrame.m_usSegment = usSegment;
+        ASSERT_TRUE(oA.send(oFrame.wire()));
+    };
+    fnSend(6, 1, "one");
+    EXPECT_EQ("one", next(oFirst).m_strBody);
+    CRawPipe oNoHandle = pipe(8, 0, 1);
+    fnSend(6, 2, "two");
+    fnSend(6, 0, "end");
+    fnSend(1, 0, "behind");
+    EXPECT_EQ("two", next(oFirst).m_strBody);
+    EXPECT_EQ("end", next(oFirst).m_strBody);
+    EXPECT_EQ("behind", next(oNoHandle).m_strBody);
+    expectSilence(oFirst);
+}
+
 TEST_F(RoutingTest, BroadcastsToAllButTheSender)
 {
     CRawPipe oA = pipe(7, 1);

@@ -1,0 +1,72 @@
+#ifndef ZOL_VEK_BACK_PRESSURE_H
+#define ZOL_VEK_BACK_PRESSURE_H
+
+#include "ZolVekDelivery.h"
+#include "ZolVekRoutes.h"
+#include "ZolVekSettings.h"
+
+#include <algorithm>
+
+/// Whether a frame may join a queue.
+enum EnumZolVekRoom
+{
+    VEK_ROOM_YES,
+    VEK_ROOM_WAIT, ///< the source is to wait for the target
+    VEK_ROOM_DROP  ///< the frame is lost for this target, and has been counted
+};
+
+/// Holds queues and memory to their bounds, and keeps who waits for whom.
+///
+/// Threads: the routing thread only.
+class CZolVekBackPressure
+{
+public:
+    CZolVekBackPressure(const SZolVekSettings &oSettings, SZolVekStatistics &oStatistics, const SZolVekMemory &oMemory,
+                        const CZolVekRoutes &oRoutes, SZolVekAgenda &oAgenda, CZolVekDelivery &oDelivery)
+        : m_oSettings(oSettings), m_oStatistics(oStatistics), m_oMemory(oMemory), m_oRoutes(oRoutes),
+          m_oAgenda(oAgenda), m_oDelivery(oDelivery)
+    {
+    }
+    CZolVekBackPressure(const CZolVekBackPressure &) = delete;
+    CZolVekBackPressure &operator=(const CZolVekBackPressure &) = delete;
+
+    /// Works out the bound of a queue for this turn.
+    void beginTurn();
+
+    /// The queue is below its bound. A caller that gets false asks roomAt() what to do.
+    bool isLow(const CZolVekSession &oTarget) const { return oTarget.m_oOutbox.bytes() < m_ulLimit; }
+
+    /// What a large frame may still take of the total bound.
+    std::uint64_t freeBytes() const
+    {
+        return m_oSettings.m_ulTotalQueueBytes - std::min(m_oSettings.m_ulTotalQueueBytes, m_oMemory.m_ulBytes);
+    }
+
+    /// poFrom is null for a source that has gone.
+    EnumZolVekRoom roomAt(CZolVekSession &oTarget, const CZolVekSession *poFrom, const CZolVekFrame &oFrame);
+
+    /// oFrom is not read until oTarget can take frames again; the two may be the same.
+    EnumZolVekVerdict stall(CZolVekSession &oFrom, CZolVekSession &oTarget);
+
+    /// Wakes the pipes that wait for oTarget, if its queue has gone down to half.
+    void wakeWaiters(CZolVekSession &oTarget);
+
+    /// Whoever waited for oSession goes on, and it waits for nobody any more.
+    void gone(CZolVekSession &oSession);
+
+private:
+    void dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame);
+    static bool isOfLostRun(const CZolVekSession &oTarget, const CZolVekFrame &oFrame);
+
+    const SZolVekSettings &m_oSettings;
+    SZolVekStatistics &m_oStatistics;
+    const SZolVekMemory &m_oMemory;
+    const CZolVekRoutes &m_oRoutes;
+    SZolVekAgenda &m_oAgenda;
+    CZolVekDelivery &m_oDelivery;
+
+    std::uint64_t m_ulLimit = 0;   // bytes of an outbox from which on sources wait; of this turn
+    CZolVekRateLimit m_oSlowLines; // by the pipe that is slow
+};
+
+#endif
