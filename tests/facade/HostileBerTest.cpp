@@ -190,7 +190,7 @@ TEST(HostileBerTest, TakesContentsThatLookLikeHeads)
     SNACC::NestedBag oBag;
     oBag.octets = oOcts;
     oBag.bits = oBits;
-    oBag.text = SNACC::UTF8String(std::string(300, 'x'));
+    oBag.text = SNACC::VisibleString(std::string(300, 'x'));
     oBag.flag = true;
     oBag.empty = SNACC::IA5String(std::string());
     const std::unique_ptr<CZolMsgPdu> oMsg(zol::encodeReq(1, &oBag, 1, 1, 1));
