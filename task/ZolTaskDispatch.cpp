@@ -17,6 +17,39 @@
 #include <exception>
 #include <memory>
 
+namespace
+{
+
+/// Holds the dispatch mutex, unless the manager has one thread alone: that one has nobody to keep out.
+class CDispatchGuard
+{
+public:
+    CDispatchGuard(ACE_Mutex &oMutex, int iThreads) : m_poMutex(iThreads > 1 ? &oMutex : nullptr)
+    {
+        if (m_poMutex != nullptr)
+        {
+            m_poMutex->acquire();
+        }
+    }
+    ~CDispatchGuard() { release(); }
+    CDispatchGuard(const CDispatchGuard &) = delete;
+    CDispatchGuard &operator=(const CDispatchGuard &) = delete;
+
+    void release()
+    {
+        if (m_poMutex != nullptr)
+        {
+            m_poMutex->release();
+            m_poMutex = nullptr;
+        }
+    }
+
+private:
+    ACE_Mutex *m_poMutex;
+};
+
+} // namespace
+
 /// One turn of svc(). False when the process is ending.
 bool CZolTaskMgr::serveOneMsg(unsigned long ulThreadID)
 {
@@ -25,7 +58,7 @@ bool CZolTaskMgr::serveOneMsg(unsigned long ulThreadID)
     bool bNewTask = false;
     CZolMsgPdu *poMsg = nullptr;
     {
-        ACE_Guard<ACE_Mutex> oGuard(*m_poDispatchMutex);
+        CDispatchGuard oGuard(*m_poDispatchMutex, m_iThreadNum);
         CZolMemBlock *poBlock = nullptr;
         getq(poBlock);
         if (CZolAppMgr::instance()->getStatus() == APPMGR_EXIT)
