@@ -10,6 +10,7 @@
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolSendMsgTask.h"
 
+#include <ace/Event_Handler.h>
 #include <ace/Reactor.h>
 #include <ace/Thread.h>
 #include <cstdio>
@@ -21,6 +22,38 @@ namespace
 // Where a response of the initial stage is addressed to, as no task exists then.
 constexpr unsigned char INITIAL_MODULE = 255;
 constexpr unsigned short INITIAL_TASK = 65535;
+
+/// Ends the loop of a reactor at a moment. A timer of the reactor itself, since a wait that a signal interrupts begins
+/// anew with its whole time, and only timers are looked at again.
+class CLoopEnd : public ACE_Event_Handler
+{
+public:
+    CLoopEnd(ACE_Reactor &oReactor, const ACE_Time_Value &oDelay) : ACE_Event_Handler(&oReactor)
+    {
+        if (oDelay > ACE_Time_Value::zero)
+        {
+            m_lTimer = oReactor.schedule_timer(this, nullptr, oDelay);
+        }
+    }
+    ~CLoopEnd() override
+    {
+        if (m_lTimer != -1)
+        {
+            reactor()->cancel_timer(m_lTimer);
+        }
+    }
+    CLoopEnd(const CLoopEnd &) = delete;
+    CLoopEnd &operator=(const CLoopEnd &) = delete;
+
+    int handle_timeout(const ACE_Time_Value & /*oNow*/, const void * /*pvArg*/) override
+    {
+        reactor()->end_reactor_event_loop();
+        return 0;
+    }
+
+private:
+    long m_lTimer = -1;
+};
 
 } // namespace
 
@@ -209,10 +242,11 @@ int CZolAppMgr::sendSynMsgAtInitialStage(CZolMsgPdu *poRequest, CZolMsgPdu *&poR
 }
 
 /// Runs the reactor until the response is there or the time is over; false if it cannot be run. The loop may end early,
-/// by a signal or a wake-up that is left from before: it goes on for the time that remains.
+/// by a wake-up that is left from before: it goes on for the time that remains.
 bool CZolAppMgr::runReactorForResponse(int iSeconds)
 {
     const ACE_Time_Value oDeadline = zolMonotonicNow() + ACE_Time_Value(iSeconds);
+    const CLoopEnd oLoopEnd(*m_poReactor, ACE_Time_Value(iSeconds));
     ACE_Time_Value oRemaining;
     do
     {
@@ -223,8 +257,8 @@ bool CZolAppMgr::runReactorForResponse(int iSeconds)
         }
         m_poReactor->owner(ACE_Thread::self());
         m_poReactor->reset_reactor_event_loop();
-        ACE_Time_Value oSlice = oRemaining; // the call writes to its argument
-        if (m_poReactor->run_reactor_event_loop(oSlice) == -1)
+        ACE_Time_Value oWait = oRemaining; // the call writes to its argument
+        if (m_poReactor->run_reactor_event_loop(oWait) == -1)
         {
             return false;
         }

@@ -509,6 +509,33 @@ TEST_F(InitialCallTest, EndsAtTheLimitAndTakesNoSecondFromTheNext)
     }
 }
 
+TEST_F(InitialCallTest, EndsAtTheLimitAlsoWhenSignalsInterruptIt)
+{
+    struct sigaction oAction
+    {
+    };
+    oAction.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &oAction, nullptr));
+    std::atomic<bool> bEnd{false};
+    const pthread_t oCaller = pthread_self();
+    std::thread oSignals(
+        [&]
+        {
+            while (!bEnd)
+            {
+                pthread_kill(oCaller, SIGUSR1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+        });
+    Pdu oResponse;
+    const auto oTimed = timed([&] { return call(1, oResponse); });
+    bEnd = true;
+    oSignals.join();
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, oTimed.first);
+    EXPECT_GE(oTimed.second, 0.95);
+    EXPECT_LT(oTimed.second, 20); // the signals go on until the call returns
+}
+
 TEST_F(InitialCallTest, IsForTheThreadThatStartedTheLibrary)
 {
     std::thread(
