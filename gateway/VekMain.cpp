@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -126,7 +127,7 @@ public:
         {
             sigaddset(&oSignals, iSignal);
         }
-        sigprocmask(SIG_BLOCK, &oSignals, nullptr);
+        pthread_sigmask(SIG_BLOCK, &oSignals, nullptr);
         return oSignals;
     }
 
@@ -262,9 +263,7 @@ int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
     return EXIT_SUCCESS;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int start(int argc, char **argv)
 {
     CLI::App oApp("vek, the gateway: routes messages between processes built on zol");
     SOptions oOptions;
@@ -293,4 +292,19 @@ int main(int argc, char **argv)
         return EXIT_SUCCESS;
     }
     return run(oReader.settings(), oOptions);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try
+    {
+        return start(argc, argv);
+    }
+    catch (const std::exception &oError)
+    {
+        fprintf(stderr, "vek: %s\n", oError.what()); // out of memory, in the end
+        return EXIT_FAILURE;
+    }
 }
