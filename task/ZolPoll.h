@@ -6,7 +6,8 @@
 /// Looks for something a short while before a thread goes to sleep for it. To be woken on another processor costs some
 /// 20 us on either side, so whoever is answered sooner than that gains much by looking; whoever is not would only burn
 /// time. So the habit follows success: after a look in vain the next waits go to sleep at once, twice as many each
-/// time, up to 63. An idle process never looks, and one whose messages come 100 us apart looks at every 64th.
+/// time, up to 255, and a look that paid off makes that a quarter. An idle process never looks, and one whose messages
+/// come 100 us apart looks at every 256th.
 ///
 /// It does not give its processor away meanwhile: on a busy machine a thread that yields waits for the time slices of
 /// others, milliseconds, while one that sleeps is run as soon as it is woken. With one processor it never looks.
@@ -34,7 +35,7 @@ public:
             relax();
             if (fnFound())
             {
-                m_uiInVain = 0;
+                m_uiInVain /= 4;
                 return true;
             }
         } while (nowNs() < ulEnd);
@@ -45,7 +46,7 @@ public:
 
 private:
     static constexpr std::uint64_t LOOK_NS = 50000;
-    static constexpr unsigned int MOST_SKIPPED = 63;
+    static constexpr unsigned int MOST_SKIPPED = 255;
 
     static bool hasOtherProcessor();
     static std::uint64_t nowNs();

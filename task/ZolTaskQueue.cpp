@@ -79,18 +79,23 @@ void CZolTaskMgr::enqueueRequests(CZolMemList &oRequests)
     oRequests = CZolMemList();
 }
 
-/// All blocks of the list, of ulBytes together, in one step.
+/// All blocks of the list, of ulBytes together, in one step. The reader is woken after the release: one that runs at
+/// once on this very processor would only meet the lock.
 void CZolTaskMgr::append(const CZolMemList &oBlocks, std::uint64_t ulBytes, bool bPriority)
 {
-    ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
-    if (!bPriority && isFull())
+    bool bWake = false;
     {
-        waitForRoom();
+        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
+        if (!bPriority && isFull())
+        {
+            waitForRoom();
+        }
+        m_poMsgQueue->append(oBlocks);
+        m_ulQueuedBytes += ulBytes;
+        m_uiQueued.store(m_poMsgQueue->m_ulCount, std::memory_order_relaxed);
+        bWake = m_iEmptyWaiters > 0;
     }
-    m_poMsgQueue->append(oBlocks);
-    m_ulQueuedBytes += ulBytes;
-    m_uiQueued.store(m_poMsgQueue->m_ulCount, std::memory_order_relaxed);
-    if (m_iEmptyWaiters > 0)
+    if (bWake)
     {
         m_oNotEmpty.signal();
     }
@@ -123,7 +128,9 @@ int CZolTaskMgr::getq(CZolMemBlock *&poBlock)
     m_ulTakenBytes.store(m_ulTakenBytes.load(std::memory_order_relaxed) + ulBytes, std::memory_order_seq_cst);
     if (m_iFullWaiters.load(std::memory_order_seq_cst) > 0)
     {
-        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
+        {
+            ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex); // not before the sender really waits
+        }
         m_oNotFull.signal();
     }
     return ZOL_OK;
