@@ -365,10 +365,12 @@ TEST_F(ReceivePathTest, StopsReadingWhileAQueueIsFull)
             EXPECT_LT(poManager->getBytesOfBufferMsg(), 26214400U + 2 * (1 << 20));
             oClosed.unlock();
             oSender.join();
-            EXPECT_TRUE(m_oInbox.waitFor(60));
+            ASSERT_TRUE(m_oInbox.waitFor(60));
+            const auto oAll = m_oInbox.all();
             for (unsigned int i = 0; i < 60; ++i)
             {
-                EXPECT_EQ(i, m_oInbox.all()[i].m_ulCmd);
+                EXPECT_EQ(i, oAll[i].m_ulCmd);
+                EXPECT_EQ(strBody.size(), oAll[i].m_strBody.size());
             }
         },
         "ZOLQueueSize = 1\n"); // raised to the least, 26214400
