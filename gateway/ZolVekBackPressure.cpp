@@ -68,7 +68,6 @@ EnumZolVekVerdict CZolVekBackPressure::stall(CZolVekSession &oFrom, CZolVekSessi
     if (oFrom.m_poWaitsFor == nullptr)
     {
         oFrom.m_poWaitsFor = &oTarget;
-        oFrom.m_ulWaitsSinceMs = m_oAgenda.m_ulNowMs;
         oTarget.m_oWaiters.push_back(&oFrom);
         ++m_oStatistics.m_ulStalls;
         std::uint64_t ulHeldBack = 0;

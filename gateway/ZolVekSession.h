@@ -139,7 +139,6 @@ public:
 
     // Back-pressure: this pipe is not read while it waits for another one
     CZolVekSession *m_poWaitsFor = nullptr;
-    std::uint64_t m_ulWaitsSinceMs = 0;
     std::vector<CZolVekSession *> m_oWaiters; ///< pipes that wait for this one
 
     // Routing. The last destination is kept: frames come in runs to one receiver.

@@ -99,6 +99,7 @@ TEST_F(VekProgramTest, PrintsEverySettingAndWhereItIsFrom)
         EXPECT_NE(std::string::npos, strOutput.find(strLine)) << strLine << strOutput;
     }
     EXPECT_EQ(78, run({"--log-level", "7", "--check-config"}));
+    EXPECT_EQ(0, run({"--config", ZOL_PACKAGED_CONFIG, "--check-config"}));
 }
 
 TEST_F(VekProgramTest, DrainsOnTheFirstSignalAndEndsOnTheSecond)
