@@ -66,7 +66,8 @@ fuzz: build
 bench: build
 	@bench/run
 
-lint: deps build/build.ninja
+# After the build, since some headers are made by it.
+lint: build
 	@scripts/lint
 
 format: deps
