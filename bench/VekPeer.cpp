@@ -101,7 +101,7 @@ CGateway::CGateway(const std::vector<std::string> &oOptions)
     signal(SIGPIPE, SIG_IGN);
     int aiPipe[2];
     require(pipe(aiPipe) == 0, "pipe");
-    const char *const pcOther = getenv("VEK");
+    const char *const pcOther = getenv("VEK"); // NOLINT(concurrency-mt-unsafe): no thread runs yet
     const std::string strProgram = pcOther != nullptr ? pcOther : besideThisProgram("vek");
     m_iPid = fork();
     require(m_iPid >= 0, "fork");
@@ -112,6 +112,7 @@ CGateway::CGateway(const std::vector<std::string> &oOptions)
         std::vector<std::string> oArguments = {strProgram, "--listen", "127.0.0.1:0", "--log-level", "3"};
         oArguments.insert(oArguments.end(), oOptions.begin(), oOptions.end());
         std::vector<char *> oRaw;
+        oRaw.reserve(oArguments.size() + 1);
         for (std::string &strArgument : oArguments)
         {
             oRaw.push_back(strArgument.data());
