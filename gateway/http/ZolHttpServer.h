@@ -19,8 +19,9 @@
 /// interface it answers only requests for a loopback name: a page from elsewhere that points its own name at 127.0.0.1
 /// cannot read it through the operator's browser.
 ///
-/// Threads: start(), stop() and destruction by one thread, which is not the routing thread while that may be waited
-/// for.
+/// Threads: start(), stop() and destruction by one thread. If that is the routing thread, it calls end() of the
+/// exchange
+///          before stop(), or a request that waits for a snapshot would hold it up.
 class CZolHttpServer
 {
 public:
@@ -37,8 +38,7 @@ public:
     /// Listens and starts the thread. On failure strError says why, in one line.
     bool start(const std::string &strListen, std::string &strError);
 
-    /// Ends the thread and closes all its connections; returns at once if it does not run. A request that waits for the
-    /// routing thread is waited for, at most SNAPSHOT_WAIT.
+    /// Ends the thread and closes all its connections. Does nothing if it does not run.
     void stop();
 
     /// The port that it listens on, 0 before start().
