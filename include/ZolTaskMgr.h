@@ -19,7 +19,6 @@ class ACE_Mutex;
 class CZolMemBlock;
 class CZolMemList;
 class CZolMsgPdu;
-class CZolPoll;
 
 /// The tasks of one manager by id: 64 chains in the order of the dump, an index for the look-up, and the set of ids in
 /// use, from which the next free one is found without walking the tasks.
@@ -67,6 +66,8 @@ private:
     std::uint64_t m_arrTaken[ALL_IDS / 64] = {};                      // one bit for each id in use
 };
 
+struct SZolQueueReader;
+
 /// What one thread of a manager is doing.
 struct SZolThreadEntry
 {
@@ -91,6 +92,8 @@ struct SZolThreadEntry
 class ZOL_EXPORT CZolTaskMgr : public ACE_Task_Base
 {
 public:
+    static constexpr unsigned int CACHE_LINE = 64; ///< bytes that processors hand to each other as a whole
+
     /// Ids 0 to 200 are the application's. A manager with less than one thread serves nothing.
     explicit CZolTaskMgr(unsigned char ucTaskMgrID = 0, int iThreadNum = 1);
     CZolTaskMgr(const CZolTaskMgr &) = delete;
@@ -213,24 +216,24 @@ private:
     CZolTaskTable m_oTaskTable;                  // guarded by m_oTaskLock
     ACE_RW_Thread_Mutex m_oTaskLock;             // after the dispatch mutex, before a task's m_oStatusMutex
     SZolThreadEntry **m_ppThreadTable = nullptr; // owned; sorted by thread id; fixed once m_oTableReady is set
-    CZolMemList *m_poMsgQueue;                   // owned; guarded by m_oQueueMutex
-    std::uint64_t m_ulQueuedBytes = 0;           // guarded by m_oQueueMutex: queue and batch, when that was taken
-    ACE_Thread_Mutex m_oQueueMutex;              // leaf
-    ACE_Condition<ACE_Thread_Mutex> m_oNotFull;  // with m_oQueueMutex; monotonic
-    ACE_Condition<ACE_Thread_Mutex> m_oNotEmpty; // with m_oQueueMutex
+    // what senders write stands apart, by cache lines, from what the reading thread writes
+    alignas(CACHE_LINE) CZolMemList *m_poMsgQueue; // guarded by m_oQueueMutex
+    std::uint64_t m_ulQueuedBytes = 0;             // guarded by m_oQueueMutex: queue and batch, when that was taken
+    ACE_Thread_Mutex m_oQueueMutex;                // leaf
+    ACE_Condition<ACE_Thread_Mutex> m_oNotFull;    // with m_oQueueMutex; monotonic
+    ACE_Condition<ACE_Thread_Mutex> m_oNotEmpty;   // with m_oQueueMutex
     std::unordered_map<unsigned short, CZolTask *> m_oSynWaitList; // guarded by m_oSynWaitMutex: tasks in sendSynMsg
     ACE_Thread_Mutex m_oSynWaitMutex;                              // before a task's m_oStatusMutex
 
-    ACE_Mutex *m_poDispatchMutex = nullptr;       // set when the manager is added; see g_mapDispatchMutex
-    ACE_Manual_Event m_oTableReady;               // set by open() when the table of threads is complete
-    std::atomic<int> m_iTableSize{0};             // entries of m_ppThreadTable; its store publishes the table
-    CZolMemList *m_poBatch;                       // owned; guarded by the dispatch mutex: what getq hands out next
-    std::atomic<std::uint64_t> m_ulTakenBytes{0}; // written under the dispatch mutex: bytes of the batch handed out
-    std::atomic<unsigned int> m_uiBatchCount{0};  // written under the dispatch mutex: messages left in the batch
-    std::atomic<int> m_iFullWaiters{0};           // written under m_oQueueMutex: senders in m_oNotFull
-    std::atomic<unsigned int> m_uiQueued{0};      // written under m_oQueueMutex: length of m_poMsgQueue
-    CZolPoll *m_poPoll;                           // owned; guarded by the dispatch mutex
-    int m_iEmptyWaiters = 0;                      // guarded by m_oQueueMutex: threads in m_oNotEmpty
+    ACE_Mutex *m_poDispatchMutex = nullptr; // set when the manager is added; see g_mapDispatchMutex
+    ACE_Manual_Event m_oTableReady;         // set by open() when the table of threads is complete
+    std::atomic<int> m_iTableSize{0};       // entries of m_ppThreadTable; its store publishes the table
+    SZolQueueReader *m_poReader;            // owned; guarded by the dispatch mutex: the reading side of the queue
+
+    // the rest of what senders write, see m_poMsgQueue
+    alignas(CACHE_LINE) CZolMemList m_oOwnQueue; // what m_poMsgQueue points to
+    std::atomic<unsigned int> m_uiQueued{0};     // written under m_oQueueMutex: its length
+    int m_iEmptyWaiters = 0;                     // guarded by m_oQueueMutex: threads in m_oNotEmpty
 };
 
 #endif

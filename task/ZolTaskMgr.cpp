@@ -4,7 +4,7 @@
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
 #include "message/ZolMonotonic.h"
-#include "task/ZolPoll.h"
+#include "task/ZolQueueReader.h"
 #include "task/ZolTaskLog.h"
 
 #include <ace/Guard_T.h>
@@ -25,8 +25,8 @@ using WriteGuard = ACE_Write_Guard<ACE_RW_Thread_Mutex>;
 
 CZolTaskMgr::CZolTaskMgr(unsigned char ucTaskMgrID, int iThreadNum)
     : ACE_Task_Base(ACE_Thread_Manager::instance()), m_ucTaskMgrID(ucTaskMgrID), m_iThreadNum(iThreadNum),
-      m_poMsgQueue(new CZolMemList), m_oNotFull(m_oQueueMutex, CZolMonotonicAttributes()),
-      m_oNotEmpty(m_oQueueMutex, CZolMonotonicAttributes()), m_poBatch(new CZolMemList), m_poPoll(new CZolPoll)
+      m_poMsgQueue(&m_oOwnQueue), m_oNotFull(m_oQueueMutex, CZolMonotonicAttributes()),
+      m_oNotEmpty(m_oQueueMutex, CZolMonotonicAttributes()), m_poReader(new SZolQueueReader)
 {
 }
 
@@ -38,10 +38,8 @@ CZolTaskMgr::~CZolTaskMgr()
     }
     delete[] m_ppThreadTable;
     m_poMsgQueue->deleteAll();
-    delete m_poMsgQueue;
-    m_poBatch->deleteAll();
-    delete m_poBatch;
-    delete m_poPoll;
+    m_poReader->m_oBatch.deleteAll();
+    delete m_poReader;
 }
 
 bool CZolTaskMgr::initTaskMgr()

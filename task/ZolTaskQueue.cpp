@@ -1,6 +1,6 @@
 // The queue of a task manager, and the way into it.
 //
-//     senders --> m_poMsgQueue --(whole list at once)--> m_poBatch --> one message at a time to the dispatcher
+//     senders --> m_poMsgQueue --(whole list at once)--> m_oBatch --> one message at a time to the dispatcher
 //               m_oQueueMutex                          dispatch mutex
 //
 // The reading side takes the whole list when its batch is used up, so senders and reader meet at m_oQueueMutex once for
@@ -13,7 +13,7 @@
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
 #include "message/ZolMonotonic.h"
-#include "task/ZolPoll.h"
+#include "task/ZolQueueReader.h"
 #include "task/ZolTaskLog.h"
 
 #include <ace/Guard_T.h>
@@ -33,19 +33,19 @@ unsigned int CZolTaskMgr::getLengthOfMsgQueue() const
 unsigned int CZolTaskMgr::getLengthOfBufferMsg()
 {
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
-    return m_poMsgQueue->m_ulCount + m_uiBatchCount.load(std::memory_order_relaxed);
+    return m_poMsgQueue->m_ulCount + m_poReader->m_uiBatchCount.load(std::memory_order_relaxed);
 }
 
 std::uint64_t CZolTaskMgr::getBytesOfBufferMsg()
 {
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
-    return m_ulQueuedBytes - m_ulTakenBytes.load(std::memory_order_relaxed);
+    return m_ulQueuedBytes - m_poReader->m_ulTakenBytes.load(std::memory_order_relaxed);
 }
 
 /// The caller holds m_oQueueMutex.
 bool CZolTaskMgr::isFull() const
 {
-    return m_ulQueuedBytes - m_ulTakenBytes.load(std::memory_order_seq_cst) >=
+    return m_ulQueuedBytes - m_poReader->m_ulTakenBytes.load(std::memory_order_seq_cst) >=
            g_ulQueueSize.load(std::memory_order_relaxed);
 }
 
@@ -106,27 +106,28 @@ void CZolTaskMgr::append(const CZolMemList &oBlocks, std::uint64_t ulBytes, bool
 void CZolTaskMgr::waitForRoom()
 {
     // Pairs with getq(), which stores m_ulTakenBytes before it looks here: one of the two sees the other.
-    m_iFullWaiters.fetch_add(1, std::memory_order_seq_cst);
+    m_poReader->m_iFullWaiters.fetch_add(1, std::memory_order_seq_cst);
     while (isFull() && CZolAppMgr::instance()->getStatus() == APPMGR_RUNNING)
     {
         const ACE_Time_Value oSlice = zolMonotonicNow() + ACE_Time_Value(0, FULL_WAIT_USEC);
         m_oNotFull.wait(&oSlice);
     }
-    m_iFullWaiters.fetch_sub(1, std::memory_order_relaxed);
+    m_poReader->m_iFullWaiters.fetch_sub(1, std::memory_order_relaxed);
 }
 
 /// The caller holds the dispatch mutex.
 int CZolTaskMgr::getq(CZolMemBlock *&poBlock)
 {
-    if (m_poBatch->m_ulCount == 0)
+    if (m_poReader->m_oBatch.m_ulCount == 0)
     {
         fillBatch();
     }
-    poBlock = m_poBatch->popHead();
+    poBlock = m_poReader->m_oBatch.popHead();
     const std::uint64_t ulBytes = zolTotalLength(zolPduOf(poBlock));
-    m_uiBatchCount.store(m_poBatch->m_ulCount, std::memory_order_relaxed);
-    m_ulTakenBytes.store(m_ulTakenBytes.load(std::memory_order_relaxed) + ulBytes, std::memory_order_seq_cst);
-    if (m_iFullWaiters.load(std::memory_order_seq_cst) > 0)
+    m_poReader->m_uiBatchCount.store(m_poReader->m_oBatch.m_ulCount, std::memory_order_relaxed);
+    m_poReader->m_ulTakenBytes.store(m_poReader->m_ulTakenBytes.load(std::memory_order_relaxed) + ulBytes,
+                                     std::memory_order_seq_cst);
+    if (m_poReader->m_iFullWaiters.load(std::memory_order_seq_cst) > 0)
     {
         {
             ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex); // not before the sender really waits
@@ -139,7 +140,7 @@ int CZolTaskMgr::getq(CZolMemBlock *&poBlock)
 /// Waits until the queue holds something and takes all of it.
 void CZolTaskMgr::fillBatch()
 {
-    m_poPoll->lookFor([this] { return m_uiQueued.load(std::memory_order_relaxed) != 0; });
+    m_poReader->m_oPoll.lookFor([this] { return m_uiQueued.load(std::memory_order_relaxed) != 0; });
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oQueueMutex);
     ++m_iEmptyWaiters;
     while (m_poMsgQueue->m_ulCount == 0)
@@ -147,12 +148,12 @@ void CZolTaskMgr::fillBatch()
         m_oNotEmpty.wait();
     }
     --m_iEmptyWaiters;
-    *m_poBatch = *m_poMsgQueue;
+    m_poReader->m_oBatch = *m_poMsgQueue;
     *m_poMsgQueue = CZolMemList();
     m_uiQueued.store(0, std::memory_order_relaxed);
-    m_uiBatchCount.store(m_poBatch->m_ulCount, std::memory_order_relaxed);
-    m_ulQueuedBytes -= m_ulTakenBytes.load(std::memory_order_relaxed);
-    m_ulTakenBytes.store(0, std::memory_order_relaxed);
+    m_poReader->m_uiBatchCount.store(m_poReader->m_oBatch.m_ulCount, std::memory_order_relaxed);
+    m_ulQueuedBytes -= m_poReader->m_ulTakenBytes.load(std::memory_order_relaxed);
+    m_poReader->m_ulTakenBytes.store(0, std::memory_order_relaxed);
 }
 
 int CZolTaskMgr::enqueueMsg(CZolMemBlock *poBlock, bool bPriority)
