@@ -39,7 +39,7 @@ std::size_t CZolVekFrameReader::room() const
 {
     if (m_poLarge != nullptr && m_uiLargeFilled < m_poLarge->m_uiLength)
     {
-        return m_poLarge->m_uiLength - m_uiLargeFilled;
+        return std::min<std::size_t>(m_poLarge->m_uiLength - m_uiLargeFilled, LARGE_READ_BYTES);
     }
     return std::min(CZolVekReadBuffer::BYTES - m_ulEnd, CZolVekReadBuffer::READ_BYTES);
 }

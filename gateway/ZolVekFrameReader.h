@@ -42,7 +42,8 @@ private:
 class CZolVekFrameReader
 {
 public:
-    static constexpr std::uint32_t DIRECT_BYTES = 64 * 1024; ///< larger frames get memory of their own
+    static constexpr std::uint32_t DIRECT_BYTES = 64 * 1024;    ///< larger frames get memory of their own
+    static constexpr std::size_t LARGE_READ_BYTES = 256 * 1024; ///< of such a frame in one turn, for the sake of others
 
     explicit CZolVekFrameReader(SZolVekMemory *poMemory) : m_poMemory(poMemory) {}
     ~CZolVekFrameReader();

@@ -139,12 +139,12 @@ void CZolVekGateway::runOnce(int iMaxWaitMs)
             onEvent(*static_cast<CZolVekSession *>(aoEvents[i].data.ptr), aoEvents[i].events);
         }
     }
-    std::vector<CZolVekSession *> oReady;
-    oReady.swap(m_oAgenda.m_oReady);
-    for (CZolVekSession *poSession : oReady)
+    m_oTurns.swap(m_oAgenda.m_oReady); // what becomes ready now has its turn in the next round
+    for (CZolVekSession *poSession : m_oTurns)
     {
         turn(*poSession);
     }
+    m_oTurns.clear();
     closeDoomed();
     if (m_oAgenda.m_ulNowMs >= nextTickMs())
     {

@@ -118,7 +118,8 @@ private:
     CZolVekReporter m_oReporter;
     CZolVekListener m_oListener;
     CZolVekReadBuffer m_oBuffer;
-    CZolVekRateLimit m_oStrangerLines; // by address
+    std::vector<CZolVekSession *> m_oTurns; // of this round; empty between rounds
+    CZolVekRateLimit m_oStrangerLines;      // by address
 
     int m_iEpoll = -1;
     std::vector<std::function<void()>> m_oWatched; // epoll names them by index, the listener by LISTENER_EVENT
