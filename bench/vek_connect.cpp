@@ -62,7 +62,7 @@ int main(int argc, char **argv)
     std::vector<int> oSockets;
     oSockets.reserve(ulCount);
     const std::uint64_t ulStart = nowNs();
-    while (oSockets.size() < ulCount) // handshakes in windows of 100: registered, and a hello there and back
+    while (oSockets.size() < ulCount) // handshakes in batches of 100: registered, and a hello there and back
     {
         const std::size_t ulFirst = oSockets.size();
         const std::size_t ulLast = std::min(ulFirst + 100, ulCount);
