@@ -11,7 +11,8 @@ void CZolVekBackPressure::beginTurn()
     const std::uint64_t ulTotal = m_oSettings.m_ulTotalQueueBytes;
     const std::uint64_t ulReserve = ulTotal / 16;
     m_ulLimit = m_oSettings.m_ulPipeQueueBytes;
-    if (m_oMemory.m_ulBytes >= ulTotal - ulReserve)
+    m_bTight = m_oMemory.m_ulBytes >= ulTotal - ulReserve;
+    if (m_bTight)
     {
         m_ulLimit = std::min(m_ulLimit, ulReserve / std::max<std::uint64_t>(1, m_oRoutes.size()));
     }

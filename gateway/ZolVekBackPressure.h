@@ -6,6 +6,7 @@
 #include "ZolVekSettings.h"
 
 #include <algorithm>
+#include <cstdint>
 
 /// Whether a frame may join a queue.
 enum EnumZolVekRoom
@@ -42,6 +43,10 @@ public:
         return m_oSettings.m_ulTotalQueueBytes - std::min(m_oSettings.m_ulTotalQueueBytes, m_oMemory.m_ulBytes);
     }
 
+    /// The most that a pipe may be read in this turn: what then has to wait stays in memory, so it is little when that
+    /// is short.
+    std::size_t readBytes() const { return m_bTight ? TIGHT_READ_BYTES : SIZE_MAX; }
+
     /// poFrom is null for a source that has gone.
     EnumZolVekRoom roomAt(CZolVekSession &oTarget, const CZolVekSession *poFrom, const CZolVekFrame &oFrame);
 
@@ -55,6 +60,8 @@ public:
     void gone(CZolVekSession &oSession);
 
 private:
+    static constexpr std::size_t TIGHT_READ_BYTES = 8 * 1024;
+
     void dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame);
     static bool isOfLostRun(const CZolVekSession &oTarget, const CZolVekFrame &oFrame);
 
@@ -66,6 +73,7 @@ private:
     CZolVekDelivery &m_oDelivery;
 
     std::uint64_t m_ulLimit = 0;   // bytes of an outbox from which on sources wait; of this turn
+    bool m_bTight = false;         // the total is nearly reached; of this turn
     CZolVekRateLimit m_oSlowLines; // by the pipe that is slow
 };
 

@@ -269,7 +269,7 @@ void CZolVekGateway::turn(CZolVekSession &oSession)
     if (takeFrames(oSession) && mayRead(oSession))
     {
         std::string strReason;
-        const int iRead = oSession.receive(strReason);
+        const int iRead = oSession.receive(m_oRouter.readBytes(), strReason);
         if (iRead > 0)
         {
             oSession.m_ulReceivedMs = m_oAgenda.m_ulNowMs;

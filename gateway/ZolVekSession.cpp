@@ -1,5 +1,6 @@
 #include "ZolVekSession.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
@@ -43,9 +44,9 @@ std::string CZolVekSession::name() const
     return acName;
 }
 
-int CZolVekSession::receive(std::string &strReason)
+int CZolVekSession::receive(std::size_t ulMost, std::string &strReason)
 {
-    const std::size_t ulRoom = m_oReader.room();
+    const std::size_t ulRoom = std::min(ulMost, m_oReader.room());
     ssize_t lRead = 0;
     do
     {

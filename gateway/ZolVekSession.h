@@ -74,9 +74,9 @@ public:
     /// "process 7 handle 3 (127.0.0.1:4242)", or the address alone before it is up.
     std::string name() const;
 
-    /// Reads once into the reader, which must have begun a turn. Above 0 that many bytes came; 0 there are none for
-    /// now; -1 the pipe has ended, with the reason in strReason.
-    int receive(std::string &strReason);
+    /// Reads once, at most ulMost bytes, into the reader, which must have begun a turn. Above 0 that many bytes came; 0
+    /// there are none for now; -1 the pipe has ended, with the reason in strReason.
+    int receive(std::size_t ulMost, std::string &strReason);
 
     /// Whom it sends to, from now on.
     CZolVekFlows &flows()
