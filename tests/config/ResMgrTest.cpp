@@ -82,20 +82,15 @@ TEST_F(ResMgrTest, FirstValueStaysOverFilesAndASaveReplacesIt)
     load("a=2\nb=3\n");
     EXPECT_EQ("1", *pstrValue);
     EXPECT_EQ("3", zol::getResByKey("b", "other"));
+    EXPECT_EQ("other", zol::getResByKey("B", "other"));
+    zol::saveResWithKey("empty", "");
+    EXPECT_EQ("", zol::getResByKey("empty", "other"));
     zol::saveResWithKey("a", "4");
     zol::saveResWithKey("new", "5");
     EXPECT_EQ("4", *pstrValue) << "the pointer refers to the value inside the table";
     EXPECT_EQ("5", zol::getResByKey("new", ""));
     zol::initResMgr();
     EXPECT_EQ(nullptr, zol::getResByKey("a"));
-}
-
-TEST_F(ResMgrTest, Defaults)
-{
-    load("empty=\n");
-    EXPECT_EQ("", zol::getResByKey("empty", "default"));
-    EXPECT_EQ("default", zol::getResByKey("absent", "default"));
-    EXPECT_EQ("default", zol::getResByKey("Empty", "default")) << "keys differ by case";
 }
 
 TEST_F(ResMgrTest, Numbers)
@@ -148,42 +143,29 @@ TEST_F(ResMgrTest, InitReadsTheFileOfTheInstallation)
     EXPECT_EQ((Resources{{"VEKPort", "7100"}, {"more", "2"}}), zol::getResMgr());
 }
 
+// The line on standard error says which file was looked for, and so where the root was sought.
 TEST_F(ResMgrTest, WithoutAFileInitSaysWhichOneIsMissing)
 {
-    const std::string strRoot = m_oInstallation.root() + "/nowhere";
-    const std::string strFile = strRoot + "/conf/zol.cfg";
-    setenv("ZOLROOT", strRoot.c_str(), 1);
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(-1, zol::init());
-    EXPECT_EQ("Fail to open resource file: " + strFile + "\n", testing::internal::GetCapturedStdout());
-    EXPECT_EQ("zol::init failed to add " + strFile + " as a resource file.\n", testing::internal::GetCapturedStderr());
-    EXPECT_FALSE(zol::addResFile(m_oInstallation.root())) << "a folder is no file";
-}
-
-// A variable of blanks is set, and a root of nothing is the root of the system.
-TEST_F(ResMgrTest, BlankRootCounts)
-{
-    setenv("ZOLROOT", " \t", 1);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(-1, zol::init());
-    EXPECT_EQ("zol::init failed to add /conf/zol.cfg as a resource file.\n", testing::internal::GetCapturedStderr());
-}
-
-TEST_F(ResMgrTest, WithoutARootTheFolderAboveTheExecutableCounts)
-{
-    unsetenv("ZOLROOT");
-    const std::string strFile = fs::read_symlink("/proc/self/exe").parent_path().string() + "/../conf/zol.cfg";
-    if (fs::exists(strFile)) // a tree that was built as a whole has one
+    const struct
     {
-        EXPECT_EQ(0, zol::init());
-        const Resources oFound = zol::getResMgr();
-        zol::initResMgr();
-        EXPECT_TRUE(zol::addResFile(strFile));
-        EXPECT_EQ(zol::getResMgr(), oFound);
-        return;
+        const char *pcRoot; // null: not set
+        std::string strFolder;
+    } aCases[] = {{"/nowhere", "/nowhere"},
+                  {" \t", ""}, // set to blanks: the root of the system
+                  {nullptr, fs::read_symlink("/proc/self/exe").parent_path().string() + "/.."}};
+    for (const auto &oCase : aCases)
+    {
+        const std::string strFile = oCase.strFolder + "/conf/zol.cfg";
+        SCOPED_TRACE(strFile);
+        oCase.pcRoot != nullptr ? setenv("ZOLROOT", oCase.pcRoot, 1) : unsetenv("ZOLROOT");
+        const bool bFound = fs::exists(strFile); // a tree that was built as a whole has one above the executable
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(bFound ? 0 : -1, zol::init());
+        const std::string strOut = testing::internal::GetCapturedStdout();
+        const std::string strErr = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(bFound ? "" : "Fail to open resource file: " + strFile + "\n", strOut);
+        EXPECT_EQ(bFound ? "" : "zol::init failed to add " + strFile + " as a resource file.\n", strErr);
     }
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(-1, zol::init());
-    EXPECT_EQ("zol::init failed to add " + strFile + " as a resource file.\n", testing::internal::GetCapturedStderr());
+    EXPECT_FALSE(zol::addResFile(m_oInstallation.root())) << "a folder is no file";
 }

@@ -11,41 +11,6 @@
 #include <thread>
 #include <vector>
 
-// Every size gets a block that is large enough, aligned as the heap aligns, and apart from all others.
-TEST(HeapCacheTest, EverySizeHasItsOwnRoom)
-{
-    std::vector<std::pair<unsigned char *, size_t>> oBlocks;
-    for (int iRound = 0; iRound < 2; ++iRound) // the second round is served from the caches
-    {
-        for (size_t uiSize = 1; uiSize < CZolHeapCache::LARGEST + 64; uiSize += uiSize < 1200 ? 1 : uiSize / 60)
-        {
-            auto *const pcBlock = static_cast<unsigned char *>(CZolHeapCache::allocMem(uiSize));
-            ASSERT_NE(nullptr, pcBlock);
-            ASSERT_EQ(0u, reinterpret_cast<std::uintptr_t>(pcBlock) % 16) << uiSize;
-            memset(pcBlock, static_cast<int>(uiSize & 0xFF), uiSize);
-            oBlocks.emplace_back(pcBlock, uiSize);
-        }
-        for (const auto &[pcBlock, uiSize] : oBlocks)
-        {
-            ASSERT_EQ(uiSize & 0xFF, pcBlock[0]) << uiSize;
-            ASSERT_EQ(uiSize & 0xFF, pcBlock[uiSize - 1]) << uiSize;
-            CZolHeapCache::freeMem(pcBlock);
-        }
-        oBlocks.clear();
-    }
-}
-
-TEST(HeapCacheTest, FreedBlockIsUsedAgainForItsClassOnly)
-{
-    void *const pvBlock = CZolHeapCache::allocMem(136);
-    CZolHeapCache::freeMem(pvBlock);
-    void *const pvOther = CZolHeapCache::allocMem(137);
-    EXPECT_NE(pvBlock, pvOther) << "a block of the next smaller class";
-    EXPECT_EQ(pvBlock, CZolHeapCache::allocMem(136));
-    CZolHeapCache::freeMem(pvBlock);
-    CZolHeapCache::freeMem(pvOther);
-}
-
 // A burst that one thread takes and another frees comes back to the first: the second burst needs no new memory.
 TEST(HeapCacheTest, BurstTravelsBackToItsProducer)
 {
@@ -126,8 +91,9 @@ TEST(HeapCacheTest, FreeAfterTheThreadsCacheIsGone)
     }
 }
 
-// Threads that come and go swap blocks of random sizes through a shared table: each block still holds its owner's mark
-// when it is freed elsewhere. Under the thread sanitizer this also shows each hand-over to be ordered.
+// Threads that come and go swap blocks of random sizes through a shared table: each block is aligned as the heap aligns
+// and still holds its owner's mark when it is freed elsewhere. Under the thread sanitizer this also shows each
+// hand-over to be ordered.
 TEST(HeapCacheTest, RandomTrafficBetweenThreads)
 {
     struct SSlot
@@ -145,6 +111,7 @@ TEST(HeapCacheTest, RandomTrafficBetweenThreads)
         {
             const size_t uiSize = 1 + oRandom() % (oRandom() % 8 == 0 ? 40000 : 1500);
             auto *pcBlock = static_cast<unsigned char *>(CZolHeapCache::allocMem(uiSize));
+            uiBroken += reinterpret_cast<std::uintptr_t>(pcBlock) % 16 != 0;
             memset(pcBlock, static_cast<int>(uiSize & 0xFF), uiSize);
             SSlot &oSlot = oSlots[oRandom() % oSlots.size()];
             size_t uiOld = uiSize;
