@@ -5,6 +5,7 @@
 #include "ZolLogTask.h"
 #include "support/Installation.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -28,6 +29,14 @@ protected:
         m_poLog = std::make_unique<CManualLog>();
         EXPECT_EQ(0, m_poLog->init(1, 0, "p", nullptr));
         return *m_poLog;
+    }
+
+    /// Empties the folder and the settings.
+    void startAnew() const
+    {
+        std::filesystem::remove_all(m_oInstallation.logFolder());
+        std::filesystem::create_directory(m_oInstallation.logFolder());
+        zol::initResMgr();
     }
 
     std::string path(int iSeq) const { return m_oInstallation.logFolder() + "/p_" + std::to_string(iSeq) + ".log"; }
