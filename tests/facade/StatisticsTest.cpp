@@ -49,12 +49,18 @@ protected:
 
 } // namespace
 
-TEST(StatisticsStageTest, RefusesBeforeTheStart)
+// An application that was built when the record was shorter must not be written over.
+TEST(StatisticsStageTest, WritesNoByteBehindTheGivenLengthAndRefusesBeforeTheStart)
 {
-    SZolStatistics oStatistics;
-    EXPECT_EQ(ZOL_ERR_STAGE, zol::getStatistics(&oStatistics, sizeof oStatistics));
+    const unsigned int uiShort = offsetof(SZolStatistics, m_ulSendBytes) + 3;
+    auto oBuffer = std::make_unique<unsigned char[]>(uiShort); // the sanitizer watches its end
+    auto *const poShort = reinterpret_cast<SZolStatistics *>(oBuffer.get());
+    EXPECT_EQ(ZOL_ERR_STAGE, zol::getStatistics(poShort, uiShort));
     EXPECT_EQ(ZOL_ERR_FAILED, zol::getStatistics(nullptr, 8));
     zol::setHandlerLimit(100); // no timer thread yet: must do nothing
+    const CInstallation oInstallation;
+    ASSERT_EQ(ZOL_OK, CZolAppMgr::instance()->initAppMgr(PROCESS, 0, true, "statistics", nullptr));
+    EXPECT_EQ(ZOL_OK, zol::getStatistics(poShort, uiShort));
 }
 
 TEST_F(StatisticsTest, CountsLossesByReason)
@@ -100,14 +106,6 @@ TEST_F(StatisticsTest, ShowsQueuesTimersAndThePool)
             oGate.unlock();
             EXPECT_TRUE(waitUntil([] { return statistics().m_arrTaskMgr[1].m_ulQueuedBytes == 0; }));
         });
-}
-
-// An application that was built when the record was shorter must not be written over.
-TEST_F(StatisticsTest, WritesNoByteBehindTheGivenLength)
-{
-    const unsigned int uiShort = offsetof(SZolStatistics, m_ulSendBytes) + 3;
-    auto oBuffer = std::make_unique<unsigned char[]>(uiShort); // the sanitizer watches its end
-    EXPECT_EQ(ZOL_OK, zol::getStatistics(reinterpret_cast<SZolStatistics *>(oBuffer.get()), uiShort));
 }
 
 TEST_F(StatisticsTest, NamesALongHandlerOnceForEachRun)

@@ -10,12 +10,12 @@ namespace
 
 int g_iKept = 0;
 
-/// Makes the compiler keep the reference to the operation.
-template <typename Pointer>
-void keep(Pointer fnOperation)
+/// Makes the compiler keep the reference to each operation.
+template <typename... Pointers>
+void keep(Pointers... fnOperations)
 {
-    volatile Pointer fnKept = fnOperation;
-    g_iKept += fnKept != nullptr ? 1 : 0;
+    const auto fnKeep = [](auto volatile fnKept) { g_iKept += fnKept != nullptr ? 1 : 0; };
+    (fnKeep(fnOperations), ...);
 }
 
 using Asn = SNACC::AsnType;
@@ -29,21 +29,15 @@ using Pdu = CZolMsgPdu;
 
 void keepSettingsAndHelpers()
 {
-    keep(&zol::init);
-    keep(&zol::addResFile);
-    keep(&zol::initResMgr);
-    keep(&zol::getResMgr);
+    keep(&zol::init, &zol::addResFile, &zol::initResMgr, &zol::getResMgr);
     keep<const std::string *(*)(Text)>(&zol::getResByKey);
     keep<std::string (*)(Text, Text)>(&zol::getResByKey);
     keep<int (*)(Text, int &)>(&zol::getResByKey);
     keep<int (*)(Text, int &, int, int)>(&zol::getResByKey);
-    keep(&zol::saveResWithKey);
-    keep(&zol::getCurrFormatTime);
+    keep(&zol::saveResWithKey, &zol::getCurrFormatTime);
     keep<bool (*)(const char *, int)>(&zol::isDigit);
     keep<bool (*)(Text)>(&zol::isDigit);
-    keep(&zol::trimString);
-    keep(&zol::getTrimEnv);
-    keep(&zol::strError);
+    keep(&zol::trimString, &zol::getTrimEnv, &zol::strError);
 }
 
 void keepEncodingAndSending()
@@ -52,8 +46,7 @@ void keepEncodingAndSending()
     keep<Pdu *(*)(Cmd, const char *, Len, Proc, Mgr, Task)>(&zol::encodeReq);
     keep<Pdu *(*)(const Pdu &, const Asn *)>(&zol::encodeResp);
     keep<Pdu *(*)(const Pdu &, const char *, Len)>(&zol::encodeResp);
-    keep(&zol::decodeAsn);
-    keep(&zol::messageCopy);
+    keep(&zol::decodeAsn, &zol::messageCopy);
     keep<int (*)(Cmd, const Asn *, Proc, Mgr, Task)>(&zol::sendReqMsg);
     keep<int (*)(Cmd, const char *, Len, Proc, Mgr, Task)>(&zol::sendReqMsg);
     keep<int (*)(Cmd, const Asn *, int, Pdu *&, Proc, Mgr, Task)>(&zol::sendSyncReq);
@@ -72,17 +65,9 @@ void keepEncodingAndSending()
 
 void keepControl()
 {
-    keep(&zol::bindPort);
-    keep(&zol::connect);
-    keep(&zol::setListener);
-    keep(&zol::setVEKAddrStatus);
-    keep(&zol::setVEKAddress);
-    keep(&zol::connect2VEK);
-    keep(&zol::shutVEKConnect);
-    keep(&zol::setProcIDAndHandle);
-    keep(&zol::debugCmdResend);
-    keep(&zol::getStatistics);
-    keep(&zol::setHandlerLimit);
+    keep(&zol::bindPort, &zol::connect, &zol::setListener, &zol::setVEKAddrStatus, &zol::setVEKAddress,
+         &zol::connect2VEK, &zol::shutVEKConnect, &zol::setProcIDAndHandle, &zol::debugCmdResend, &zol::getStatistics,
+         &zol::setHandlerLimit);
 }
 
 void keepMessages()
@@ -91,46 +76,21 @@ void keepMessages()
     keep<void (*)(void *, std::size_t)>(&CZolMsgPdu::operator delete);
     keep(&CZolMsgPdu::init);
     keep<void (Pdu::*)(std::string &) const>(&CZolMsgPdu::printf);
-    keep(&htonPdu);
-    keep(&ntohPdu);
-    keep(&CZolMemBlock::allocMem);
-    keep(&CZolMemBlock::freeMem);
-    keep(&CZolMemBlock::getData);
-    keep(&CZolMemList::insert);
-    keep(&CZolMemList::popHead);
-    keep(&CZolMemList::deleteHead);
-    keep(&CZolMemList::deleteAll);
-    keep(&CZolMemMan::instance);
-    keep(&CZolMemMan::allocMem);
-    keep(&CZolMemMan::freeMem);
+    keep(&htonPdu, &ntohPdu, &CZolMemBlock::allocMem, &CZolMemBlock::freeMem, &CZolMemBlock::getData,
+         &CZolMemList::insert, &CZolMemList::popHead, &CZolMemList::deleteHead, &CZolMemList::deleteAll,
+         &CZolMemMan::instance, &CZolMemMan::allocMem, &CZolMemMan::freeMem);
     const CZolMemBlock oBlock;
     const CZolMemMan oMemMan(1, 1, 0);
 }
 
 void keepAppMgr()
 {
-    keep(&CZolAppMgr::instance);
-    keep(&CZolAppMgr::destroy);
-    keep(&CZolAppMgr::initAppMgr);
-    keep(&CZolAppMgr::addTaskMgr);
-    keep(&CZolAppMgr::findTaskMgr);
-    keep(&CZolAppMgr::handleEvents);
-    keep(&CZolAppMgr::exitThreads);
-    keep(&CZolAppMgr::getStatus);
-    keep(&CZolAppMgr::getReactor);
-    keep(&CZolAppMgr::getProcID);
-    keep(&CZolAppMgr::getProcHandle);
-    keep(&CZolAppMgr::statusOfConnToVek);
-    keep(&CZolAppMgr::getCurrentTask);
-    keep(&CZolAppMgr::sendLocalAsynMsg);
-    keep(&CZolAppMgr::sendAsynMsg);
-    keep(&CZolAppMgr::sendSynMsg);
-    keep(&CZolAppMgr::registerSubscribe);
-    keep(&CZolAppMgr::cancelSubscribe);
-    keep(&CZolAppMgr::subscribe);
-    keep(&CZolAppMgr::getProcAddrByID);
-    keep(&CZolAppMgr::dumpAllTaskMgr);
-    keep(&CZolAppMgr::enqueueMsg);
+    keep(&CZolAppMgr::instance, &CZolAppMgr::destroy, &CZolAppMgr::initAppMgr, &CZolAppMgr::addTaskMgr,
+         &CZolAppMgr::findTaskMgr, &CZolAppMgr::handleEvents, &CZolAppMgr::exitThreads, &CZolAppMgr::getStatus,
+         &CZolAppMgr::getReactor, &CZolAppMgr::getProcID, &CZolAppMgr::getProcHandle, &CZolAppMgr::statusOfConnToVek,
+         &CZolAppMgr::getCurrentTask, &CZolAppMgr::sendLocalAsynMsg, &CZolAppMgr::sendAsynMsg, &CZolAppMgr::sendSynMsg,
+         &CZolAppMgr::registerSubscribe, &CZolAppMgr::cancelSubscribe, &CZolAppMgr::subscribe,
+         &CZolAppMgr::getProcAddrByID, &CZolAppMgr::dumpAllTaskMgr, &CZolAppMgr::enqueueMsg);
     g_iKept += g_ulQueueSize.load() > 0 && g_mapDispatchMutex.empty() ? 1 : 0;
 }
 
@@ -160,30 +120,13 @@ struct CListener : CZolListener
 
 void keepTasks()
 {
-    keep(&CZolTaskMgr::enqueueMsg);
-    keep(&CZolTaskMgr::addStaticTask);
-    keep(&CZolTaskMgr::addAssistTask);
-    keep(&CZolTaskMgr::delAssistTask);
-    keep(&CZolTaskMgr::findTask);
-    keep(&CZolTaskMgr::findTaskOfThread);
-    keep(&CZolTaskMgr::getTaskMgrID);
-    keep(&CZolTaskMgr::getLengthOfMsgQueue);
-    keep(&CZolTaskMgr::getLengthOfBufferMsg);
-    keep(&CZolTaskMgr::dumpAllTask);
-    keep(&CZolTask::sendSynMsg);
-    keep(&CZolTask::sendAsynMsg);
-    keep(&CZolTask::setTimer);
-    keep(&CZolTask::cancelTimer);
-    keep(&CZolTask::registerSubscribe);
-    keep(&CZolTask::cancelSubscribe);
-    keep(&CZolTask::recvNonZolMsg);
-    keep(&CZolTask::popFrontZolMsg);
-    keep(&CZolTask::setTaskStatus);
-    keep(&CZolTask::exitTask);
-    keep(&CZolTask::getTaskID);
-    keep(&CZolTask::getTaskStatus);
-    keep(&CZolTask::getTaskType);
-    keep(&CZolTask::getTaskMgr);
+    keep(&CZolTaskMgr::enqueueMsg, &CZolTaskMgr::addStaticTask, &CZolTaskMgr::addAssistTask,
+         &CZolTaskMgr::delAssistTask, &CZolTaskMgr::findTask, &CZolTaskMgr::findTaskOfThread,
+         &CZolTaskMgr::getTaskMgrID, &CZolTaskMgr::getLengthOfMsgQueue, &CZolTaskMgr::getLengthOfBufferMsg,
+         &CZolTaskMgr::dumpAllTask, &CZolTask::sendSynMsg, &CZolTask::sendAsynMsg, &CZolTask::setTimer,
+         &CZolTask::cancelTimer, &CZolTask::registerSubscribe, &CZolTask::cancelSubscribe, &CZolTask::recvNonZolMsg,
+         &CZolTask::popFrontZolMsg, &CZolTask::setTaskStatus, &CZolTask::exitTask, &CZolTask::getTaskID,
+         &CZolTask::getTaskStatus, &CZolTask::getTaskType, &CZolTask::getTaskMgr);
     CMgr oMgr(3, 1);
     CTask oTask(&oMgr);
     CTask oLone;
@@ -193,9 +136,7 @@ void keepTasks()
 void keepTimers()
 {
     using Set = unsigned long;
-    keep(&CZolTimer::instance);
-    keep(&CZolTimer::init);
-    keep(&CZolTimer::setCycleInterval);
+    keep(&CZolTimer::instance, &CZolTimer::init, &CZolTimer::setCycleInterval);
     keep<Set (CZolTimer::*)(long, unsigned char, unsigned int, unsigned short)>(&CZolTimer::setDatePeriod);
     keep<Set (CZolTimer::*)(Text, unsigned char, unsigned int, unsigned short)>(&CZolTimer::setDatePeriod);
     keep<Set (CZolTimer::*)(long, long, unsigned int, unsigned char, unsigned int, unsigned short)>(
@@ -211,42 +152,22 @@ void keepTimers()
         &CZolTimer::setMonthPeriod);
     keep<int (CZolTimer::*)(unsigned long)>(&CZolTimer::cancelTimer);
     keep<int (CZolTimer::*)(unsigned char, unsigned short)>(&CZolTimer::cancelTimer);
-    keep(&CZolTimer::registerPreciseClock);
-    keep(&CZolTimer::cancelPreciseClock);
-    keep(&CZolTimer::printf);
-    keep(&SZolTimerItem::isValid);
-    keep(&SZolTimerItem::sendMessage);
-    keep(&SZolTimerItem::printf);
-    keep(&CZolDateUtil::getTimeInSeconds);
-    keep(&CZolDateUtil::getLastMonthDay);
-    keep(&CZolDateUtil::fillTime);
-    keep(&CZolDateUtil::strToTime);
-    keep(&CZolDateUtil::timeToStr);
+    keep(&CZolTimer::registerPreciseClock, &CZolTimer::cancelPreciseClock, &CZolTimer::printf, &SZolTimerItem::isValid,
+         &SZolTimerItem::sendMessage, &SZolTimerItem::printf, &CZolDateUtil::getTimeInSeconds,
+         &CZolDateUtil::getLastMonthDay, &CZolDateUtil::fillTime, &CZolDateUtil::strToTime, &CZolDateUtil::timeToStr);
     const CZolPreciseClock oClock;
 }
 
 void keepLog()
 {
-    keep(&CZolRunLog::debug);
-    keep(&CZolRunLog::info);
-    keep(&CZolRunLog::warning);
-    keep(&CZolRunLog::error);
-    keep(&CZolRunLog::fatal);
-    keep(&CZolRunLog::startupLog);
-    keep(&CZolRunLog::isReady);
+    keep(&CZolRunLog::debug, &CZolRunLog::info, &CZolRunLog::warning, &CZolRunLog::error, &CZolRunLog::fatal,
+         &CZolRunLog::startupLog, &CZolRunLog::isReady);
     keep<int (*)()>(&CZolRunLog::logLevel);
     keep<void (*)(int)>(&CZolRunLog::logLevel);
-    keep(&CZolDebugInfo::debug);
-    keep(&CZolDebugInfo::info);
-    keep(&CZolDebugInfo::warning);
-    keep(&CZolDebugInfo::error);
-    keep(&CZolDebugInfo::fatal);
-    keep(&CZolLogTask::instance);
+    keep(&CZolDebugInfo::debug, &CZolDebugInfo::info, &CZolDebugInfo::warning, &CZolDebugInfo::error,
+         &CZolDebugInfo::fatal, &CZolLogTask::instance);
     keep<int (CZolLogTask::*)(unsigned short, unsigned short, const char *, const char *)>(&CZolLogTask::init);
-    keep(&CZolLogTask::getLogPath);
-    keep(&CZolLogTask::output);
-    keep(&CZolLogTask::writeLog);
-    keep(&CZolLogTask::startupLog);
+    keep(&CZolLogTask::getLogPath, &CZolLogTask::output, &CZolLogTask::writeLog, &CZolLogTask::startupLog);
     CZolLogTask::MAX_FILE_SIZE = 1 << 20;
     CZolLogTask::MAX_FILE_NUMBER_LIMIT = 5;
     CZolLogTask::DEFAULT_FILE_NUMBER = 3;

@@ -39,16 +39,10 @@ protected:
             << m_poVek->errors();
     }
 
-    static std::unique_ptr<CChildProcess> startPeer(const std::vector<std::string> &oArguments)
+    static std::unique_ptr<CChildProcess> startRunningPeer(std::vector<std::string> oCommand)
     {
-        std::vector<std::string> oCommand{ZOL_PEER};
-        oCommand.insert(oCommand.end(), oArguments.begin(), oArguments.end());
-        return std::make_unique<CChildProcess>(oCommand);
-    }
-
-    static std::unique_ptr<CChildProcess> startRunningPeer(const std::vector<std::string> &oArguments)
-    {
-        auto oPeer = startPeer(oArguments);
+        oCommand.insert(oCommand.begin(), ZOL_PEER);
+        auto oPeer = std::make_unique<CChildProcess>(oCommand);
         EXPECT_TRUE(oPeer->waitForOutput("running")) << oPeer->output() << oPeer->errors();
         return oPeer;
     }
@@ -151,27 +145,6 @@ TEST_F(ProcessesTest, TalkOverADirectPipeWithoutAGateway)
         });
 }
 
-TEST_F(ProcessesTest, AnswerDirectRequestsOfOtherProcesses)
-{
-    const unsigned short usPort = freePort();
-    const auto oPeer = startRunningPeer({"5", "none", "port=" + std::to_string(usPort)});
-    startSelf();
-    runApplication(
-        [usPort]
-        {
-            for (const size_t uiSize : {0U, 1U, 100000U, 20000000U})
-            {
-                const std::string strBody(uiSize, 'd');
-                CZolMsgPdu *poRequest =
-                    zol::encodeReq(1, strBody.data(), static_cast<unsigned int>(strBody.size()), 0, 0, 0);
-                CZolMsgPdu *poResponse = nullptr;
-                ASSERT_EQ(ZOL_OK, zol::sendP2PMsg("127.0.0.1", usPort, poRequest, &poResponse, 20));
-                EXPECT_TRUE(strBody == bodyOf(*poResponse)) << uiSize;
-                delete poResponse;
-            }
-        });
-}
-
 // Before handleEvents the main thread may call other processes; it runs the reactor itself meanwhile.
 TEST_F(ProcessesTest, CallEachOtherAtTheInitialStage)
 {
@@ -182,7 +155,10 @@ TEST_F(ProcessesTest, CallEachOtherAtTheInitialStage)
     runApplication([] { expectEchoes(); });
 }
 
-TEST_F(ProcessesTest, FindAGatewayThatStartsAfterThem)
+// The gateway starts after the processes, and later is killed under them and started again: calls are refused at once
+// while it is gone, and work as soon as both have connected, the test by its poll or its own call, the peer by its
+// poll.
+TEST_F(ProcessesTest, FindAGatewayThatStartsLateAndDies)
 {
     const auto oPeer = startRunningPeer({"5", "none"});
     startSelf();
@@ -193,25 +169,9 @@ TEST_F(ProcessesTest, FindAGatewayThatStartsAfterThem)
             call(peer::CMD_ECHO, "early", &iResult);
             EXPECT_EQ(ZOL_ERR_INTERRUPTED, iResult);
             startVek();
-            EXPECT_TRUE(waitUntil([] { return call(peer::CMD_ECHO, "late", nullptr, 1) == "late"; }, 60s))
-                << "the poll of both opens the pipes";
-        });
-}
-
-// The gateway is killed under the processes and started again: calls are refused at once while it is gone, and work
-// again as soon as both have reconnected, the test by its own call, the peer by its poll.
-TEST_F(ProcessesTest, FindEachOtherAgainAfterTheGatewayDied)
-{
-    startVek();
-    const auto oPeer = startRunningPeer({"5", "none"});
-    startSelf();
-    runApplication(
-        [this]
-        {
-            EXPECT_EQ("before", call(peer::CMD_ECHO, "before"));
+            EXPECT_TRUE(waitUntil([] { return call(peer::CMD_ECHO, "late", nullptr, 1) == "late"; }, 60s));
             m_poVek->signal(SIGKILL);
             EXPECT_EQ(128 + SIGKILL, m_poVek->exitCode());
-            int iResult = ZOL_OK;
             EXPECT_TRUE(waitUntil(
                 [&] { return call(peer::CMD_ECHO, "gone", &iResult, 1) != "gone" && iResult == ZOL_ERR_INTERRUPTED; }));
             startVek();
@@ -222,7 +182,7 @@ TEST_F(ProcessesTest, FindEachOtherAgainAfterTheGatewayDied)
         });
 }
 
-TEST_F(ProcessesTest, GetHandlesFromTheGateway)
+TEST_F(ProcessesTest, GetHandlesAndCannotStartUnderAKeyThatIsUp)
 {
     startVek();
     const auto oFirst = startRunningPeer({"5", "0"});
@@ -231,16 +191,10 @@ TEST_F(ProcessesTest, GetHandlesFromTheGateway)
     EXPECT_EQ(std::string::npos, (oFirst->output() + oSecond->output()).find("handle 0\n"));
     const auto oOwn = startRunningPeer({"6", "3"});
     EXPECT_NE(std::string::npos, oOwn->output().find("handle 3\n"));
-}
-
-TEST_F(ProcessesTest, CannotStartUnderAKeyThatIsUp)
-{
-    startVek();
-    const auto oFirst = startRunningPeer({"5", "3"});
-    const auto oSecond = startPeer({"5", "3"});
-    EXPECT_EQ(1, oSecond->exitCode());
+    CChildProcess oDouble({ZOL_PEER, "6", "3"});
+    EXPECT_EQ(1, oDouble.exitCode());
     EXPECT_EQ(1U, countOf(m_oInstallation.logText(), "failed to connect to vEK, return code: -9\n"));
-    EXPECT_TRUE(oFirst->isRunning());
+    EXPECT_TRUE(oOwn->isRunning());
 }
 
 TEST_F(ProcessesTest, LeaveWithTheCodeOfMain)
@@ -271,12 +225,4 @@ TEST_F(ProcessesTest, EndUnderFullLoad)
     EXPECT_EQ(0, oSecond->exitCode());
     m_poVek->signal(SIGTERM);
     EXPECT_EQ(0, m_poVek->exitCode());
-}
-
-TEST_F(ProcessesTest, SayHelloAsTheReadmePromises)
-{
-    CChildProcess oHello({ZOL_HELLO});
-    EXPECT_EQ(0, oHello.exitCode());
-    EXPECT_EQ(1U, countOf(oHello.output(), "hello, world\n")) << oHello.output();
-    EXPECT_EQ("", oHello.errors());
 }
