@@ -19,31 +19,6 @@ namespace zoltest
 namespace
 {
 
-/// The environment of this process with oExtra on top, as "NAME=value" texts.
-std::vector<std::string> environmentWith(const CChildProcess::Environment &oExtra)
-{
-    std::vector<std::string> oAll;
-    for (const auto &oEntry : oExtra)
-    {
-        oAll.push_back(oEntry.first + "=" + oEntry.second);
-    }
-    for (char **ppcEntry = environ; *ppcEntry != nullptr; ++ppcEntry)
-    {
-        const std::string strEntry = *ppcEntry;
-        const std::string strName = strEntry.substr(0, strEntry.find('='));
-        bool bReplaced = false;
-        for (const auto &oEntry : oExtra)
-        {
-            bReplaced = bReplaced || oEntry.first == strName;
-        }
-        if (!bReplaced)
-        {
-            oAll.push_back(strEntry);
-        }
-    }
-    return oAll;
-}
-
 std::vector<char *> pointersTo(std::vector<std::string> &oTexts)
 {
     std::vector<char *> oPointers;
@@ -67,9 +42,12 @@ CChildProcess::CChildProcess(const std::vector<std::string> &oCommand, const Env
     m_strFolder = strTemplate;
     // Everything that allocates is done before the fork: this process may have threads.
     auto oArguments = oCommand;
-    auto oVariables = environmentWith(oEnvironment);
+    for (const auto &[strName, strValue] : oEnvironment)
+    {
+        oArguments.insert(oArguments.begin(), strName + "=" + strValue);
+    }
+    oArguments.insert(oArguments.begin(), "/usr/bin/env");
     const auto oArgumentPointers = pointersTo(oArguments);
-    const auto oVariablePointers = pointersTo(oVariables);
     const int iOut = open((m_strFolder + "/out").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     const int iErr = open((m_strFolder + "/err").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     m_iPid = fork();
@@ -77,7 +55,7 @@ CChildProcess::CChildProcess(const std::vector<std::string> &oCommand, const Env
     {
         dup2(iOut, STDOUT_FILENO);
         dup2(iErr, STDERR_FILENO);
-        execve(oArgumentPointers[0], oArgumentPointers.data(), oVariablePointers.data());
+        execv(oArgumentPointers[0], oArgumentPointers.data());
         _exit(127);
     }
     close(iOut);

@@ -99,10 +99,7 @@ bool CRawGateway::serve(SSession &oSession)
     case 11:
     case 12:
     case 15:
-        if (m_bAnswering)
-        {
-            answerLookUp(oSession, oFrame);
-        }
+        answerLookUp(oSession, oFrame);
         return true;
     default:
         route(oFrame);

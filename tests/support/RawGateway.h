@@ -28,7 +28,6 @@ public:
 
     void setStatus(int iStatus) { m_iStatus = iStatus; }                ///< of the registrations to come
     void setAllocated(unsigned short usHandle) { m_usNext = usHandle; } ///< handle for the next that asks for one
-    void setAnswering(bool bOn) { m_bAnswering = bOn; }                 ///< subscriptions and look-ups; on at first
 
     std::vector<SFrame> frames() const; ///< all that were read, register requests included
     unsigned int countOfType(unsigned int uiType) const;
@@ -55,7 +54,6 @@ private:
     CRawListener m_oListener;
     std::atomic<int> m_iStatus{0};
     std::atomic<unsigned short> m_usNext{100};
-    std::atomic<bool> m_bAnswering{true};
     std::atomic<bool> m_bDrop{false};
     std::atomic<bool> m_bEnd{false};
     std::atomic<unsigned int> m_uiPipes{0};
