@@ -31,7 +31,7 @@ function(zol_test name)
     else()
         target_link_libraries(${name} PRIVATE zol)
     endif()
-    target_link_libraries(${name} PRIVATE zol_test_support ${arg_LIBS} GTest::gtest zol_options)
+    target_link_libraries(${name} PRIVATE zol_test_support ${arg_LIBS} GTest::gtest_main zol_options)
     gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${arg_TIMEOUT})
 endfunction()
 
