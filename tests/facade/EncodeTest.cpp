@@ -1,7 +1,5 @@
 // Encoding and decoding without a running library: the calling thread has no current task and process id 0.
 
-#include "support/Application.h"
-#include "support/Installation.h"
 #include "zol.h"
 
 #include <asn-incl.h>
@@ -9,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace
 {
@@ -45,12 +42,6 @@ Pdu arrivedRequest()
     oRequest->m_ucDestModule = 23;
     oRequest->m_usDestSubModuleId = 24;
     return oRequest;
-}
-
-/// A message with the given bytes as its payload.
-Pdu messageOf(const std::string &strBody)
-{
-    return Pdu(zol::encodeReq(1, strBody.data(), static_cast<unsigned int>(strBody.size()), 1, 1, 1));
 }
 
 } // namespace
@@ -142,54 +133,6 @@ TEST(EncodeTest, StopsWhateverTheRuntimeThrows)
     EXPECT_EQ(ZOL_ERR_DECODE, zol::decodeAsn(*oRequest, oThrowing));
 }
 
-TEST(EncodeTest, CarriesAsnValuesThereAndBack)
-{
-    // lengths around the steps of the BER length field and of the runtime's segments
-    for (const size_t uiLength : {0U, 1U, 127U, 128U, 255U, 256U, 65535U, 65536U, 1000000U})
-    {
-        SCOPED_TRACE(uiLength);
-        std::string strText(uiLength, 'x');
-        for (size_t uiAt = 0; uiAt < uiLength; uiAt += 97)
-        {
-            strText[uiAt] = static_cast<char>(uiAt);
-        }
-        const SNACC::AsnOcts oSent(strText.data(), strText.size());
-        const Pdu oPdu(zol::encodeReq(1, &oSent, 1, 1, 1));
-        ASSERT_NE(nullptr, oPdu);
-        SNACC::AsnOcts oReceived;
-        ASSERT_EQ(ZOL_OK, zol::decodeAsn(*oPdu, oReceived));
-        EXPECT_TRUE(oSent == oReceived);
-    }
-}
-
-TEST(EncodeTest, RefusesDamagedAsnBodies)
-{
-    const struct
-    {
-        const char *pcName;
-        std::string strBody;
-    } aCases[] = {
-        {"empty", ""},
-        {"tag alone", std::string("\x04", 1)},
-        {"other type", std::string("\x01\x01\xFF", 3)},
-        {"cut value", std::string("\x04\x05"
-                                  "ab",
-                                  4)},
-        {"cut length", std::string("\x04\x84\x00\x00", 4)},
-        {"length of 4 GiB", std::string("\x04\x84\xFF\xFF\xFF\xFF", 6)},
-        {"length of 127 bytes' length", std::string("\x04\xFF", 2) + std::string(127, '\xFF')},
-        {"indefinite without an end", std::string("\x24\x80\x04\x01"
-                                                  "a",
-                                                  5)},
-    };
-    for (const auto &oCase : aCases)
-    {
-        SCOPED_TRACE(oCase.pcName);
-        SNACC::AsnOcts oTarget;
-        EXPECT_EQ(ZOL_ERR_DECODE, zol::decodeAsn(*messageOf(oCase.strBody), oTarget));
-    }
-}
-
 TEST(EncodeTest, CopiesLongHeadersAndBodiesWhole)
 {
     const unsigned int uiHeader = 40;
@@ -207,22 +150,4 @@ TEST(EncodeTest, CopiesLongHeadersAndBodiesWhole)
     SNACC::AsnInt oValue;
     EXPECT_EQ(ZOL_OK, zol::decodeAsn(*oCopy, oValue)) << "the payload begins where the header ends";
     EXPECT_EQ(42, static_cast<int>(oValue));
-}
-
-// Each encoding of an ASN.1 body leaves its length in the log, once, with the blank in front; an empty one nothing.
-TEST(EncodeTest, LogsTheLengthOfEachAsnBody)
-{
-    const zoltest::CInstallation oInstallation;
-    ASSERT_EQ(ZOL_OK, CZolAppMgr::instance()->initAppMgr(1, 0, true, "encode", nullptr));
-    const SNACC::AsnInt oBody(5);
-    const Pdu oRequest = arrivedRequest();
-    const Pdu oFirst(zol::encodeReq(1, &oBody, 1, 1, 1));
-    const Pdu oSecond(zol::encodeResp(*oRequest, &oBody));
-    const Pdu oThird(zol::encodeReq(1, nullptr, 1, 1, 1));
-    EXPECT_EQ(1, oFirst->m_usSrcProcID) << "the identity of the process";
-    CZolRunLog::error("last line");
-    ASSERT_TRUE(zoltest::waitUntil([&] { return zoltest::countOf(oInstallation.logText(), "last line") == 1; }));
-    EXPECT_EQ(1U, zoltest::countOf(oInstallation.logText(), "  ilength2 3.\n"));
-    EXPECT_EQ(1U, zoltest::countOf(oInstallation.logText(), "  ilength1 3.\n"));
-    EXPECT_EQ(2U, zoltest::countOf(oInstallation.logText(), "ilength"));
 }
