@@ -54,11 +54,12 @@ void CRawGateway::run()
             oPolls.push_back({oSession.m_oPipe.socket(), POLLIN, 0});
         }
         poll(oPolls.data(), oPolls.size(), 10);
+        const bool bDrop = m_bDrop.exchange(false); // one that comes later is for the next turn
         std::size_t uiIndex = 1;
         for (auto itSession = m_oSessions.begin(); itSession != m_oSessions.end(); ++uiIndex)
         {
             const bool bReadable = oPolls[uiIndex].revents != 0;
-            if (m_bDrop || (bReadable && !serve(*itSession)))
+            if (bDrop || (bReadable && !serve(*itSession)))
             {
                 const std::lock_guard<std::mutex> oGuard(m_oLock);
                 m_uiPipes -= itSession->m_bRegistered ? 1U : 0U;
@@ -69,7 +70,6 @@ void CRawGateway::run()
                 ++itSession;
             }
         }
-        m_bDrop = false;
         if (oPolls[0].revents != 0)
         {
             const std::lock_guard<std::mutex> oGuard(m_oLock);
