@@ -221,4 +221,8 @@ TEST(MemManTest, ManyThreadsShareThePool)
     EXPECT_EQ(0u, uiBroken);
     EXPECT_EQ(256u, freeBlocks(oMan, 0));
     EXPECT_EQ(64u, freeBlocks(oMan, 1));
+
+    auto *const poEdge = new (505) CZolMsgPdu;
+    EXPECT_EQ(63u, freeBlocks(oMan, 1)) << "with the link word in front this is no small message";
+    delete poEdge;
 }
