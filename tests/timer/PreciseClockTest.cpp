@@ -13,7 +13,6 @@ std::atomic<unsigned int> g_uiCalls{0};
 std::atomic<unsigned int> g_uiOtherCalls{0};
 std::atomic<unsigned long> g_ulSeen{0};
 std::atomic<unsigned long> g_ulChild{0};
-std::atomic<int> g_iResult{1};
 
 void count(unsigned long)
 {
@@ -24,23 +23,6 @@ void countOther(unsigned long)
 {
     ++g_uiOtherCalls;
 }
-
-/// Answers requests.
-class CEcho : public CZolTask
-{
-    void respMsgProcess(const CZolMsgPdu *poMsg) override
-    {
-        CZolMsgPdu *poAnswer = new (28) CZolMsgPdu;
-        *poAnswer = *poMsg;
-        poAnswer->m_ucMsgType = CZolMsgPdu::MSG_RESPONSE;
-        poAnswer->m_ulDataLength = 0;
-        std::swap(poAnswer->m_ucSrcModule, poAnswer->m_ucDestModule);
-        std::swap(poAnswer->m_usSrcSubModuleId, poAnswer->m_usDestSubModuleId);
-        std::swap(poAnswer->m_usSrcProcID, poAnswer->m_usDestProcID);
-        std::swap(poAnswer->m_usSrcProcHandle, poAnswer->m_usDestProcHandle);
-        sendAsynMsg(poAnswer);
-    }
-};
 
 class PreciseClockTest : public TimerFixture
 {
@@ -110,40 +92,6 @@ TEST_F(PreciseClockTest, ACallbackThatThrowsLeavesALineAndGoesOn)
     EXPECT_TRUE(waitUntil([] { return g_uiCalls >= 3 && g_uiOtherCalls >= 3; }));
     EXPECT_TRUE(waitUntil([this] { return countOf(m_oInstallation.logText(), "no more coffee") >= 3; }));
     EXPECT_LE(3U, countOf(m_oInstallation.logText(), "clock 2 threw"));
-}
-
-// A callback that blocks in a call, while other threads set and cancel timers, and the task that it calls is served.
-TEST_F(PreciseClockTest, ACallbackMayMakeCallsAndHoldsNobodyUp)
-{
-    ASSERT_EQ(ZOL_OK, m_poMgr->addStaticTask(new CEcho, 2));
-    runApplication(
-        [this]
-        {
-            timer()->registerPreciseClock(1,
-                                          [](unsigned long ulId)
-                                          {
-                                              CZolMsgPdu *poRequest = new (28) CZolMsgPdu;
-                                              poRequest->init();
-                                              poRequest->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
-                                              poRequest->m_usSrcProcID = poRequest->m_usDestProcID =
-                                                  CZolAppMgr::instance()->getProcID();
-                                              poRequest->m_ucDestModule = MANAGER;
-                                              poRequest->m_usDestSubModuleId = 2;
-                                              CZolMsgPdu *poResponse = nullptr;
-                                              g_iResult = CZolAppMgr::instance()->sendSynMsg(poRequest, poResponse, 10);
-                                              delete poResponse;
-                                              if (++g_uiCalls >= 50)
-                                              {
-                                                  CZolTimer::instance()->cancelPreciseClock(ulId);
-                                              }
-                                          });
-            while (g_uiCalls < 50 && (g_uiCalls == 0 || g_iResult == ZOL_OK))
-            {
-                const unsigned long ulId = timer()->setCycleInterval(1000, MANAGER, 1, TASK);
-                EXPECT_EQ(ZOL_OK, timer()->cancelTimer(ulId));
-            }
-            EXPECT_EQ(ZOL_OK, g_iResult);
-        });
 }
 
 // Whoever holds a lock that a handler of the timer thread wants must be able to set and cancel timers all the same.

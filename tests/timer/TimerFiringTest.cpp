@@ -1,8 +1,6 @@
 #include "timer/TimerFixture.h"
 
-#include <algorithm>
 #include <malloc.h>
-#include <random>
 #include <thread>
 
 using namespace zoltest;
@@ -200,8 +198,6 @@ TEST_F(TimerFiringTest, AHandlerThatIsStuckHoldsNoOtherTimerUp)
         });
 }
 
-// ---- Many
-
 #ifndef ZOL_SANITIZED // whose allocators count differently
 TEST_F(TimerFiringTest, ALiveTimerTakesAtMost250Bytes)
 {
@@ -215,40 +211,3 @@ TEST_F(TimerFiringTest, ALiveTimerTakesAtMost250Bytes)
     EXPECT_LE((uiAfter - uiBefore) / uiTimers, 250U);
 }
 #endif
-
-TEST_F(TimerFiringTest, AHundredThousandTimersAreSetFiredAndCancelled)
-{
-    runApplication(
-        [this]
-        {
-            const unsigned int uiTimers = 100000;
-            std::vector<unsigned long> oIds;
-            for (unsigned int ui = 0; ui < uiTimers; ++ui)
-            {
-                oIds.push_back(
-                    timer()->setCycleInterval(100000, OTHER_MANAGER, 1, static_cast<unsigned short>(33 + ui % 1000)));
-            }
-            EXPECT_EQ(uiTimers, timer()->getTimerCount());
-            std::shuffle(oIds.begin(), oIds.end(), std::mt19937(42));
-            for (unsigned int ui = 0; ui < uiTimers / 2; ++ui)
-            {
-                ASSERT_EQ(ZOL_OK, timer()->cancelTimer(oIds[ui]));
-            }
-            EXPECT_EQ(uiTimers / 2, timer()->getTimerCount());
-            EXPECT_EQ(uiTimers / 2, countOf(dump(), "timerid"));
-            for (unsigned short us = 33; us < 1033; ++us)
-            {
-                timer()->cancelTimer(OTHER_MANAGER, us);
-            }
-            EXPECT_EQ("zOL Timer List:\n", dump());
-
-            const long lSoon = now() + 2;
-            for (unsigned int ui = 0; ui < uiTimers; ++ui)
-            {
-                timer()->setDatePeriod(std::max(lSoon, now()), MANAGER, 1, TASK);
-            }
-            EXPECT_TRUE(waitUntil([&] { return m_poTask->m_uiTotal >= uiTimers; }, std::chrono::seconds(60)));
-            EXPECT_EQ(uiTimers, m_poTask->m_uiTotal);
-            EXPECT_TRUE(waitUntil([] { return timer()->getTimerCount() == 0; }));
-        });
-}

@@ -275,12 +275,3 @@ TEST_F(TimerTest, MonthTimersEndWithTheirPeriod)
     EXPECT_EQ(0U, timer()->getTimerCount()) << "a period with one instant fires once";
     EXPECT_EQ(0U, countOf(m_oInstallation.logText(), "CZolTimer::handle_timeout"));
 }
-
-TEST_F(TimerTest, ADayTimerAskedAtItsVerySecondBelongsToTomorrow)
-{
-    const unsigned int uiNow = CZolDateUtil::getTimeInSeconds();
-    const unsigned long ulId = timer()->setDayPeriod(0, FAR, uiNow, MANAGER, 1, TASK);
-    EXPECT_NE(0U, ulId);
-    EXPECT_EQ(0U, queued(m_poMgr));
-    EXPECT_EQ(1U, timer()->getTimerCount());
-}
