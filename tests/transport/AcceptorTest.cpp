@@ -1,7 +1,6 @@
 // The listening port: what a stranger can say first, and what it gets.
 
 #include "transport/TransportTest.h"
-#include "transport/ZolAcceptorHandler.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,13 +15,6 @@ namespace
 class AcceptorTest : public TransportTest
 {
 protected:
-    void serve(const std::function<void()> &fnBody)
-    {
-        ASSERT_EQ(0, start());
-        listen();
-        run(fnBody);
-    }
-
     // A stranger that says this first is sent away without a word.
     void expectRefused(const std::string &strBytes)
     {
@@ -200,15 +192,4 @@ TEST_F(AcceptorTest, SendsCallersAwayWhileNoDescriptorIsLeft)
             peer();
             EXPECT_TRUE(waitUntil([&] { return logCount("accept connection request failed.") == 5; }));
         });
-}
-
-TEST_F(AcceptorTest, BindsAPortOnce)
-{
-    ASSERT_EQ(0, start());
-    const CRawListener oOther;
-    EXPECT_EQ(-1, CZolAcceptorHandler::instance()->bindPort(oOther.port()));
-    EXPECT_TRUE(logHas("CZolAcceptorHandler::bindPort fail to bind port: " + std::to_string(oOther.port())));
-    listen();
-    EXPECT_TRUE(logHas("CZolAcceptorHandler::bindPort successful bind port: " + std::to_string(m_usPort)));
-    EXPECT_EQ(FD_CLOEXEC, fcntl(CZolAcceptorHandler::instance()->get_handle(), F_GETFD));
 }

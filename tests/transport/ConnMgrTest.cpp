@@ -95,21 +95,6 @@ TEST_F(ConnMgrTest, StopsAStartThatTheGatewayRefuses)
     EXPECT_EQ(1U, countOf(mgr().dumpConnections(), "OppProcID"));
 }
 
-TEST_F(ConnMgrTest, StartsWithoutItsGatewayAndFindsItLater)
-{
-    const unsigned short usPort = freePort();
-    ASSERT_EQ(0, start("VEKAddress = 127.0.0.1\nVEKPort = " + std::to_string(usPort) + "\n"));
-    EXPECT_TRUE(logHas("CZolAppMgr::initAppMgr connect to vEK failed!"));
-    CRawGateway oGateway(usPort);
-    oGateway.setStatus(-9); // no longer a reason to stop
-    cycle();
-    EXPECT_FALSE(mgr().isConnected(0, 0));
-    oGateway.setStatus(0);
-    cycle();
-    EXPECT_TRUE(mgr().isConnected(0, 0));
-    EXPECT_EQ(OWN_HANDLE, mgr().getProcHandle());
-}
-
 TEST_F(ConnMgrTest, TakesTheHandleThatEachRegistrationAllocates)
 {
     CRawGateway oGateway;
@@ -284,9 +269,7 @@ TEST_F(ConnMgrTest, SendsOneHelloInAPeriod)
 
 TEST_F(ConnMgrTest, ClosesWhatWasSilentFor180Seconds)
 {
-    ASSERT_EQ(0, start());
-    listen();
-    run(
+    serve(
         [&]
         {
             CRawPipe oPeer = peer();
@@ -306,9 +289,7 @@ TEST_F(ConnMgrTest, ClosesWhatWasSilentFor180Seconds)
 
 TEST_F(ConnMgrTest, ClosesNothingForSilenceAfterAClockJump)
 {
-    ASSERT_EQ(0, start());
-    listen();
-    run(
+    serve(
         [&]
         {
             CRawPipe oPeer = peer();
@@ -412,51 +393,11 @@ TEST_F(ConnMgrTest, PrefersADirectPipeAndFallsBackToTheGateway)
         });
 }
 
-// Many threads that ask all the time must not keep a pipe from leaving the tables.
-TEST_F(ConnMgrTest, ForgetsAPipeWhileManyThreadsAsk)
-{
-    ASSERT_EQ(0, start());
-    listen();
-    run(
-        [&]
-        {
-            std::atomic<bool> bEnd{false};
-            std::vector<std::thread> oAsking;
-            for (unsigned short i = 0; i < 16; ++i)
-            {
-                oAsking.emplace_back(
-                    [&, i]
-                    {
-                        while (!bEnd)
-                        {
-                            mgr().isConnected(static_cast<unsigned short>(9 + i % 2), 1);
-                            mgr().isProcRegistered(9, i);
-                            pipeTo(9, 1);
-                        }
-                    });
-            }
-            for (int i = 0; i < 5; ++i)
-            {
-                CRawPipe oPeer = peer();
-                EXPECT_TRUE(waitConnected(9, 1));
-                oPeer.close();
-                EXPECT_TRUE(waitUntil([&] { return !mgr().isProcRegistered(9, 1); }));
-            }
-            bEnd = true;
-            for (std::thread &oThread : oAsking)
-            {
-                oThread.join();
-            }
-        });
-}
-
 // Pipes come and go by the hundred, closed from every side, while messages flow on one that must not be touched: a
 // descriptor that is used again must never be taken for its last owner.
 TEST_F(ConnMgrTest, SurvivesAChurnOfPipes)
 {
-    ASSERT_EQ(0, start());
-    listen();
-    run(
+    serve(
         [&]
         {
             CRawPipe oSteady = peer(8, 1);
@@ -515,16 +456,6 @@ TEST_F(ConnMgrTest, SurvivesAChurnOfPipes)
             EXPECT_TRUE(waitUntil([&] { return countOf(mgr().dumpConnections(), "OppProcID: 9") == 0; }));
             EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= uiDescriptors; })) << "sockets were left open";
         });
-}
-
-// Two processes that open a pipe to each other before either serves its port: both give up after 5 s.
-TEST_F(ConnMgrTest, EndsAConnectToAPortThatNobodyServesYet)
-{
-    ASSERT_EQ(0, start());
-    listen(); // the reactor does not run, so this process is such a peer of its own
-    const auto oBegin = std::chrono::steady_clock::now();
-    EXPECT_EQ(-1, mgr().initConn("127.0.0.1", m_usPort, CZolConnection::CONN_INITIATIVE));
-    EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(15));
 }
 
 // The one thread of a manager takes pipes down and opens them while the reactor waits on the full queue of that very

@@ -166,63 +166,6 @@ TEST_F(ConnectionTest, GivesASilentListenerFiveSeconds)
     EXPECT_TRUE(logHas("recv response of register failed, error: 62, "));
 }
 
-TEST_F(ConnectionTest, TakesAnAnswerThatComesInPieces)
-{
-    ASSERT_EQ(0, start());
-    EXPECT_EQ(0, connectTo(
-                     [&](CRawListener &oListener)
-                     {
-                         CRawPipe oPipe = oListener.accept();
-                         oPipe.read(32);
-                         for (const char cByte : registerFrame(9, 4).wire())
-                         {
-                             oPipe.send(std::string(1, cByte));
-                             std::this_thread::yield();
-                         }
-                     }));
-}
-
-TEST_F(ConnectionTest, RefusesAnAddressThatCannotBeUsed)
-{
-    ASSERT_EQ(0, start());
-    const char *const pcWarning = "fail to build a connect because the remote address is invalid.";
-    for (const char *pcHost : {"", "no such host"})
-    {
-        const CZolConnRef oConn = CZolConnRef::adopt(new CZolConnection(CZolConnection::CONN_INITIATIVE, pcHost, 1));
-        EXPECT_EQ(-1, oConn->connect());
-    }
-    EXPECT_TRUE(waitUntil([&] { return logCount(pcWarning) == 2; }));
-
-    CRawListener oListener;
-    SFrame oRequest;
-    const CZolConnRef oConn =
-        CZolConnRef::adopt(new CZolConnection(CZolConnection::CONN_INITIATIVE, "127.0.0.1", oListener.port()));
-    oConn->setAddrStatus(false);
-    EXPECT_EQ(-1, oConn->connect());
-    EXPECT_EQ(-1, oConn->setRemoteAddr("no such host", 1));
-    EXPECT_EQ(-1, oConn->connect());
-    EXPECT_TRUE(waitUntil([&] { return logCount(pcWarning) == 4; }));
-    EXPECT_FALSE(oListener.accept(Milliseconds(0)).isOpen());
-    oConn->setAddrStatus(true); // the good address was not overwritten
-    std::thread oServer([&] { oListener.acceptPipe(oRequest, 9, 4); });
-    EXPECT_EQ(0, oConn->connect());
-    oServer.join();
-    EXPECT_EQ("    OppProcID: 9, OppProcHandle: 4, PipeType: 1, OppAddr: 127.0.0.1, OppPortNumber: " +
-                  std::to_string(oListener.port()) + ", PipeStatus: 1",
-              oConn->toString());
-}
-
-TEST_F(ConnectionTest, StaysAsItIsWhenItIsUpAlready)
-{
-    ASSERT_EQ(0, start());
-    CRawPipe oPipe;
-    SFrame oRequest;
-    ASSERT_EQ(0, connectTo([&](CRawListener &oListener) { oPipe = oListener.acceptPipe(oRequest, 9, 4); }));
-    EXPECT_EQ(0, m_oConn->connect());
-    EXPECT_TRUE(logHas("CZolConnection::connect the connect is valid already. OppAddr: 127.0.0.1, OppPort: "));
-    EXPECT_EQ("", oPipe.read(1, Milliseconds(0)));
-}
-
 TEST_F(ConnectionTest, BeginsEachLifeWithNothingReceived)
 {
     ASSERT_EQ(0, start());
@@ -251,24 +194,4 @@ TEST_F(ConnectionTest, BeginsEachLifeWithNothingReceived)
     EXPECT_EQ(0U, logCount("disordered"));
     EXPECT_TRUE(logHas("CZolConnection::disconnect disconnect finished. OppProcID: 9 OppProcHandle: 4 OppAddr: "
                        "127.0.0.1 OppPortNumber: "));
-}
-
-// Half a batch on the wire and then nothing for 200 s is not what this can wait for: the far end goes.
-TEST_F(ConnectionTest, EndsARunningSendWhenThePipeGoesDown)
-{
-    ASSERT_EQ(0, start());
-    CRawPipe oPipe;
-    SFrame oRequest;
-    ASSERT_EQ(0, connectTo([&](CRawListener &oListener) { oPipe = oListener.acceptPipe(oRequest, 9, 4); }));
-    const std::string strLarge(64 << 20, 'x'); // more than the two socket buffers take
-    std::atomic<int> iResult{1};
-    CZolConnection::SSendOutcome oOutcome{};
-    std::thread oSender([&] { iResult = m_oConn->send(strLarge.data(), 64 << 20, &oOutcome); });
-    EXPECT_EQ(1U, oPipe.read(1).size()); // it is on its way
-    EXPECT_TRUE(m_oConn->takeDown());
-    EXPECT_FALSE(m_oConn->takeDown());
-    m_oConn->disconnect(); // waits for the sender to leave
-    oSender.join();
-    EXPECT_EQ(-1, iResult);
-    EXPECT_GT(oOutcome.m_uiSent, 0U);
 }

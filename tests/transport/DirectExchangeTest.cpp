@@ -270,10 +270,3 @@ TEST_F(DirectExchangeTest, RegistersPeersWhileAnAnswerIsNotRead)
             EXPECT_EQ(ZOL_OK, exchange(m_usPort, request(ECHO, "next"), &strAnswer));
         });
 }
-
-TEST_F(DirectExchangeTest, KnowsWhichRequestsAreItsOwn)
-{
-    ASSERT_EQ(0, start());
-    EXPECT_FALSE(takeP2PRequest(nullptr));
-    EXPECT_FALSE(takeP2PRequest(reinterpret_cast<SZolP2PRequest *>(0x4141414141414141)));
-}

@@ -15,13 +15,6 @@ namespace
 class SendPathTest : public TransportTest
 {
 protected:
-    void serve(const std::function<void()> &fnBody, const std::string &strConfig = "")
-    {
-        ASSERT_EQ(0, start(strConfig));
-        listen();
-        run(fnBody);
-    }
-
     static void send(CZolMsgPdu *poPdu) { EXPECT_EQ(0, CZolAppMgr::instance()->sendAsynMsg(poPdu)); }
 };
 
@@ -102,39 +95,6 @@ TEST_F(SendPathTest, CutsWhatIsLargerThanOneBlock)
         });
 }
 
-TEST_F(SendPathTest, KeepsTheOrderOfSmallAndBigMessages)
-{
-    serve(
-        [&]
-        {
-            CRawPipe oPeer = peer();
-            CRawPipe oOther = peer(10, 1);
-            for (unsigned int i = 0; i < 3000; ++i)
-            {
-                const std::size_t uiLength = i % 50 == 7 ? 20000 : i % 173;
-                send(newMessage(9, 1, i, pattern(uiLength, i)));
-                if (i % 3 == 0)
-                {
-                    send(newMessage(10, 1, i, "other"));
-                }
-            }
-            for (unsigned int i = 0; i < 3000; ++i)
-            {
-                std::vector<SFrame> oFrames;
-                const std::string strBody = readJoined(oPeer, oFrames);
-                ASSERT_FALSE(oFrames.empty());
-                ASSERT_EQ(i, oFrames[0].m_ulCmd);
-                ASSERT_TRUE(strBody == pattern(i % 50 == 7 ? 20000 : i % 173, i));
-            }
-            for (unsigned int i = 0; i < 3000; i += 3)
-            {
-                SFrame oFrame;
-                ASSERT_TRUE(oOther.readFrame(oFrame));
-                ASSERT_EQ(i, oFrame.m_ulCmd);
-            }
-        });
-}
-
 // A process without a gateway: every send fails, and the line of each failure names the messages of its batch.
 TEST_F(SendPathTest, PacksBatchesUpToTheBlockLimit)
 {
@@ -164,24 +124,6 @@ TEST_F(SendPathTest, PacksBatchesUpToTheBlockLimit)
     EXPECT_TRUE(logHas("send block 1 failed, ver:1, type:6, cmd:1, src:1,1, dst:9,1,1,1, error: -1"));
     EXPECT_TRUE(logHas("send big message failed, ver:1, type:1, cmd:1, src:1,1, dst:9,1,1,1, head:28, data:19972, "
                        "error: -1"));
-}
-
-TEST_F(SendPathTest, RestoresTheHeaderOfABigMessage)
-{
-    serve(
-        [&]
-        {
-            CRawPipe oPeer = peer();
-            const std::unique_ptr<CZolMsgPdu> poPdu(newMessage(9, 1, 5, std::string(20000, 'x')));
-            std::string strBefore;
-            std::string strAfter;
-            poPdu->printf(strBefore);
-            EXPECT_EQ(0, CZolConnMgr::instance()->processBigMsg(poPdu.get()));
-            poPdu->printf(strAfter);
-            EXPECT_EQ(strBefore, strAfter);
-            std::vector<SFrame> oFrames;
-            EXPECT_TRUE(readJoined(oPeer, oFrames) == std::string(20000, 'x'));
-        });
 }
 
 TEST_F(SendPathTest, RefusesWhatCannotBeCut)
@@ -302,32 +244,6 @@ TEST_F(SendPathTest, MakesSendersWaitWhileTheListIsFull)
             oSender.join();
         },
         "ZOLQueueSize = 1\n"); // raised to the least, 26214400
-}
-
-// A sender that waits for room is let go when the process ends.
-TEST_F(SendPathTest, LetsWaitingSendersGoAtTheEnd)
-{
-    CRawPipe oPeer;
-    std::thread oSender;
-    std::atomic<int> iResult{0};
-    serve(
-        [&]
-        {
-            oPeer = peer(); // and never reads
-            oSender = std::thread(
-                [&]
-                {
-                    while (iResult == 0)
-                    {
-                        CZolMsgPdu *poPdu = newMessage(9, 1, 1, std::string(1 << 20, 'x'));
-                        iResult = CZolAppMgr::instance()->sendAsynMsg(poPdu);
-                    }
-                });
-            EXPECT_TRUE(waitUntil([] { return CZolSendMsgTask::instance()->bytesWaiting() >= 26214400; }));
-        },
-        "ZOLQueueSize = 1\n");
-    oSender.join();
-    EXPECT_EQ(ZOL_ERR_FAILED, iResult);
 }
 
 // A peer that is stopped takes the send thread along until its pipe goes; then the others get theirs at once.

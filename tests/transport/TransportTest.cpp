@@ -90,6 +90,13 @@ void TransportTest::listen()
     ASSERT_EQ(0, CZolAcceptorHandler::instance()->bindPort(m_usPort));
 }
 
+void TransportTest::serve(const std::function<void()> &fnBody, const std::string &strConfig)
+{
+    ASSERT_EQ(0, start(strConfig));
+    listen();
+    run(fnBody);
+}
+
 CRawPipe TransportTest::peer(unsigned short usProc, unsigned short usHandle)
 {
     CRawPipe oPipe = CRawPipe::connectTo(m_usPort);
@@ -140,10 +147,10 @@ CZolMsgPdu *newMessage(unsigned short usProc, unsigned short usHandle, unsigned 
     return poPdu;
 }
 
-std::string pattern(std::size_t uiLength, unsigned int uiSeed)
+std::string pattern(std::size_t uiLength)
 {
     std::string strBytes(uiLength, '\0');
-    unsigned int uiState = uiSeed * 2654435761U + 12345U;
+    unsigned int uiState = 12345U;
     for (char &cByte : strBytes)
     {
         uiState = uiState * 1103515245U + 12345U;

@@ -49,6 +49,9 @@ protected:
     /// handleEvents until fnBody returns.
     void run(const std::function<void()> &fnBody) { runApplication(fnBody); }
 
+    /// Starts, listens and runs.
+    void serve(const std::function<void()> &fnBody, const std::string &strConfig = "");
+
     CRawPipe peer(unsigned short usProc = 9, unsigned short usHandle = 1); ///< a registered passive pipe
     bool waitConnected(unsigned short usProc, unsigned short usHandle, bool bUp = true);
     bool logHas(const std::string &strText); ///< soon
@@ -68,7 +71,7 @@ CZolMsgPdu *newMessage(unsigned short usProc, unsigned short usHandle, unsigned 
                        unsigned char ucType = CZolMsgPdu::MSG_REQUEST);
 
 /// Bytes of which no two neighbouring stretches are alike.
-std::string pattern(std::size_t uiLength, unsigned int uiSeed = 0);
+std::string pattern(std::size_t uiLength);
 
 } // namespace zoltest
 
