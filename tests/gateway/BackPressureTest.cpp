@@ -226,32 +226,4 @@ TEST_F(BackPressureTest, HoldsLargeFramesAgainstTheTotalBound)
     EXPECT_TRUE(oHalf.waitClosed());
 }
 
-TEST_F(BackPressureTest, DrainsWhatIsQueuedAndTakesNothingNew)
-{
-    CRawPipe oSlow = slowPipe(8, 1);
-    CRawPipe oA = pipe(7, 1);
-    const unsigned int uiCount = 5000;
-    std::string strFrames;
-    for (unsigned int i = 0; i < uiCount; ++i)
-    {
-        strFrames += frame(1, A, B, word32(i)).wire();
-    }
-    ASSERT_TRUE(oA.send(strFrames));
-    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulFramesIn == uiCount; }));
-    bool bDone = false;
-    gateway().run([&](CZolVekGateway &oGateway) { oGateway.drain(); });
-    ASSERT_TRUE(oA.send(frame(1, A, B, "too late").wire()));
-    EXPECT_EQ(-1, connection().registerAs(9, 1));
-    for (unsigned int i = 0; i < uiCount; ++i)
-    {
-        ASSERT_EQ(i, readWord32(next(oSlow).m_strBody, 0));
-    }
-    EXPECT_TRUE(waitUntil(
-        [&]
-        {
-            gateway().run([&](CZolVekGateway &oGateway) { bDone = oGateway.isDone(); });
-            return bDone;
-        }));
-}
-
 } // namespace

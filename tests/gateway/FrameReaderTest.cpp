@@ -70,24 +70,6 @@ protected:
     EnumZolVekRead m_eLast = VEK_READ_MORE;
 };
 
-// A frame that arrives in two pieces is the same frame, wherever the cut lies.
-TEST_F(FrameReaderTest, JoinsAFrameCutAtEveryByte)
-{
-    const std::string strFrame = frame(100, 'a');
-    for (std::size_t ulCut = 1; ulCut < strFrame.size(); ++ulCut)
-    {
-        SCOPED_TRACE(ulCut);
-        m_oFrames.clear();
-        turn(strFrame.substr(0, ulCut));
-        EXPECT_TRUE(m_oFrames.empty());
-        EXPECT_EQ(ulCut, m_oReader.pendingBytes());
-        turn(strFrame.substr(ulCut));
-        ASSERT_EQ(1u, m_oFrames.size());
-        EXPECT_EQ(strFrame, m_oFrames[0]);
-        EXPECT_EQ(0u, m_oMemory.m_ulBytes) << "a pipe at rest holds no memory";
-    }
-}
-
 TEST_F(FrameReaderTest, RefusesDamagedHeaders)
 {
     const struct

@@ -139,30 +139,6 @@ TEST_F(OutboxTest, KeepsOrderAndFramesThroughPartialWrites)
     EXPECT_EQ(0u, m_oMemory.m_ulBytes);
 }
 
-TEST_F(OutboxTest, HelloOvertakesWhatHasNotBegun)
-{
-    std::string strBulk;
-    for (std::uint32_t i = 0; i < 400; ++i)
-    {
-        strBulk += frame(1, i, 1000);
-    }
-    m_oOutbox.addBytes(strBulk.data(), sizeOf(strBulk));
-    ASSERT_EQ(VEK_FLUSH_BLOCKED, flush());
-    m_oOutbox.settle();
-    m_oOutbox.addHello(frame(4, 0, 0).data());
-    EXPECT_EQ(1u, m_oOutbox.hellos());
-    const std::uint64_t ulBefore = m_ulWritten;
-    while (flush() == VEK_FLUSH_BLOCKED)
-    {
-        readSome(4096);
-    }
-    readSome(1000000);
-    const std::size_t ulNextFrame = (ulBefore + 1027) / 1028 * 1028;
-    EXPECT_EQ(frame(4, 0, 0), m_strGot.substr(ulNextFrame, 28)) << "right behind the frame that was on its way";
-    EXPECT_EQ(strBulk, m_strGot.substr(0, ulNextFrame) + m_strGot.substr(ulNextFrame + 28));
-    EXPECT_EQ(0u, m_oOutbox.hellos());
-}
-
 // A publication that many wait for lies in memory once.
 TEST_F(OutboxTest, SharesARecordAmongOutboxes)
 {

@@ -138,22 +138,6 @@ TEST_F(GatewayPolicyTest, ReadsNoFasterThanTheFramesAllow)
     }
 }
 
-TEST_F(GatewayPolicyTest, ReadsNoFasterThanTheBytesAllow)
-{
-    m_oSettings.m_ulMaxBytesPerSecond = 1000;
-    CRawPipe oFast = pipe(7, 1);
-    CRawPipe oTo = pipe(8, 1);
-    // larger than the burst, and paid for by what follows
-    ASSERT_TRUE(oFast.send(frame(1, A, B, std::string(500000, 'x')).wire() + frame(1, A, B, "behind").wire()));
-    EXPECT_EQ(500000u, next(oTo).m_strBody.size());
-    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulThrottled > 0; }));
-    EXPECT_EQ(1u, gateway().statistics().m_ulFramesIn);
-    gateway().pass(std::chrono::seconds(490));
-    EXPECT_EQ(1u, gateway().statistics().m_ulFramesIn);
-    gateway().pass(std::chrono::seconds(20));
-    EXPECT_EQ("behind", next(oTo).m_strBody);
-}
-
 // A pipe that goes while it waits for its rate leaves nothing behind that would be touched later.
 TEST_F(GatewayPolicyTest, ForgetsAPipeThatGoesWhileItWaits)
 {

@@ -1,7 +1,6 @@
 #include "ZolVekRoutes.h"
 
 #include <gtest/gtest.h>
-#include <map>
 
 namespace
 {
@@ -53,32 +52,6 @@ TEST_F(RoutesTest, GivesRestingHandlesOnlyWhenNoOtherIsFree)
     EXPECT_EQ(500, allocate(1002)) << "the longest free one first";
     EXPECT_EQ(20, allocate(1002));
     EXPECT_EQ(0, allocate(1002));
-}
-
-TEST_F(RoutesTest, SpreadsSourcesOverThePipesOfAnId)
-{
-    for (std::uint16_t i = 1; i <= 3; ++i)
-    {
-        m_oRoutes.add(zolVekKey(7, i), session(i));
-    }
-    std::map<CZolVekSession *, int> oCount;
-    for (int i = 0; i < 9; ++i)
-    {
-        CZolVekSession *const poChosen = m_oRoutes.choose(7);
-        ++oCount[poChosen];
-        m_oRoutes.use(zolVekKey(7, static_cast<std::uint16_t>(reinterpret_cast<std::uintptr_t>(poChosen) / 64)), 1);
-    }
-    EXPECT_EQ(3u, oCount.size());
-    for (const auto &oPair : oCount)
-    {
-        EXPECT_EQ(3, oPair.second);
-    }
-    m_oRoutes.add(zolVekKey(7, 0), session(99));
-    EXPECT_EQ(session(99), m_oRoutes.choose(7)) << "the pipe without a handle stands for the id";
-    m_oRoutes.remove(zolVekKey(7, 0), 0);
-    m_oRoutes.use(zolVekKey(7, 2), -1);
-    EXPECT_EQ(session(2), m_oRoutes.choose(7));
-    EXPECT_EQ(nullptr, m_oRoutes.choose(8));
 }
 
 } // namespace

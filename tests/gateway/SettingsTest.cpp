@@ -143,18 +143,4 @@ TEST(SettingsTest, DocumentsEveryKey)
     }
 }
 
-TEST(SettingsTest, TellsWhatAReloadChanges)
-{
-    CZolVekSettingsReader oOld;
-    oOld.addText("a", "LogLevel = 3\nListen = 127.0.0.1:1");
-    ASSERT_TRUE(oOld.check());
-    CZolVekSettingsReader oNew;
-    oNew.addText("a", "LogLevel = 5\nListen = 127.0.0.1:2\nPort.8 = 80");
-    ASSERT_TRUE(oNew.check());
-    EXPECT_EQ((std::vector<std::string>{"LogLevel: 3 -> 5", "Port.<id>: none -> 8=80"}),
-              zolVekDifferences(oOld.settings(), oNew.settings(), true));
-    EXPECT_EQ((std::vector<std::string>{"Listen: 127.0.0.1:1 -> 127.0.0.1:2"}),
-              zolVekDifferences(oOld.settings(), oNew.settings(), false));
-}
-
 } // namespace

@@ -191,13 +191,4 @@ TEST_F(GatewayStatusTest, KeepsFlowsOnlyWhileSomebodyWatches)
     EXPECT_EQ(1u, flowOf(look(), A, C)) << "counted although nobody watched";
 }
 
-TEST_F(GatewayStatusTest, TellsThatItDrains)
-{
-    CRawPipe oA = pipe(7, 1);
-    observe();
-    EXPECT_FALSE(look().m_bDraining);
-    gateway().run([](CZolVekGateway &oGateway) { oGateway.drain(); });
-    EXPECT_TRUE(look().m_bDraining);
-}
-
 } // namespace
