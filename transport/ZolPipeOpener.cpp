@@ -7,17 +7,18 @@
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolText.h"
 
-#include <ace/OS_NS_Thread.h>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <poll.h>
 #include <sys/socket.h>
+#include <thread>
 
 namespace
 {
 
 const char *const SCOPE = "CZolConnection::connect";
+constexpr std::chrono::milliseconds CLOSE_WAIT(100); // how long a poll waits for a close under way
 
 } // namespace
 
@@ -59,28 +60,34 @@ void CZolPipeOpener::start(bool bTry)
     begin();
 }
 
-// False, with nothing held, if bTry and another thread is busy with the connection.
+// False, with nothing held, if bTry and another thread stays busy with the connection: it may be connecting itself, for
+// seconds. One that is closing the last life is done in no time, and a poll that left at once would come back after 20
+// s.
 bool CZolPipeOpener::lock(bool bTry)
 {
     ACE_RW_Mutex &oLock = m_oConn->m_oPipeLock;
+    const zolsocket::Deadline oLimit = zolsocket::in(CLOSE_WAIT);
     for (;;)
     {
-        if ((bTry ? oLock.tryacquire_write() : oLock.acquire_write()) != 0)
+        if ((bTry ? oLock.tryacquire_write() : oLock.acquire_write()) == 0)
+        {
+            // down, but with its socket: whoever took the last life down is about to close it and needs this lock
+            if (m_oConn->getPipeStatus() || m_oConn->getHandle() == ACE_INVALID_HANDLE)
+            {
+                m_bLocked = true;
+                return true;
+            }
+            oLock.release();
+        }
+        else if (!bTry)
         {
             return false;
         }
-        // down, but with its socket: whoever took the last life down is about to close it and needs this lock
-        if (m_oConn->getPipeStatus() || m_oConn->getHandle() == ACE_INVALID_HANDLE)
-        {
-            m_bLocked = true;
-            return true;
-        }
-        oLock.release();
-        if (bTry)
+        if (bTry && zolsocket::Clock::now() >= oLimit)
         {
             return false;
         }
-        ACE_OS::thr_yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 
