@@ -192,7 +192,7 @@ TEST_F(VekProgramTest, LogsToTheFolderAndKeepsTheLastLines)
     m_poVek->signal(SIGTERM);
     EXPECT_EQ(0, m_poVek->exitCode());
     const std::string strLog = m_oInstallation.logText();
-    EXPECT_EQ(1u, countOf(strLog, "process 7 handle 1 (127.0.0.1:")) << strLog;
+    EXPECT_EQ(1u, countOf(strLog, ") is up, 1 in all")) << strLog;
     EXPECT_EQ(1u, countOf(strLog, "draining")) << strLog;
     EXPECT_EQ(1u, countOf(strLog, "run end, ")) << strLog;
     EXPECT_EQ("", m_poVek->errors());
