@@ -14,7 +14,8 @@ failed=0
 clean_up() {
     local pid
     [ "$failed" = 0 ] || tail -q -n 3 "$work"/*.err 2>/dev/null >&2
-    for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null; done
+    # what the shell knows and not what is noted in pids: a signal may come between a start and its note
+    for pid in $(jobs -p); do kill -KILL "$pid" 2>/dev/null; done
     wait 2>/dev/null
     rm -rf "$work"
 }
