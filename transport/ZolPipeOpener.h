@@ -24,8 +24,8 @@ public:
     CZolPipeOpener(const CZolPipeOpener &) = delete;
     CZolPipeOpener &operator=(const CZolPipeOpener &) = delete;
 
-    /// Takes the lock and begins. With bTry a connection that another thread opens, changes or closes just now is left
-    /// alone, with the result -1: the next poll looks again.
+    /// Takes the lock and begins. With bTry a connection that another thread keeps busy for longer than a close takes
+    /// is left alone, with the result -1: the next poll looks again.
     void start(bool bTry);
 
     /// Goes on as far as possible without waiting.
