@@ -624,7 +624,15 @@ void CZolVekGateway::reload(const SZolVekSettings &oSettings)
     oNew.m_uiMaxLogSize = m_oSettings.m_uiMaxLogSize;
     oNew.m_uiSilenceSeconds = m_oSettings.m_uiSilenceSeconds;
     oNew.m_uiGraceSeconds = m_oSettings.m_uiGraceSeconds;
+    const bool bNewRate = oNew.m_ulMaxFramesPerSecond != m_oSettings.m_ulMaxFramesPerSecond ||
+                          oNew.m_ulMaxBytesPerSecond != m_oSettings.m_ulMaxBytesPerSecond;
     m_oSettings = oNew;
+    if (bNewRate)
+    {
+        // what was sent under another rate, or under none, is no debt under this one
+        std::for_each(m_oSessions.begin(), m_oSessions.end(),
+                      [](auto &oPair) { oPair.first->m_oRate = CZolVekRate(); });
+    }
     m_oRoutes.rest(std::uint64_t{1000} * m_oSettings.m_uiHandleRestSeconds);
     CZolRunLog::logLevel(static_cast<int>(m_oSettings.m_uiLogLevel));
 }

@@ -6,7 +6,8 @@
 
 /// Holds what one pipe sends against a rate. Each unit, a frame or a byte, costs a thousandth of a credit that grows
 /// with every millisecond, to at most what BURST_MS bring. A frame may take the credit below zero, so that one larger
-/// than the burst passes too, and the pipe then waits longer.
+/// than the burst passes too, and the pipe then waits longer. Credit holds for the limits that it was counted under:
+/// with others a pipe begins anew.
 class CZolVekRate
 {
 public:

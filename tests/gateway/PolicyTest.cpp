@@ -138,6 +138,47 @@ TEST_F(GatewayPolicyTest, ReadsNoFasterThanTheFramesAllow)
     }
 }
 
+// What was sent before a reload is no debt under the rate that it brings.
+TEST_F(GatewayPolicyTest, BeginsAnewWithANewRate)
+{
+    const struct
+    {
+        const char *pcName;
+        std::uint64_t aulBefore[2]; // frames and bytes in a second
+        std::uint64_t aulAfter[2];
+    } aCases[] = {
+        {"none, then frames", {0, 0}, {20, 0}},
+        {"frames, then bytes as well", {1000000, 0}, {1000000, 1000}},
+        {"bytes, then frames as well", {0, 1000000000}, {20, 1000000000}},
+        {"a lower rate", {0, 1000000000}, {0, 1000}},
+    };
+    CRawPipe oFrom = pipe(7, 1);
+    CRawPipe oTo = pipe(8, 1);
+    const auto fnSet = [&](const std::uint64_t(&aulRate)[2])
+    {
+        m_oSettings.m_ulMaxFramesPerSecond = aulRate[0];
+        m_oSettings.m_ulMaxBytesPerSecond = aulRate[1];
+        gateway().run([&](CZolVekGateway &oGateway) { oGateway.reload(m_oSettings); });
+    };
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(oCase.pcName);
+        fnSet(oCase.aulBefore);
+        std::string strMuch;
+        for (int i = 0; i < 2000; ++i)
+        {
+            strMuch += frame(1, A, B, "much").wire();
+        }
+        ASSERT_TRUE(oFrom.send(strMuch));
+        EXPECT_TRUE(strMuch == oTo.read(strMuch.size()));
+        ASSERT_TRUE(oFrom.send(frame(1, A, B, std::string(100000, 'x')).wire()));
+        ASSERT_EQ(100000u, next(oTo).m_strBody.size());
+        fnSet(oCase.aulAfter);
+        ASSERT_TRUE(oFrom.send(frame(1, A, B, "on").wire()));
+        ASSERT_EQ("on", next(oTo).m_strBody);
+    }
+}
+
 // A pipe that goes while it waits for its rate leaves nothing behind that would be touched later.
 TEST_F(GatewayPolicyTest, ForgetsAPipeThatGoesWhileItWaits)
 {
