@@ -24,24 +24,25 @@ void CZolVekBackPressure::dropSlow(CZolVekSession &oTarget, const CZolVekFrame &
     m_oDelivery.drop(m_oStatistics.m_ulDropSlow, oFrame, "the queue of the destination is full");
 }
 
-bool CZolVekBackPressure::isOfLostRun(const CZolVekSession &oTarget, const CZolVekFrame &oFrame)
+bool CZolVekBackPressure::isOfLostRun(const CZolVekSession &oTarget, const CZolVekSession *poFrom,
+                                      const CZolVekFrame &oFrame)
 {
-    if (oTarget.m_poRuns == nullptr || !oFrame.isBlock())
+    if (oTarget.m_poRuns == nullptr || !oFrame.isBlock() || oFrame.segment() == 1)
     {
         return false;
     }
     const auto oFound = oTarget.m_poRuns->find(oFrame.source());
-    return oFound != oTarget.m_poRuns->end() && oFound->second.m_bLost;
+    return oFound != oTarget.m_poRuns->end() && oFound->second.m_bLost && oFound->second.m_poOwner == poFrom;
 }
 
 EnumZolVekRoom CZolVekBackPressure::roomAt(CZolVekSession &oTarget, const CZolVekSession *poFrom,
                                            const CZolVekFrame &oFrame)
 {
-    if (!oTarget.isFree(oFrame.source(), poFrom))
+    if (!oTarget.isFree(oFrame, poFrom))
     {
         return VEK_ROOM_WAIT;
     }
-    if (isOfLostRun(oTarget, oFrame))
+    if (isOfLostRun(oTarget, poFrom, oFrame))
     {
         dropSlow(oTarget, oFrame);
         return VEK_ROOM_DROP;

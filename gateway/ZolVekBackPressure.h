@@ -63,7 +63,7 @@ private:
     static constexpr std::size_t TIGHT_READ_BYTES = 8 * 1024;
 
     void dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame);
-    static bool isOfLostRun(const CZolVekSession &oTarget, const CZolVekFrame &oFrame);
+    static bool isOfLostRun(const CZolVekSession &oTarget, const CZolVekSession *poFrom, const CZolVekFrame &oFrame);
 
     const SZolVekSettings &m_oSettings;
     SZolVekStatistics &m_oStatistics;

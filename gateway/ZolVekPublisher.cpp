@@ -25,7 +25,7 @@ EnumZolVekVerdict CZolVekPublisher::toAll(CZolVekSession &oFrom, const CZolVekFr
         [&](CZolVekSession *poTarget)
         {
             if (poTarget != &oFrom && poFull == nullptr &&
-                (!poTarget->isFree(oFrame.source(), &oFrom) ||
+                (!poTarget->isFree(oFrame, &oFrom) ||
                  (m_oSettings.m_eSlowConsumer == VEK_SLOW_BLOCK &&
                   m_oBackPressure.roomAt(*poTarget, &oFrom, oFrame) == VEK_ROOM_WAIT)))
             {
@@ -50,6 +50,7 @@ EnumZolVekVerdict CZolVekPublisher::toAll(CZolVekSession &oFrom, const CZolVekFr
                 m_oRuns.loseBlock(*poTarget, oFrom, oFrame);
                 return;
             }
+            m_oRuns.makeWay(*poTarget, oFrom, oFrame);
             poTarget->m_oOutbox.addRecord(poRecord, SZolVekAddress());
             m_oDelivery.queued(&oFrom, *poTarget, oFrame.length());
             m_oRuns.noteBlock(*poTarget, oFrom, oFrame, nullptr);
@@ -77,9 +78,8 @@ CZolVekSession *CZolVekPublisher::findFull(const CZolVekSession *poFrom, const C
     for (const SZolVekSubscriber &oSubscriber : oSubscribers)
     {
         CZolVekSession &oTarget = *oSubscriber.m_poSession;
-        if (!oTarget.isFree(oFrame.source(), poFrom) ||
-            (m_oSettings.m_eSlowConsumer == VEK_SLOW_BLOCK &&
-             m_oBackPressure.roomAt(oTarget, poFrom, oFrame) == VEK_ROOM_WAIT))
+        if (!oTarget.isFree(oFrame, poFrom) || (m_oSettings.m_eSlowConsumer == VEK_SLOW_BLOCK &&
+                                                m_oBackPressure.roomAt(oTarget, poFrom, oFrame) == VEK_ROOM_WAIT))
         {
             return &oTarget;
         }
@@ -111,6 +111,10 @@ EnumZolVekVerdict CZolVekPublisher::publishTo(CZolVekSession *poFrom, const CZol
         const SZolVekAddress oAddress = {oTarget.m_uiKey, oSubscriber.m_ucModule, oSubscriber.m_usTask,
                                          isWhole(oFrame) ? static_cast<std::uint8_t>(CZolMsgPdu::MSG_REQUEST)
                                                          : static_cast<std::uint8_t>(CZolMsgPdu::MSG_BIG_REQUEST)};
+        if (poFrom != nullptr)
+        {
+            m_oRuns.makeWay(oTarget, *poFrom, oFrame);
+        }
         oTarget.m_oOutbox.addRecord(poRecord, oAddress);
         m_oDelivery.queued(poFrom, oTarget, oFrame.length());
         if (poFrom != nullptr)

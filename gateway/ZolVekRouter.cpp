@@ -88,6 +88,7 @@ EnumZolVekVerdict CZolVekRouter::toProcess(CZolVekSession &oFrom, const CZolVekF
         m_oRuns.loseBlock(*poTarget, oFrom, oFrame);
         return VEK_TAKEN;
     default:
+        m_oRuns.makeWay(*poTarget, oFrom, oFrame);
         m_oDelivery.queue(oFrom, *poTarget, oFrame);
         m_oRuns.noteBlock(*poTarget, oFrom, oFrame, nullptr);
         return VEK_TAKEN;

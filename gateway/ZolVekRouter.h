@@ -63,7 +63,7 @@ public:
             m_oPolicy.isOrdinary(oFrame, oFrom.m_uiKey))
         {
             CZolVekSession &oTarget = *oFrom.m_poLastTarget;
-            if (oTarget.m_poRuns == nullptr && m_oBackPressure.isLow(oTarget))
+            if (m_oBackPressure.isLow(oTarget))
             {
                 m_oDelivery.queue(oFrom, oTarget, oFrame);
                 return VEK_TAKEN;

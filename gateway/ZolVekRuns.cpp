@@ -7,10 +7,60 @@ namespace
 {
 
 // A process has one big message under way to another one. Whoever forwards messages of others may have more, and one
-// that makes up sources would have as many as it likes.
+// that makes up sources would have as many as it likes. It alone pays for that, not who begins the next one there.
 const std::size_t MAX_SPARE_RUNS = 4096;
 
 } // namespace
+
+SZolVekRun *CZolVekRuns::find(const CZolVekSession &oTarget, TZolVekKey uiSource)
+{
+    if (oTarget.m_poRuns == nullptr)
+    {
+        return nullptr;
+    }
+    const auto oFound = oTarget.m_poRuns->find(uiSource);
+    return oFound == oTarget.m_poRuns->end() ? nullptr : &oFound->second;
+}
+
+SZolVekRun &CZolVekRuns::begin(CZolVekSession &oTarget, CZolVekSession &oFrom, TZolVekKey uiSource)
+{
+    if (oTarget.m_poRuns == nullptr)
+    {
+        oTarget.m_poRuns = std::make_unique<std::unordered_map<TZolVekKey, SZolVekRun>>();
+    }
+    SZolVekRun &oRun = (*oTarget.m_poRuns)[uiSource];
+    oRun.m_poOwner = &oFrom;
+    // a broadcast is a run to everybody
+    if (++oFrom.m_uiRunsOwned > m_oRoutes.size() + MAX_SPARE_RUNS)
+    {
+        m_oAgenda.doom(oFrom, "it has too many big messages under way");
+    }
+    return oRun;
+}
+
+void CZolVekRuns::goOn(SZolVekRun &oRun, const CZolVekFrame &oFrame) const
+{
+    oRun.m_ulLastMs = m_oAgenda.m_ulNowMs;
+    std::memcpy(oRun.m_acHeader, oFrame.data(), VEK_HEADER_BYTES);
+}
+
+void CZolVekRuns::makeWay(CZolVekSession &oTarget, const CZolVekSession &oFrom, const CZolVekFrame &oFrame)
+{
+    if (oTarget.m_poRuns == nullptr || !oFrame.isBlock() || !oFrom.isSourceOf(oFrame))
+    {
+        return;
+    }
+    const SZolVekRun *const poRun = find(oTarget, oFrame.source());
+    if (poRun == nullptr || poRun->m_poOwner == &oFrom)
+    {
+        return;
+    }
+    if (!poRun->m_bLost)
+    {
+        abortRun(oTarget, *poRun);
+    }
+    endRun(oTarget, oFrame.source());
+}
 
 void CZolVekRuns::noteBlock(CZolVekSession &oTarget, CZolVekSession &oFrom, const CZolVekFrame &oFrame,
                             const SZolVekAddress *poAddress)
@@ -20,30 +70,29 @@ void CZolVekRuns::noteBlock(CZolVekSession &oTarget, CZolVekSession &oFrom, cons
         return;
     }
     const TZolVekKey uiSource = oFrame.source();
-    if (oFrame.segment() == 0)
+    const std::uint16_t usNumber = oFrame.segment();
+    SZolVekRun *poRun = find(oTarget, uiSource);
+    if (poRun == nullptr && usNumber != 1)
     {
-        endRun(oTarget, uiSource);
+        return; // belongs to nothing, and the receiver drops it
+    }
+    if (poRun == nullptr)
+    {
+        poRun = &begin(oTarget, oFrom, uiSource);
+    }
+    else if (poRun->m_bLost && usNumber == 1)
+    {
+        poRun->m_bLost = false; // the next message, at a receiver that holds nothing of the last one
+    }
+    else if (usNumber == 0 || usNumber != poRun->last() + 1)
+    {
+        endRun(oTarget, uiSource); // done, or the receiver drops its part and this block
         return;
     }
-    if (oTarget.m_poRuns == nullptr)
-    {
-        oTarget.m_poRuns = std::make_unique<std::unordered_map<TZolVekKey, SZolVekRun>>();
-    }
-    SZolVekRun &oRun = (*oTarget.m_poRuns)[uiSource];
-    if (oRun.m_poOwner == nullptr)
-    {
-        oRun.m_poOwner = &oFrom;
-        ++oFrom.m_uiRunsOwned;
-        if (oTarget.m_poRuns->size() > m_oRoutes.size() + MAX_SPARE_RUNS)
-        {
-            m_oAgenda.doom(oFrom, "it has too many big messages under way");
-        }
-    }
-    oRun.m_ulLastMs = m_oAgenda.m_ulNowMs;
-    std::memcpy(oRun.m_acHeader, oFrame.data(), VEK_HEADER_BYTES);
+    goOn(*poRun, oFrame);
     if (poAddress != nullptr)
     {
-        zolVekPatch(oRun.m_acHeader, *poAddress);
+        zolVekPatch(poRun->m_acHeader, *poAddress);
     }
 }
 
@@ -53,17 +102,25 @@ void CZolVekRuns::loseBlock(CZolVekSession &oTarget, CZolVekSession &oFrom, cons
     {
         return;
     }
+    makeWay(oTarget, oFrom, oFrame);
     const TZolVekKey uiSource = oFrame.source();
-    const bool bUnderWay = oTarget.m_poRuns != nullptr && oTarget.m_poRuns->count(uiSource) != 0;
-    if (bUnderWay && !(*oTarget.m_poRuns)[uiSource].m_bLost)
+    SZolVekRun *poRun = find(oTarget, uiSource);
+    if (poRun != nullptr && !poRun->m_bLost)
     {
-        abortRun(oTarget, (*oTarget.m_poRuns)[uiSource]);
+        abortRun(oTarget, *poRun);
     }
-    noteBlock(oTarget, oFrom, oFrame, nullptr);
-    if (oFrame.segment() != 0)
+    if (oFrame.segment() == 0)
     {
-        (*oTarget.m_poRuns)[uiSource].m_bLost = true;
+        endRun(oTarget, uiSource);
+        return;
     }
+    if (poRun == nullptr && oFrame.segment() != 1)
+    {
+        return;
+    }
+    poRun = poRun == nullptr ? &begin(oTarget, oFrom, uiSource) : poRun;
+    goOn(*poRun, oFrame);
+    poRun->m_bLost = true;
 }
 
 void CZolVekRuns::endRun(CZolVekSession &oTarget, TZolVekKey uiSource)

@@ -7,8 +7,12 @@
 ///
 /// A run is a big message that goes to one pipe: blocks 1, 2, 3 and so on, then block 0. It stands in the table of that
 /// pipe (CZolVekSession::m_poRuns), under its source, from block 1 until block 0, and belongs to the pipe that its
-/// blocks come from. Any other pipe that sends there under the same source waits. When its owner goes, the receiver
-/// holds a part that nothing would ever free: an empty block whose number does not follow makes it drop the part.
+/// blocks come from. It ends as well at a block whose number does not follow, since the receiver then drops its part.
+///
+/// A process may forward blocks of another one, or forge them. So a run of foreign blocks never holds up the process
+/// that is registered under their source: its blocks end that run. Blocks of any other pipe under the same source wait;
+/// whole frames never do. When the owner of a run goes, or its run is ended, the receiver holds a part that nothing
+/// would ever free: an empty block whose number does not follow makes it drop the part.
 ///
 /// Threads: the routing thread only.
 class CZolVekRuns
@@ -22,6 +26,9 @@ public:
     }
     CZolVekRuns(const CZolVekRuns &) = delete;
     CZolVekRuns &operator=(const CZolVekRuns &) = delete;
+
+    /// A frame, block or not, is about to be queued: ends the run of another pipe under the source of oFrom.
+    void makeWay(CZolVekSession &oTarget, const CZolVekSession &oFrom, const CZolVekFrame &oFrame);
 
     /// A frame, block or not, has been queued. poAddress is the one that it leaves with, null for its own.
     void noteBlock(CZolVekSession &oTarget, CZolVekSession &oFrom, const CZolVekFrame &oFrame,
@@ -37,6 +44,9 @@ public:
     void gone(CZolVekSession &oSession);
 
 private:
+    static SZolVekRun *find(const CZolVekSession &oTarget, TZolVekKey uiSource);
+    SZolVekRun &begin(CZolVekSession &oTarget, CZolVekSession &oFrom, TZolVekKey uiSource);
+    void goOn(SZolVekRun &oRun, const CZolVekFrame &oFrame) const;
     void endRun(CZolVekSession &oTarget, TZolVekKey uiSource);
     void abortRun(CZolVekSession &oTarget, const SZolVekRun &oRun);
     void abortRunsOf(const CZolVekSession &oOwner);

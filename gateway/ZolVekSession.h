@@ -26,13 +26,16 @@ enum EnumZolVekState
 class CZolVekSession;
 
 /// A big message that goes out on a pipe block by block. Receivers join blocks by source alone, so while it is under
-/// way no other pipe may send there under the same source.
+/// way blocks of other pipes under the same source wait.
 struct SZolVekRun
 {
     CZolVekSession *m_poOwner = nullptr; ///< the pipe that the blocks come from
     char m_acHeader[VEK_HEADER_BYTES];   ///< of the last block, as it left
     std::uint64_t m_ulLastMs = 0;        ///< when it left
     bool m_bLost = false;                ///< a block was dropped: the rest goes the same way
+
+    /// The number of the last block.
+    std::uint16_t last() const { return zolVekRead16(m_acHeader + VEK_AT_SEGMENT); }
 };
 
 /// A big publication under way: its subscribers were chosen at its first block, so that none gets a part.
@@ -91,14 +94,18 @@ public:
     /// The hello of the gateway to this process.
     void fillHello(char *pcHello) const;
 
-    /// No run on this pipe stands against a frame that poFrom sends under uiSource.
-    bool isFree(TZolVekKey uiSource, const CZolVekSession *poFrom) const
+    /// It is registered under the source that the frame names.
+    bool isSourceOf(const CZolVekFrame &oFrame) const { return m_uiKey == oFrame.source(); }
+
+    /// No run on this pipe stands against a frame that poFrom sends: only blocks ever wait for one, and those of the
+    /// process that they name as their source wait for none.
+    bool isFree(const CZolVekFrame &oFrame, const CZolVekSession *poFrom) const
     {
-        if (m_poRuns == nullptr)
+        if (m_poRuns == nullptr || !oFrame.isBlock() || (poFrom != nullptr && poFrom->isSourceOf(oFrame)))
         {
             return true;
         }
-        const auto oFound = m_poRuns->find(uiSource);
+        const auto oFound = m_poRuns->find(oFrame.source());
         return oFound == m_poRuns->end() || oFound->second.m_poOwner == poFrom;
     }
 

@@ -29,7 +29,7 @@ struct SZolVekStatistics
     std::uint64_t m_ulCrowdedOut = 0;   ///< connections beyond what their address may have
     std::uint64_t m_ulThrottled = 0;    ///< a source was not read because it exceeded its rate
     std::uint64_t m_ulStalls = 0;       ///< a source was not read because a queue was full
-    std::uint64_t m_ulRunAborts = 0;    ///< big messages whose source went in the middle
+    std::uint64_t m_ulRunAborts = 0;    ///< big messages that were ended in the middle
 };
 
 #endif

@@ -144,8 +144,8 @@ TEST_F(PublicationTest, FreesWhatABigOneLeftBehind)
     EXPECT_TRUE(waitUntil([&] { return gateway().memoryBytes() == 0; }));
 }
 
-// Blocks are joined by their source fields alone: while a big message of one pipe is under way to a process, another
-// pipe that sends there under the same source waits until block 0 has gone.
+// Blocks are joined by their source fields alone: while a big message of one pipe is under way to a process, blocks of
+// another pipe under the same source wait until block 0 has gone. Whole frames never do.
 TEST_F(PublicationTest, HoldsTheSecondOfTwoBigMessagesUnderOneSource)
 {
     CRawPipe oA = pipe(7, 1);
@@ -156,9 +156,11 @@ TEST_F(PublicationTest, HoldsTheSecondOfTwoBigMessagesUnderOneSource)
     EXPECT_EQ("a1", next(oB).m_strBody);
     ASSERT_TRUE(oForwarder.send(block(6, zolVekKey(9, 1), B, 1, "other source").wire()));
     EXPECT_EQ("other source", next(oB).m_strBody) << "blocks of different sources may alternate";
-    ASSERT_TRUE(oForwarder.send(frame(1, A, zolVekKey(8, 2), "elsewhere").wire() + block(6, A, B, 1, "f1").wire() +
-                                block(6, A, B, 0, "f0").wire() + frame(1, A, B, "behind").wire()));
+    ASSERT_TRUE(oForwarder.send(frame(1, A, zolVekKey(8, 2), "elsewhere").wire() + frame(1, A, B, "passes").wire() +
+                                block(6, A, B, 1, "f1").wire() + block(6, A, B, 0, "f0").wire() +
+                                frame(1, A, B, "behind").wire()));
     EXPECT_EQ("elsewhere", next(oC).m_strBody);
+    EXPECT_EQ("passes", next(oB).m_strBody);
     expectSilence(oB);
     ASSERT_TRUE(oA.send(block(6, A, B, 2, "a2").wire() + frame(1, A, B, "whole").wire()));
     EXPECT_EQ("a2", next(oB).m_strBody);
@@ -168,6 +170,64 @@ TEST_F(PublicationTest, HoldsTheSecondOfTwoBigMessagesUnderOneSource)
     for (const char *pcBody : {"a0", "f1", "f0", "behind"})
     {
         EXPECT_EQ(pcBody, next(oB).m_strBody);
+    }
+    EXPECT_EQ(0u, gateway().statistics().m_ulRunAborts);
+}
+
+// One block under the source of another process, forged or forwarded, holds that process up in nothing: its own block
+// ends what the other pipe began, wherever it goes.
+TEST_F(PublicationTest, LetsNobodyHoldUpTheProcessWhoseSourceTheyUse)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oForger = pipe(9, 1);
+    CRawPipe oB = pipe(8, 1);
+    subscribe(oB, NEWS, 1, 40);
+    unsigned int uiRounds = 0;
+    for (const std::uint8_t ucType : std::initializer_list<std::uint8_t>{6, 7, 14})
+    {
+        const TZolVekKey uiTo = ucType == 14 ? 0 : B;
+        for (const std::uint16_t usFirst : std::initializer_list<std::uint16_t>{1, 2})
+        {
+            SCOPED_TRACE(testing::Message() << "type " << int{ucType} << ", first block " << usFirst);
+            ASSERT_TRUE(oForger.send(block(6, A, B, 1, "f1").wire()));
+            EXPECT_EQ("f1", next(oB).m_strBody);
+            ASSERT_TRUE(oA.send(frame(1, A, B, "whole").wire() + block(ucType, A, uiTo, usFirst, "a").wire()));
+            EXPECT_EQ("whole", next(oB).m_strBody);
+            const SFrame oAbort = next(oB);
+            EXPECT_EQ(28u, oAbort.wire().size());
+            EXPECT_GT(oAbort.m_usSegment, 2);
+            EXPECT_EQ("a", next(oB).m_strBody);
+            EXPECT_EQ(++uiRounds, gateway().statistics().m_ulRunAborts);
+            if (usFirst == 1)
+            {
+                ASSERT_TRUE(oForger.send(block(6, A, B, 2, "f2").wire()));
+                expectSilence(oB);
+            }
+            ASSERT_TRUE(oA.send(block(ucType, A, uiTo, 0, "a0").wire()));
+            EXPECT_EQ("a0", next(oB).m_strBody);
+            if (usFirst == 1)
+            {
+                EXPECT_EQ("f2", next(oB).m_strBody) << "its time has come; the receiver drops it";
+            }
+        }
+    }
+}
+
+// A block whose number does not follow makes the receiver drop its part: nobody waits for the rest.
+TEST_F(PublicationTest, HoldsNobodyForABigMessageThatBroke)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oForwarder = pipe(9, 1);
+    CRawPipe oB = pipe(8, 1);
+    for (const std::uint16_t usBroken : std::initializer_list<std::uint16_t>{1, 3, 65535})
+    {
+        SCOPED_TRACE(usBroken);
+        ASSERT_TRUE(oA.send(block(6, A, B, 1, "a1").wire() + block(6, A, B, usBroken, "broken").wire()));
+        EXPECT_EQ("a1", next(oB).m_strBody);
+        EXPECT_EQ("broken", next(oB).m_strBody);
+        ASSERT_TRUE(oForwarder.send(block(6, A, B, 1, "f1").wire() + block(6, A, B, 0, "f0").wire()));
+        EXPECT_EQ("f1", next(oB).m_strBody);
+        EXPECT_EQ("f0", next(oB).m_strBody);
     }
 }
 
@@ -183,9 +243,14 @@ TEST_F(PublicationTest, EndsABigMessageWhoseSourceHasGone)
         SCOPED_TRACE(usLast);
         oA.close();
         oA = pipe(7, 1);
-        ASSERT_TRUE(oA.send(block(7, A, B, usLast, "part").wire()));
-        EXPECT_EQ("part", next(oB).m_strBody);
-        ASSERT_TRUE(oForwarder.send(frame(1, A, B, "held").wire()));
+        std::string strBlocks;
+        for (unsigned int i = 1; i <= usLast; ++i)
+        {
+            strBlocks += block(7, A, B, static_cast<std::uint16_t>(i), "").wire();
+        }
+        ASSERT_TRUE(oA.send(strBlocks));
+        EXPECT_TRUE(strBlocks == oB.read(strBlocks.size()));
+        ASSERT_TRUE(oForwarder.send(block(7, A, B, 1, "held").wire() + block(7, A, B, 0, "end").wire()));
         oA.close();
         const SFrame oAbort = next(oB);
         EXPECT_EQ(7, oAbort.m_ucType);
@@ -195,6 +260,7 @@ TEST_F(PublicationTest, EndsABigMessageWhoseSourceHasGone)
         EXPECT_NE(static_cast<std::uint16_t>(usLast + 1), oAbort.m_usSegment) << "would be taken for the next block";
         EXPECT_GT(oAbort.m_usSegment, 1) << "would end a message, or begin one";
         EXPECT_EQ("held", next(oB).m_strBody);
+        EXPECT_EQ("end", next(oB).m_strBody);
     }
 }
 
