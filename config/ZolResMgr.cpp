@@ -1,4 +1,5 @@
-#include "ZolApi.h"
+#include "ZolResMgr.h"
+#include "ZolUtil.h"
 #include "config/ZolBinPath.h"
 
 #include <algorithm>

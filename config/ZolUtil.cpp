@@ -1,4 +1,4 @@
-#include "ZolApi.h"
+#include "ZolUtil.h"
 
 #include <ace/Date_Time.h>
 #include <cstdlib>

@@ -9,50 +9,60 @@
 
 namespace
 {
+
 const unsigned char INLINE_TASK_MGR = 254;
+
+// The application manager first: it is what the transport asks for the reactor and the stage of the process.
+CZolConnMgr &connMgr()
+{
+    CZolAppMgr::instance();
+    return *CZolConnMgr::instance();
 }
+
+} // namespace
 
 namespace zol
 {
 
 int bindPort(std::uint16_t usPort)
 {
+    CZolAppMgr::instance(); // see connMgr()
     return CZolAcceptorHandler::instance()->bindPort(usPort);
 }
 
 int connect(const std::string &strAddr, std::uint16_t usPort)
 {
-    return CZolConnMgr::instance()->initConn(strAddr, usPort, CZolConnection::CONN_INITIATIVE);
+    return connMgr().initConn(strAddr, usPort, CZolConnection::CONN_INITIATIVE);
 }
 
 void setListener(CZolListener &oListener)
 {
-    CZolConnMgr::instance()->setListener(&oListener);
+    connMgr().setListener(&oListener);
 }
 
 void setVEKAddrStatus(bool bValid)
 {
-    CZolConnMgr::instance()->setVEKAddrStatus(bValid);
+    connMgr().setVEKAddrStatus(bValid);
 }
 
 int setVEKAddress(const std::string &strAddr, std::uint16_t usPort)
 {
-    return CZolConnMgr::instance()->setVEKAddress(strAddr, usPort);
+    return connMgr().setVEKAddress(strAddr, usPort);
 }
 
 int connect2VEK()
 {
-    return CZolConnMgr::instance()->connect2VEK();
+    return connMgr().connect2VEK();
 }
 
 void shutVEKConnect()
 {
-    CZolConnMgr::instance()->shutVEKConnect();
+    connMgr().shutVEKConnect();
 }
 
 void setProcIDAndHandle(std::uint16_t usProcID, std::uint16_t usProcHandle)
 {
-    CZolConnMgr::instance()->setProcIDAndHandle(usProcID, usProcHandle);
+    connMgr().setProcIDAndHandle(usProcID, usProcHandle);
 }
 
 int debugCmdResend()

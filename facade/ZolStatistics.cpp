@@ -3,7 +3,7 @@
 #include "ZolMemMan.h"
 #include "ZolTaskMgr.h"
 #include "ZolTimer.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolSendMsgTask.h"
 

@@ -3,9 +3,10 @@
 
 #include "ZolErrors.h"
 #include "ZolExport.h"
+#include "ZolResMgr.h"
+#include "ZolUtil.h"
 
 #include <cstdint>
-#include <map>
 #include <string>
 
 class CZolMsgPdu;
@@ -64,54 +65,6 @@ struct SZolStatistics
 /// Errors:    codes of ZolErrors.h and a line in the run log; nothing is thrown.
 namespace zol
 {
-
-// ---- Settings: one table of text for the process. No lock: load before the threads run, then only read. -------------
-
-/// Finds the root of the installation (ZOLROOT, else the folder above the executable) and adds its conf/zol.cfg.
-/// initAppMgr calls it. ZOL_ERR_FAILED without a readable file.
-ZOL_EXPORT int init();
-
-/// Adds the entries of a file; a key that exists keeps its value. False if the file cannot be opened.
-ZOL_EXPORT bool addResFile(const std::string &strFile);
-
-/// Removes all entries. Pointers that getResByKey gave are dead from then on.
-ZOL_EXPORT void initResMgr();
-
-/// All entries, for iteration.
-ZOL_EXPORT const std::map<std::string, std::string> &getResMgr();
-
-/// The value inside the table, or null without such a key. Valid until initResMgr.
-ZOL_EXPORT const std::string *getResByKey(const std::string &strKey);
-
-/// A copy of the value, or of strDefault without such a key. An empty value is a value.
-ZOL_EXPORT std::string getResByKey(const std::string &strKey, const std::string &strDefault);
-
-/// ZOL_ERR_FAILED and iValue untouched if the key is absent or its value is anything but digits.
-ZOL_EXPORT int getResByKey(const std::string &strKey, int &iValue);
-
-/// The same, then clamped to the two bounds. The maximum comes first.
-ZOL_EXPORT int getResByKey(const std::string &strKey, int &iValue, int iMaximum, int iMinimum);
-
-/// Sets a value, over an existing one. The file is never written.
-ZOL_EXPORT void saveResWithKey(const std::string &strKey, const std::string &strValue);
-
-// ---- Small helpers ------------------------------------------------------------------------------------------------
-
-/// Local time as "2007-12-29 14:42:50.000": 23 characters and a NUL, so at least 24 bytes. Null is ignored.
-ZOL_EXPORT void getCurrFormatTime(char *pcBuffer);
-
-/// Whether the first iLength bytes are digits. False for null and for length 0; true for a negative length.
-ZOL_EXPORT bool isDigit(const char *pcText, int iLength);
-ZOL_EXPORT bool isDigit(const std::string &strText);
-
-/// Cuts blanks and tabs off both ends.
-ZOL_EXPORT void trimString(std::string &strText);
-
-/// The trimmed value of an environment variable; ZOL_ERR_FAILED and strValue untouched if it is not set.
-ZOL_EXPORT int getTrimEnv(const std::string &strName, std::string &strValue);
-
-/// The system's text for an error number, or the number in decimal if the system has none.
-ZOL_EXPORT void strError(int iError, std::string &strText);
 
 // ---- Encoding -----------------------------------------------------------------------------------------------------
 // A body is an ASN.1 value or raw bytes; a null one of either form gives an empty payload. The rest of the header is

@@ -4,6 +4,7 @@
 #include "ZolErrors.h"
 #include "ZolExport.h"
 #include "ZolMsgPdu.h"
+#include "ZolQueueSize.h"
 
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/OS_NS_Thread.h>
@@ -33,10 +34,6 @@ enum EnumConnectionStatus
     CONN_STATUS_UP = 0,
     CONN_STATUS_DOWN = 1
 };
-
-/// Limit in bytes of one queue: of each task manager, and of the list of the send thread. Set by initAppMgr from
-/// "ZOLQueueSize".
-ZOL_EXPORT extern std::atomic<unsigned int> g_ulQueueSize;
 
 /// The dispatch mutex of each task manager, by its id. Written while managers are added; never destroyed, since threads
 /// may outlive main.

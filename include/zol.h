@@ -11,9 +11,12 @@
 #include "ZolLogTask.h"
 #include "ZolMemMan.h"
 #include "ZolMsgPdu.h"
+#include "ZolQueueSize.h"
+#include "ZolResMgr.h"
 #include "ZolRunLog.h"
 #include "ZolTask.h"
 #include "ZolTaskMgr.h"
 #include "ZolTimer.h"
+#include "ZolUtil.h"
 
 #endif

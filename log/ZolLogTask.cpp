@@ -1,8 +1,9 @@
 #include "ZolLogTask.h"
 
-#include "ZolApi.h"
+#include "ZolResMgr.h"
+#include "ZolUtil.h"
 #include "config/ZolBinPath.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 
 #include <ace/Dirent.h>
 #include <ace/Guard_T.h>

@@ -2,16 +2,18 @@
 
 #include "ZolAppMgr.h"
 
-#include "ZolApi.h"
 #include "ZolLogTask.h"
 #include "ZolMemMan.h"
+#include "ZolResMgr.h"
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
 #include "ZolTimer.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
+#include "message/ZolIdentity.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolExitEvent.h"
 #include "task/ZolInlineTask.h"
+#include "task/ZolProcessHost.h"
 #include "task/ZolProcessReactor.h"
 #include "task/ZolSigHandler.h"
 #include "task/ZolThreadSelf.h"
@@ -49,7 +51,6 @@ int waitForThreads(ACE_Task_Base *poTask, int iThreads)
 
 } // namespace
 
-std::atomic<unsigned int> g_ulQueueSize{52428800};
 std::map<unsigned char, ACE_Mutex *> &g_mapDispatchMutex = *new std::map<unsigned char, ACE_Mutex *>;
 
 std::atomic<CZolAppMgr *> CZolAppMgr::sm_poInstance{nullptr};
@@ -59,6 +60,7 @@ CZolAppMgr::CZolAppMgr()
       m_poExitEvent(new CZolExitEvent)
 {
     m_poReactor->register_handler(m_poExitEvent, ACE_Event_Handler::READ_MASK);
+    zolHostProcess();
 }
 
 CZolAppMgr::~CZolAppMgr()
@@ -319,18 +321,17 @@ void CZolAppMgr::napUntilRunning()
 
 unsigned short CZolAppMgr::getProcID() const
 {
-    return CZolConnMgr::instance()->getProcID();
+    return CZolIdentity::own().getProcID();
 }
 
 unsigned short CZolAppMgr::getProcHandle() const
 {
-    return CZolConnMgr::instance()->getProcHandle();
+    return CZolIdentity::own().getProcHandle();
 }
 
 bool CZolAppMgr::isThisProcess(const CZolMsgPdu &oMsg) const
 {
-    const CZolConnMgr *poConnMgr = CZolConnMgr::instance();
-    return oMsg.m_usDestProcID == poConnMgr->getProcID() && oMsg.m_usDestProcHandle == poConnMgr->getProcHandle();
+    return CZolIdentity::own().isDestOf(oMsg);
 }
 
 EnumConnectionStatus CZolAppMgr::statusOfConnToVek()

@@ -4,7 +4,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolInlineTask.h"
 #include "transport/ZolConnMgr.h"

@@ -10,7 +10,7 @@
 #include "ZolRunLog.h"
 #include "ZolTask.h"
 #include "ZolTaskMgr.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolPoll.h"
 #include "transport/ZolConnMgr.h"

@@ -8,7 +8,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "task/ZolTaskLog.h"
 
 #include <ace/Guard_T.h>

@@ -4,7 +4,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "task/ZolTaskLog.h"
 #include "task/ZolThreadSelf.h"
 

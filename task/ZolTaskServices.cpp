@@ -6,7 +6,7 @@
 #include "ZolTask.h"
 #include "ZolTaskMgr.h"
 #include "ZolTimer.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "task/ZolTaskLog.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolSendMsgTask.h"

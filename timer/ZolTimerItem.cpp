@@ -1,10 +1,11 @@
-#include "ZolAppMgr.h"
 #include "ZolDateUtil.h"
+#include "ZolErrors.h"
 #include "ZolMemMan.h"
 #include "ZolMsgPdu.h"
 #include "ZolRunLog.h"
-#include "ZolTaskMgr.h"
 #include "ZolTimer.h"
+#include "message/ZolIdentity.h"
+#include "message/ZolInbox.h"
 #include "timer/ZolWallClock.h"
 
 #include <cstdio>
@@ -12,7 +13,7 @@
 
 bool SZolTimerItem::isValid() const
 {
-    if (m_eType == TIMER_INVALID || CZolAppMgr::instance()->findTaskMgr(m_ucTaskMgrID) == nullptr)
+    if (m_eType == TIMER_INVALID || !zolInbox().hasTaskMgr(m_ucTaskMgrID))
     {
         return false;
     }
@@ -41,26 +42,24 @@ void SZolTimerItem::sendMessage() const
         oDebug.error("no memory for the message of a timer");
         return;
     }
-    CZolAppMgr *poAppMgr = CZolAppMgr::instance();
     poPdu->init();
     poPdu->m_ucMsgType = m_eType == TIMER_CYCLE ? CZolMsgPdu::MSG_TIMER : CZolMsgPdu::MSG_REQUEST;
     poPdu->m_ulCmdID = m_uiCmdCode;
-    poPdu->m_usSrcProcID = poAppMgr->getProcID();
-    poPdu->m_usSrcProcHandle = poAppMgr->getProcHandle();
+    poPdu->m_usSrcProcID = CZolIdentity::own().getProcID();
+    poPdu->m_usSrcProcHandle = CZolIdentity::own().getProcHandle();
     poPdu->m_ucDestModule = m_ucTaskMgrID;
     poPdu->m_usDestSubModuleId = m_usTaskID;
     poPdu->m_ulDataLength = sizeof ulTimerId;
     std::memcpy(reinterpret_cast<char *>(poPdu) + sizeof(CZolMsgPdu), &ulTimerId, sizeof ulTimerId);
 
-    CZolTaskMgr *poTaskMgr = poAppMgr->findTaskMgr(m_ucTaskMgrID);
-    if (poTaskMgr == nullptr)
+    // past the limit of the queue: a full one must never hold up the timer thread
+    const int iResult = zolInbox().deliver(zolBlockOf(poPdu), m_ucTaskMgrID, true);
+    if (iResult == ZOL_ERR_NO_DEST)
     {
         oDebug.error("Can't find a TaskMgr with specified TaskMgrId");
         delete poPdu;
-        return;
     }
-    // past the limit of the queue: a full one must never hold up the timer thread
-    if (poTaskMgr->enqueueMsg(zolBlockOf(poPdu), true) == -1)
+    else if (iResult != ZOL_OK)
     {
         if (CZolRunLog::isReady())
         {

@@ -1,10 +1,11 @@
 #include "transport/ZolAcceptorHandler.h"
 
-#include "ZolAppMgr.h"
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
+#include "message/ZolIdentity.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolConnection.h"
+#include "transport/ZolHost.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolSocket.h"
 #include "transport/ZolText.h"
@@ -119,7 +120,7 @@ int CZolAcceptorHandler::bindPort(unsigned short usPort)
     fcntl(get_handle(), F_SETFL, fcntl(get_handle(), F_GETFL) | O_NONBLOCK);
     m_iReserve = openReserve();
     CZolRunLog::startupLog(zoltext("CZolAcceptorHandler::bindPort successful bind port: ", usPort).c_str());
-    if (CZolAppMgr::instance()->getReactor()->register_handler(this, ACE_Event_Handler::ACCEPT_MASK) != 0)
+    if (zolHost().getReactor()->register_handler(this, ACE_Event_Handler::ACCEPT_MASK) != 0)
     {
         CZolRunLog::startupLog("CZolAcceptorHandler::bindPort register handler of accept failed!");
         m_oAcceptor.close();
@@ -240,7 +241,7 @@ void CZolAcceptorHandler::takeRequest(CZolConnRef oConn, const CZolMsgPdu &oHead
 
 void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
 {
-    CZolAppMgr *poAppMgr = CZolAppMgr::instance();
+    const CZolIdentity &oSelf = CZolIdentity::own();
     oConn->addRef(); // the request's, and the only one from here on: the end of the request closes the connection
     auto *poP2P = new SZolP2PRequest(oConn.get(), poRequest);
     oConn = CZolConnRef();
@@ -254,8 +255,8 @@ void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
     poMsg->init();
     poMsg->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
     poMsg->m_ulCmdID = MSG_DIRECT_REQUEST_CMDID;
-    poMsg->m_usSrcProcID = poMsg->m_usDestProcID = poAppMgr->getProcID();
-    poMsg->m_usSrcProcHandle = poMsg->m_usDestProcHandle = poAppMgr->getProcHandle();
+    poMsg->m_usSrcProcID = poMsg->m_usDestProcID = oSelf.getProcID();
+    poMsg->m_usSrcProcHandle = poMsg->m_usDestProcHandle = oSelf.getProcHandle();
     poMsg->m_ucDestModule = zolpipe::BUILT_IN_MODULE;
     poMsg->m_ulDataLength = ADDRESS_LENGTH;
     std::memcpy(reinterpret_cast<char *>(poMsg) + zolpipe::HEADER_LENGTH, &poP2P, ADDRESS_LENGTH);
@@ -265,7 +266,7 @@ void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
         oLive.m_oRequests.insert(poP2P);
     }
     // To the manager itself and not by identity: that may change meanwhile, and an address must not leave the process.
-    if (poAppMgr->sendLocalAsynMsg(poMsg, zolpipe::BUILT_IN_MODULE) != 0 && takeP2PRequest(poP2P))
+    if (zolHost().sendLocal(poMsg, zolpipe::BUILT_IN_MODULE) != 0 && takeP2PRequest(poP2P))
     {
         delete poP2P;
     }
@@ -311,9 +312,9 @@ int CZolAcceptorHandler::registPipe(CZolMsgPdu *poPdu, CZolConnection *poConn)
 
 int CZolAcceptorHandler::sendRegisterResponse(ACE_SOCK_Stream &oStream, CZolMsgPdu *poRequest, int iStatus)
 {
-    CZolAppMgr *poAppMgr = CZolAppMgr::instance();
+    const CZolIdentity &oSelf = CZolIdentity::own();
     const std::unique_ptr<CZolMsgPdu> poResponse(
-        zolpipe::newRegisterResponse(*poRequest, poAppMgr->getProcID(), poAppMgr->getProcHandle(), iStatus));
+        zolpipe::newRegisterResponse(*poRequest, oSelf.getProcID(), oSelf.getProcHandle(), iStatus));
     std::size_t uiSent = 0;
     if (poResponse)
     {
@@ -346,7 +347,6 @@ void CZolAcceptorHandler::sendP2PResponse(ACE_SOCK_Stream &oStream, CZolMsgPdu *
         }
         pcData += uiSent;
         uiLeft -= uiSent;
-    } while (errno == ETIME && zolsocket::Clock::now() < oDeadline &&
-             CZolAppMgr::instance()->getStatus() != APPMGR_EXIT);
+    } while (errno == ETIME && zolsocket::Clock::now() < oDeadline && !zolHost().isExiting());
     CZolDebugInfo("CZolAcceptorHandler::sendP2PResponse").error("send response msg failed.");
 }

@@ -1,9 +1,9 @@
 #include "transport/ZolConnMgr.h"
 
-#include "ZolApi.h"
-#include "ZolAppMgr.h"
+#include "ZolResMgr.h"
 #include "ZolRunLog.h"
 #include "transport/ZolAssert.h"
+#include "transport/ZolHost.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolSendMsgTask.h"
 #include "transport/ZolSocket.h"
@@ -277,8 +277,8 @@ bool CZolConnMgr::isProcRegistered(unsigned short usProcID, unsigned short usPro
 
 void CZolConnMgr::setProcIDAndHandle(unsigned short usProcID, unsigned short usProcHandle)
 {
-    m_usProcID.store(usProcID, std::memory_order_relaxed);
-    m_usProcHandle.store(usProcHandle, std::memory_order_relaxed);
+    CZolIdentity::own().setProcID(usProcID);
+    CZolIdentity::own().setProcHandle(usProcHandle);
 }
 
 void CZolConnMgr::sendHandshakeMsg(unsigned short usProcID, unsigned short usProcHandle)
@@ -324,9 +324,8 @@ void CZolConnMgr::replaySubscribe(bool bStopAtFailure)
     {
         for (const std::uint32_t uiTask : oTasks)
         {
-            const int iResult = CZolAppMgr::instance()->subscribe(uiCmd, CZolMsgPdu::MSG_SUBSCRIBE,
-                                                                  static_cast<unsigned char>(uiTask >> 16),
-                                                                  static_cast<unsigned short>(uiTask & 0xFFFF));
+            const int iResult = zolHost().subscribe(uiCmd, static_cast<unsigned char>(uiTask >> 16),
+                                                    static_cast<unsigned short>(uiTask & 0xFFFF));
             if (bStopAtFailure && iResult != ZOL_OK && iResult != ZOL_ERR_TIMEOUT)
             {
                 return;

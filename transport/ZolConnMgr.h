@@ -2,6 +2,7 @@
 #define ZOL_TRANSPORT_ZOLCONNMGR_H
 
 #include "log/ZolThreadStart.h"
+#include "message/ZolIdentity.h"
 #include "transport/ZolConnection.h"
 #include "transport/ZolWriterFirstLock.h"
 
@@ -95,8 +96,8 @@ public:
 
     void setListener(CZolListener *poListener) { m_poListener.store(poListener, std::memory_order_release); }
 
-    unsigned short getProcID() const { return m_usProcID.load(std::memory_order_relaxed); }
-    unsigned short getProcHandle() const { return m_usProcHandle.load(std::memory_order_relaxed); }
+    unsigned short getProcID() const { return CZolIdentity::own().getProcID(); }
+    unsigned short getProcHandle() const { return CZolIdentity::own().getProcHandle(); }
     void setProcIDAndHandle(unsigned short usProcID, unsigned short usProcHandle);
     bool isNoHandle() const { return m_bNoHandle.load(std::memory_order_relaxed); }
     bool isOwnHandle() const { return m_bOwnHandle.load(std::memory_order_relaxed); }
@@ -180,16 +181,12 @@ private:
     std::atomic<long> m_lLastHelloTime; // written by the poll
     std::atomic<bool> m_bNoHandle{false};
     std::atomic<bool> m_bOwnHandle{false};
-    std::atomic<unsigned short> m_usProcID{0};
-    std::atomic<unsigned short> m_usProcHandle{0};
     char *m_pcSendBuf;  // batch buffer, send thread
     ProcMap m_oProcMap; // guarded by m_oConnLock; each connection in it stands in m_oHandleMap too
     std::atomic<CZolListener *> m_poListener{nullptr}; // not owned
     SubscribeMap m_oSubscribeMap;                      // guarded by m_oSubscribeLock
     ACE_Thread_Mutex m_oSubscribeLock;                 // leaf
     std::atomic<std::uint64_t> m_ulVersion{1};         // grows with each change of the tables or of a status
-
-    friend class CZolPipeOpener; // takes over the handle that the gateway allocates
 };
 
 #endif

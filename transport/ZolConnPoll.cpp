@@ -1,8 +1,8 @@
 // What the thread of the connection manager does every 20 seconds.
 
-#include "ZolAppMgr.h"
 #include "ZolRunLog.h"
 #include "transport/ZolConnMgr.h"
+#include "transport/ZolHost.h"
 #include "transport/ZolPipeOpener.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolSocket.h"
@@ -101,7 +101,7 @@ bool CZolConnMgr::trustClock(long lNow, long &lLastPoll)
 // The silence check of one pipe that is up. At the initial stage nobody reads, so nobody is silent.
 void CZolConnMgr::pollPipe(CZolConnection *poConn, long lNow, bool bTrusted, std::vector<SPipeLife> &oDead)
 {
-    if (CZolAppMgr::instance()->getStatus() != APPMGR_RUNNING)
+    if (!zolHost().isRunning())
     {
         return;
     }

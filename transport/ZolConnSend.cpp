@@ -2,7 +2,7 @@
 
 #include "ZolErrors.h"
 #include "ZolRunLog.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolText.h"

@@ -1,8 +1,8 @@
 #include "transport/ZolConnection.h"
 
-#include "ZolAppMgr.h"
 #include "ZolRunLog.h"
 #include "transport/ZolConnMgr.h"
+#include "transport/ZolHost.h"
 #include "transport/ZolPipeOpener.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolRecvMsgHandler.h"
@@ -132,7 +132,7 @@ void CZolConnection::closeSocket()
     const ACE_HANDLE oHandle = getHandle();
     if (oHandle != ACE_INVALID_HANDLE)
     {
-        ACE_Reactor *poReactor = CZolAppMgr::instance()->getReactor();
+        ACE_Reactor *poReactor = zolHost().getReactor();
         poReactor->remove_handler(oHandle, ACE_Event_Handler::READ_MASK | ACE_Event_Handler::DONT_CALL);
         m_oStream.close();
     }
@@ -169,7 +169,7 @@ void CZolConnection::registerEvent()
     {
         return;
     }
-    ACE_Reactor *poReactor = CZolAppMgr::instance()->getReactor();
+    ACE_Reactor *poReactor = zolHost().getReactor();
     if (poReactor->register_handler(getHandle(), CZolRecvMsgHandler::instance(), ACE_Event_Handler::READ_MASK) != 0)
     {
         CZolRunLog::fatal(

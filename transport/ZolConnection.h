@@ -14,8 +14,6 @@
 #include <string>
 #include <unordered_map>
 
-class CZolTaskMgr;
-
 /// A big message being joined: its blocks so far, oldest first, each a whole PDU in a block of its own.
 struct SZolBigMsgItem
 {
@@ -151,7 +149,6 @@ private:
     struct SRun
     {
         unsigned char m_ucModule = 0;
-        CZolTaskMgr *m_poTaskMgr = nullptr;
         CZolMemList m_oRequests; // empty whenever the run leaves cutMessages()
     };
 

@@ -3,7 +3,7 @@
 
 #include "ZolErrors.h"
 #include "ZolRunLog.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "transport/ZolConnection.h"
 #include "transport/ZolFieldTail.h"
 

@@ -1,12 +1,13 @@
 // The way in: bytes of the socket, cut into messages, and what becomes of each by its type.
 
-#include "ZolAppMgr.h"
+#include "ZolErrors.h"
 #include "ZolRunLog.h"
-#include "ZolTaskMgr.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
+#include "message/ZolInbox.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolConnection.h"
 #include "transport/ZolFieldTail.h"
+#include "transport/ZolHost.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolSocket.h"
 
@@ -157,15 +158,14 @@ bool CZolConnection::joinsRun(CZolMsgPdu *poPdu, SRun &oRun)
     {
         return false;
     }
-    if (oRun.m_poTaskMgr == nullptr || oRun.m_ucModule != poPdu->m_ucDestModule)
+    if (oRun.m_oRequests.m_ulCount == 0 || oRun.m_ucModule != poPdu->m_ucDestModule)
     {
         deliverRun(oRun);
-        oRun.m_ucModule = poPdu->m_ucDestModule;
-        oRun.m_poTaskMgr = CZolAppMgr::instance()->findTaskMgr(oRun.m_ucModule);
-        if (oRun.m_poTaskMgr == nullptr)
+        if (!zolInbox().hasTaskMgr(poPdu->m_ucDestModule))
         {
             return false;
         }
+        oRun.m_ucModule = poPdu->m_ucDestModule;
     }
     if (m_ePipeType != CONN_VEK)
     {
@@ -179,7 +179,7 @@ void CZolConnection::deliverRun(SRun &oRun)
 {
     if (oRun.m_oRequests.m_ulCount != 0)
     {
-        oRun.m_poTaskMgr->enqueueRequests(oRun.m_oRequests);
+        zolInbox().deliverRequests(oRun.m_oRequests, oRun.m_ucModule);
     }
 }
 
@@ -298,23 +298,19 @@ int CZolConnection::deliverMsg(CZolMsgPdu *poPdu)
         oDebug.error("invalid parameter: null pointer!");
         return ZOL_ERR_FAILED;
     }
-    CZolAppMgr *poAppMgr = CZolAppMgr::instance();
     if (isForgedRequest(*poPdu))
     {
         dropForgedRequest(poPdu);
         return ZOL_OK;
     }
-    CZolTaskMgr *poTaskMgr = poAppMgr->findTaskMgr(poPdu->m_ucDestModule);
-    if (poTaskMgr != nullptr)
+    const int iResult = zolInbox().deliver(zolBlockOf(poPdu), poPdu->m_ucDestModule, false);
+    if (iResult != ZOL_ERR_NO_DEST)
     {
-        return poTaskMgr->enqueueMsg(zolBlockOf(poPdu), false);
+        return iResult;
     }
     if (poPdu->m_ucDestModule == zolpipe::INITIAL_MODULE && poPdu->m_usDestSubModuleId == zolpipe::INITIAL_TASK &&
-        poAppMgr->getStatus() == APPMGR_INITIAL)
+        zolHost().takeInitialResponse(poPdu))
     {
-        // the thread that waits for this answer is this one, inside the reactor's loop
-        poAppMgr->getReactor()->end_reactor_event_loop();
-        poAppMgr->enqueueMsg(poPdu);
         return ZOL_OK;
     }
     oDebug.error("dest not found!");

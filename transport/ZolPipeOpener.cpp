@@ -1,7 +1,5 @@
 #include "transport/ZolPipeOpener.h"
 
-#include "ZolApi.h"
-#include "ZolAppMgr.h"
 #include "ZolRunLog.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolPipeProtocol.h"
@@ -235,7 +233,7 @@ void CZolPipeOpener::succeed()
     }
     else if (!poMgr->isNoHandle() && !poMgr->isOwnHandle())
     {
-        poMgr->m_usProcHandle.store(m_poPdu->m_usDestProcHandle, std::memory_order_relaxed);
+        CZolIdentity::own().setProcHandle(m_poPdu->m_usDestProcHandle);
     }
     const unsigned short usOppProcID = oConn.m_usOppProcID;
     const unsigned short usOppProcHandle = oConn.m_usOppProcHandle;

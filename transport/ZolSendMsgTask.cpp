@@ -1,10 +1,11 @@
 #include "transport/ZolSendMsgTask.h"
 
-#include "ZolAppMgr.h"
+#include "ZolQueueSize.h"
 #include "ZolRunLog.h"
-#include "message/ZolCounters.h"
+#include "config/ZolCounters.h"
 #include "message/ZolMonotonic.h"
 #include "transport/ZolConnMgr.h"
+#include "transport/ZolHost.h"
 #include "transport/ZolText.h"
 
 #include <ace/Guard_T.h>
@@ -46,7 +47,7 @@ int CZolSendMsgTask::sendMsg(CZolMemBlock *poBlock, bool bWait)
     }
     const std::uint64_t ulBytes = zolTotalLength(zolPduOf(poBlock));
     ACE_GUARD_RETURN(ACE_Thread_Mutex, oGuard, m_oMsgLock, -1);
-    while (bWait && isFull() && CZolAppMgr::instance()->getStatus() != APPMGR_EXIT)
+    while (bWait && isFull() && !zolHost().isExiting())
     {
         // The limit of the wait is for a process that goes to its exit stage meanwhile: nobody would wake us.
         const ACE_Time_Value oUntil = zolMonotonicNow() + ACE_Time_Value(0, 100000);

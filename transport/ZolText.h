@@ -1,7 +1,7 @@
 #ifndef ZOL_TRANSPORT_ZOLTEXT_H
 #define ZOL_TRANSPORT_ZOLTEXT_H
 
-#include "ZolApi.h"
+#include "ZolUtil.h"
 
 #include <ace/INET_Addr.h>
 #include <sstream>

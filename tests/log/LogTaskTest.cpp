@@ -1,5 +1,5 @@
+#include "config/ZolCounters.h"
 #include "log/ManualLog.h"
-#include "message/ZolCounters.h"
 #include "support/WaitUntil.h"
 
 #include <atomic>

@@ -1,5 +1,5 @@
-#ifndef ZOL_MESSAGE_ZOLCOUNTERS_H
-#define ZOL_MESSAGE_ZOLCOUNTERS_H
+#ifndef ZOL_CONFIG_ZOLCOUNTERS_H
+#define ZOL_CONFIG_ZOLCOUNTERS_H
 
 #include <atomic>
 #include <cstdint>

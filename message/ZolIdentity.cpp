@@ -1,0 +1,3 @@
+#include "message/ZolIdentity.h"
+
+CZolIdentity CZolIdentity::sm_oOwn;
