@@ -68,9 +68,12 @@ int CZolConnMgr::initConn2Vek(unsigned short usProcID, unsigned short usProcHand
         open(nullptr);
         return 0;
     }
-    const auto usPort = static_cast<unsigned short>(std::atoi(pstrPort->c_str())); // NOLINT: any text gives a port
+    const long lPort =
+        strtol(pstrPort->c_str(), nullptr, 10); // any text gives a number: what does not begin so gives 0
+    const auto usPort = static_cast<unsigned short>(lPort);
     ACE_INET_Addr oAddr;
-    if (pstrAddress->empty() || oAddr.set(usPort, pstrAddress->c_str(), 1, AF_INET) != 0)
+    // a port out of range would be cut to another one, where somebody else may listen
+    if (lPort != usPort || pstrAddress->empty() || oAddr.set(usPort, pstrAddress->c_str(), 1, AF_INET) != 0)
     {
         CZolRunLog::error(
             zoltext("CZolConnMgr::initConn2Vek the vEK address is invalid. IP: ", *pstrAddress, " Port: ", *pstrPort)

@@ -95,6 +95,23 @@ TEST_F(ConnMgrTest, StopsAStartThatTheGatewayRefuses)
     EXPECT_EQ(1U, countOf(mgr().dumpConnections(), "OppProcID"));
 }
 
+TEST_F(ConnMgrTest, RefusesAPortThatIsNone)
+{
+    CRawGateway oGateway;
+    const std::string strBeyond = std::to_string(65536 + oGateway.port()); // the low 16 bits are the gateway's
+    EXPECT_EQ(-1, start("VEKAddress = 127.0.0.1\nVEKPort = " + strBeyond + "\n"));
+    for (const std::string &strPort : {strBeyond, "4294967296" + std::to_string(oGateway.port()), std::string("-1")})
+    {
+        zol::saveResWithKey("VEKPort", strPort);
+        EXPECT_EQ(-1, CZolAppMgr::instance()->initAppMgr(OWN_PROC, OWN_HANDLE, false, nullptr, nullptr)) << strPort;
+    }
+    EXPECT_TRUE(logHas("CZolConnMgr::initConn2Vek the vEK address is invalid. IP: 127.0.0.1 Port: -1\n"));
+    EXPECT_EQ(2u, logCount("the vEK address is invalid. IP: 127.0.0.1 Port: " + strBeyond + "\n"));
+    zol::saveResWithKey("VEKPort", std::to_string(oGateway.port()) + " behind the wall");
+    EXPECT_EQ(0, CZolAppMgr::instance()->initAppMgr(OWN_PROC, OWN_HANDLE, false, nullptr, nullptr));
+    EXPECT_TRUE(mgr().isConnected(0, 0));
+}
+
 TEST_F(ConnMgrTest, TakesTheHandleThatEachRegistrationAllocates)
 {
     CRawGateway oGateway;
