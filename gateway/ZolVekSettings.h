@@ -97,13 +97,15 @@ const std::vector<SZolVekKeyInfo> &zolVekKeys();
 
 /// Turns entries into settings.
 ///
-/// Errors: nothing is thrown. Every bad entry adds a line of the form "origin: key: what is wrong" to the faults, and
-///         settings() is to be used only if there is none.
+/// Errors: nothing is thrown. Every bad entry adds a line of the form "origin: key: what is wrong" to the faults, a
+/// line
+///         that cannot be one "origin: what is wrong", and settings() is to be used only if there is none.
 class CZolVekSettingsReader
 {
 public:
     /// Adds the entries of a file in the format of zol.cfg: lines of key = value, blanks around both cut off, comments
-    /// behind a first "#", lines without "=" skipped, the first of two equal keys wins. False if it cannot be read.
+    /// behind a first "#", lines without "=" skipped, the first of two equal keys wins. A line of more than 511
+    /// characters or with a zero byte, which zol.cfg would cut, is a fault. False if it cannot be read.
     bool addFile(const std::string &strPath);
 
     /// As addFile, from the text of one.
@@ -122,6 +124,7 @@ public:
     std::string effective() const;
 
 private:
+    void addLine(const std::string &strOrigin, const std::string &strWhole);
     void apply(const SZolVekEntry &oEntry);
     bool applyListen(const std::string &strValue);
     bool applyText(const SZolVekEntry &oEntry);
@@ -136,6 +139,7 @@ private:
     void checkTogether();
 
     std::vector<SZolVekEntry> m_oEntries;
+    std::vector<std::string> m_oLineFaults; // of lines that gave no entry
     std::vector<std::string> m_oFaults;
     SZolVekSettings m_oSettings;
 };

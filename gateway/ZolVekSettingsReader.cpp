@@ -9,7 +9,7 @@
 namespace
 {
 
-const std::size_t MAX_LINE = 511; // characters of a line that are looked at
+const std::size_t MAX_LINE = 511; // characters of a line; the reader of zol.cfg looks at no more
 
 bool isLoopback(std::uint32_t uiAddress)
 {
@@ -37,15 +37,28 @@ void CZolVekSettingsReader::addText(const std::string &strName, const std::strin
     std::string strLine;
     for (int iLine = 1; std::getline(oText, strLine); ++iLine)
     {
-        strLine.resize(std::min(strLine.size(), MAX_LINE));
-        strLine = zolVekTrimmed(strLine.substr(0, strLine.find('\0')));
-        const std::size_t ulEquals = strLine.find('=');
-        if (strLine.empty() || strLine[0] == '#' || ulEquals == std::string::npos || ulEquals == 0)
-        {
-            continue;
-        }
-        add({zolVekTrimmed(strLine.substr(0, ulEquals)), zolVekTrimmed(strLine.substr(ulEquals + 1)),
-             strName + ":" + std::to_string(iLine)});
+        addLine(strName + ":" + std::to_string(iLine), strLine);
+    }
+}
+
+// The rest of a line that is cut could be the half of a prefix: 10.0.0.0/24 cut behind the 2 lets half the world in.
+void CZolVekSettingsReader::addLine(const std::string &strOrigin, const std::string &strWhole)
+{
+    const std::string strLine = zolVekTrimmed(strWhole);
+    if (strLine.empty() || strLine[0] == '#')
+    {
+        return;
+    }
+    if (strWhole.size() > MAX_LINE || strWhole.find('\0') != std::string::npos)
+    {
+        m_oLineFaults.push_back(strOrigin + (strWhole.size() > MAX_LINE ? ": a line longer than 511 characters"
+                                                                        : ": a line with a zero byte in it"));
+        return;
+    }
+    const std::size_t ulEquals = strLine.find('=');
+    if (ulEquals != std::string::npos && ulEquals != 0)
+    {
+        add({zolVekTrimmed(strLine.substr(0, ulEquals)), zolVekTrimmed(strLine.substr(ulEquals + 1)), strOrigin});
     }
 }
 
@@ -64,7 +77,7 @@ void CZolVekSettingsReader::add(const SZolVekEntry &oEntry)
 bool CZolVekSettingsReader::check()
 {
     m_oSettings = SZolVekSettings();
-    m_oFaults.clear();
+    m_oFaults = m_oLineFaults;
     for (const SZolVekEntry &oEntry : m_oEntries)
     {
         apply(oEntry);
@@ -184,7 +197,10 @@ void CZolVekSettingsReader::checkTogether()
     zolVekAddressFrom(m_oSettings.m_strListenHost, uiAddress);
     if (!isLoopback(uiAddress) && m_oSettings.m_oAllowFrom.empty())
     {
-        m_oFaults.push_back("Listen: an address other than loopback wants AllowFrom, which says who may register");
+        const auto oListen = std::find_if(m_oEntries.begin(), m_oEntries.end(),
+                                          [](const SZolVekEntry &oEntry) { return oEntry.m_strKey == "Listen"; });
+        fault(*oListen, // there is one: the default is a loopback address
+              "an address other than loopback wants AllowFrom, which says who may register");
     }
     if (m_oSettings.m_ulPipeQueueBytes > m_oSettings.m_ulTotalQueueBytes)
     {

@@ -86,6 +86,7 @@ TEST(SettingsTest, NamesEachBadLine)
         "Unknown = 1",
         "listen = 127.0.0.1:1",
         "MaxFrameBytes = 99999999999999999999999",
+        "Listen = 0.0.0.0:7100", // without AllowFrom
     };
     for (const char *pcLine : apcLines)
     {
@@ -100,12 +101,24 @@ TEST(SettingsTest, NamesEachBadLine)
     }
 }
 
-TEST(SettingsTest, ListensBeyondLoopbackOnlyWithAListOfWhoMayCome)
+TEST(SettingsTest, RefusesALineThatWouldBeCut)
+{
+    const std::string strFits = "Port.1 =" + std::string(511 - 10, ' ') + "70";
+    const std::string strNul = "AllowFrom = 10.0.0.0/2" + std::string(1, '\0') + "4";
+    CZolVekSettingsReader oReader;
+    oReader.addText("a", "#" + std::string(600, '=') + "\n" + strFits);
+    EXPECT_TRUE(oReader.check());
+    oReader.addText("vek.cfg", "\nAllowFrom = " + std::string(500, ' ') + "10.0.0.0/24\n" + strNul + "\n");
+    EXPECT_FALSE(oReader.check());
+    const std::vector<std::string> oWanted = {"vek.cfg:2: a line longer than 511 characters",
+                                              "vek.cfg:3: a line with a zero byte in it"};
+    EXPECT_EQ(oWanted, oReader.faults());
+}
+
+TEST(SettingsTest, ListensBeyondLoopbackForThoseWhoAreListed)
 {
     CZolVekSettingsReader oReader;
-    oReader.addText("a", "Listen = 0.0.0.0:7100");
-    EXPECT_FALSE(oReader.check());
-    oReader.addText("a", "AllowFrom = 10.0.0.0/8");
+    oReader.addText("a", "Listen = 0.0.0.0:7100\nAllowFrom = 10.0.0.0/8");
     EXPECT_TRUE(oReader.check());
 }
 
