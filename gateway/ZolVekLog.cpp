@@ -5,9 +5,12 @@
 #include "ZolRunLog.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +31,43 @@ EnumZolEventLevel eventLevelOf(int iLevel)
     return iLevel <= CZolRunLog::LEVEL_ERROR     ? ZOL_EVENT_ERROR
            : iLevel == CZolRunLog::LEVEL_WARNING ? ZOL_EVENT_WARNING
                                                  : ZOL_EVENT_INFO;
+}
+
+/// Why the run log could not write its file, now or when its ring comes to it; empty if it can.
+std::string whyNotWritable(const std::string &strFile)
+{
+    const int iFile = open(strFile.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); // as the log, but makes none
+    if (iFile >= 0)
+    {
+        close(iFile);
+        return std::string();
+    }
+    const int iError = errno;
+    struct stat oLink = {};
+    if (iError == ENOENT && lstat(strFile.c_str(), &oLink) != 0)
+    {
+        return std::string(); // the folder lets it be made
+    }
+    return strFile + ": " + strerrordesc_np(iError);
+}
+
+/// The same of all its files.
+std::string whyNoRunLog(const SZolVekSettings &oSettings)
+{
+    if (access(oSettings.m_strLogPath.c_str(), W_OK | X_OK) != 0)
+    {
+        const int iError = errno;
+        return oSettings.m_strLogPath + ": " + strerrordesc_np(iError);
+    }
+    for (unsigned int uiFile = 0; uiFile < oSettings.m_uiMaxLogNumber; ++uiFile)
+    {
+        const std::string strWhy = whyNotWritable(oSettings.m_strLogPath + "/vek_" + std::to_string(uiFile) + ".log");
+        if (!strWhy.empty())
+        {
+            return strWhy;
+        }
+    }
+    return std::string();
 }
 
 void toRunLog(int iLevel, const char *pcScope, const char *pcText)
@@ -62,10 +102,10 @@ void CZolVekLog::open(const SZolVekSettings &oSettings)
     {
         return;
     }
-    if (access(oSettings.m_strLogPath.c_str(), W_OK | X_OK) != 0)
+    const std::string strWhyNot = whyNoRunLog(oSettings);
+    if (!strWhyNot.empty())
     {
-        line(CZolRunLog::LEVEL_ERROR, "CZolVekLog::open", "%s cannot be written, the log goes to standard error",
-             oSettings.m_strLogPath.c_str());
+        line(CZolRunLog::LEVEL_ERROR, "CZolVekLog::open", "%s; the log goes to standard error", strWhyNot.c_str());
         return;
     }
     zol::saveResWithKey("MaxLogNumber", std::to_string(oSettings.m_uiMaxLogNumber));

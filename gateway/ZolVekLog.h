@@ -15,7 +15,8 @@
 class CZolVekLog
 {
 public:
-    /// Opens the run log if oSettings names a folder. A folder that cannot be used leaves standard error.
+    /// Opens the run log if oSettings names a folder. A folder, or a file of the log in it, that cannot be used leaves
+    /// standard error.
     static void open(const SZolVekSettings &oSettings);
 
     /// Writes what still waits to the disk.

@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -198,14 +199,23 @@ TEST_F(VekProgramTest, LogsToTheFolderAndKeepsTheLastLines)
     EXPECT_EQ("", m_poVek->errors());
 }
 
-TEST_F(VekProgramTest, RunsOnWithoutItsLogFolder)
+TEST_F(VekProgramTest, SaysWhereItLogsWhenItsFolderOrAFileCannotBeUsed)
 {
-    const unsigned short usPort = start({"--log-path", m_oInstallation.root() + "/none"});
-    CRawPipe oA = CRawPipe::connectTo(usPort);
-    EXPECT_EQ(0, oA.registerAs(7, 1));
-    EXPECT_EQ(1u, countOf(m_poVek->errors(), "cannot be written, the log goes to standard error"));
-    m_poVek->signal(SIGTERM);
-    EXPECT_EQ(0, m_poVek->exitCode());
+    const std::string strFolder = m_oInstallation.logFolder();
+    ASSERT_EQ(0, mkdir((strFolder + "/vek_1.log").c_str(), 0755)); // the second of the ring: lost at a size, not now
+    const std::string astrCases[][2] = {
+        {m_oInstallation.root() + "/none", m_oInstallation.root() + "/none: No such file or directory"},
+        {strFolder, strFolder + "/vek_1.log: Is a directory"}};
+    for (const auto &astrCase : astrCases)
+    {
+        const unsigned short usPort = start({"--log-path", astrCase[0]});
+        CRawPipe oA = CRawPipe::connectTo(usPort);
+        EXPECT_EQ(0, oA.registerAs(7, 1));
+        EXPECT_EQ(1u, countOf(m_poVek->errors(), astrCase[1] + "; the log goes to standard error\n"));
+        EXPECT_EQ(1u, countOf(m_poVek->errors(), ") is up, 1 in all")) << "what goes to the log goes there";
+        m_poVek->signal(SIGTERM);
+        EXPECT_EQ(0, m_poVek->exitCode());
+    }
 }
 
 // /dev/full stands for a full disk: every write to it fails.
