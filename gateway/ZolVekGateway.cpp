@@ -499,6 +499,7 @@ void CZolVekGateway::tick()
     {
         m_ulNextSweepMs = m_oAgenda.m_ulNowMs + TICK_MS;
         m_oRouter.tick();
+        m_oRoutes.tick(m_oAgenda.m_ulNowMs);
         m_oReporter.tick(m_oAgenda.m_ulNowMs);
         sweep();
     }

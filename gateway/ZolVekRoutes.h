@@ -4,8 +4,7 @@
 #include "ZolVekFrame.h"
 
 #include <cstdint>
-#include <deque>
-#include <memory>
+#include <map>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -27,6 +26,9 @@ public:
     /// Enters a pipe under a key that is free.
     void add(TZolVekKey uiKey, CZolVekSession *poSession);
 
+    /// Forgets the handles that have rested for long enough, and ids of which nothing is left. Once a second.
+    void tick(std::uint64_t ulNowMs);
+
     /// How long a freed handle rests.
     void rest(std::uint64_t ulRestMs) { m_ulRestMs = ulRestMs; }
 
@@ -45,6 +47,9 @@ public:
 
     std::size_t size() const { return m_oByKey.size(); }
 
+    /// Process ids of which a pipe is up or a handle rests.
+    std::size_t processes() const { return m_oProcesses.size(); }
+
     template <typename Function>
     void forEach(Function fnEach) const
     {
@@ -56,6 +61,7 @@ public:
 
 private:
     static constexpr unsigned int HANDLES = 65535; // 1 to 65534 are given out
+    static constexpr std::uint64_t IN_USE = UINT64_MAX;
 
     struct SRoute
     {
@@ -64,23 +70,19 @@ private:
     };
     struct SProcess
     {
-        std::set<std::pair<unsigned int, TZolVekKey>> m_oBySources; // the pipes of the id, least used first
-        std::vector<bool> m_oTaken;                                 // by handle: in use, or at rest
-        unsigned int m_uiLowest = 1;                                // no handle below is free
-
-        // Since when, and which. An entry holds only while m_oFreedMs agrees with it: a process that brings a handle of
-        // its own may take one that rests.
-        std::deque<std::pair<std::uint64_t, std::uint16_t>> m_oResting;
-        std::unordered_map<std::uint16_t, std::uint64_t> m_oFreedMs;
+        std::set<std::pair<unsigned int, TZolVekKey>> m_oBySources;   // the pipes of the id, least used first
+        std::map<std::uint16_t, std::uint64_t> m_oHandles;            // not free: IN_USE, or since when it rests
+        std::set<std::pair<std::uint64_t, std::uint16_t>> m_oResting; // since when, and which: longest first
+        unsigned int m_uiNext = 1;                                    // of the handles below ...
+        std::set<std::uint16_t> m_oFree;                              // ... these are free
     };
 
-    SProcess &process(std::uint16_t usProcID);
-    void setTaken(SProcess &oProcess, unsigned int uiHandle, bool bTaken);
-    void wake(SProcess &oProcess, std::uint64_t ulNowMs);
-    bool takeRested(SProcess &oProcess, std::uint64_t ulFreedBefore, std::uint16_t &usHandle);
+    void wake(SProcess &oProcess, std::uint64_t ulNowMs) const;
+    static void free(SProcess &oProcess, std::uint16_t usHandle);
+    static bool longestResting(const SProcess &oProcess, std::uint16_t &usHandle);
 
     std::unordered_map<TZolVekKey, SRoute> m_oByKey;
-    std::unordered_map<std::uint16_t, std::unique_ptr<SProcess>> m_oProcesses;
+    std::unordered_map<std::uint16_t, SProcess> m_oProcesses; // ids of which a pipe is up or a handle rests
     std::uint64_t m_ulGeneration = 1;
     std::uint64_t m_ulRestMs = 60000;
 };

@@ -38,6 +38,17 @@ TEST_F(RoutesTest, GivesTheLowestFreeHandleThatHasRested)
     m_oRoutes.remove(zolVekKey(7, 3), 70000);
     m_oRoutes.add(zolVekKey(7, 3), session(3)); // somebody brings a resting one as its own
     EXPECT_EQ(6, allocate(200000)) << "3 is in use again";
+    for (std::uint16_t usHandle = 1; usHandle <= 6; ++usHandle)
+    {
+        m_oRoutes.remove(zolVekKey(7, usHandle), 300000);
+    }
+    m_oRoutes.tick(359999);
+    EXPECT_EQ(1u, m_oRoutes.processes());
+    m_oRoutes.tick(360000);
+    EXPECT_EQ(0u, m_oRoutes.processes()) << "of an id without pipes nothing is kept once its handles have rested";
+    m_oRoutes.add(zolVekKey(8, 0), session(8));
+    m_oRoutes.remove(zolVekKey(8, 0), 400000);
+    EXPECT_EQ(0u, m_oRoutes.processes());
 }
 
 TEST_F(RoutesTest, GivesRestingHandlesOnlyWhenNoOtherIsFree)
@@ -46,7 +57,9 @@ TEST_F(RoutesTest, GivesRestingHandlesOnlyWhenNoOtherIsFree)
     {
         ASSERT_EQ(i, allocate(0));
     }
-    EXPECT_EQ(0, allocate(0)) << "65535 is not given out";
+    m_oRoutes.add(zolVekKey(7, 65535), session(65535));
+    m_oRoutes.remove(zolVekKey(7, 65535), 0);
+    EXPECT_EQ(0, allocate(0)) << "65535 is not given out, free or at rest";
     m_oRoutes.remove(zolVekKey(7, 500), 1000);
     m_oRoutes.remove(zolVekKey(7, 20), 1001);
     EXPECT_EQ(500, allocate(1002)) << "the longest free one first";
