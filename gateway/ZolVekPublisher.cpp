@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <memory>
+#include <unordered_set>
 
 namespace
 {
@@ -161,13 +162,12 @@ void CZolVekPublisher::begin(CZolVekSession &oFrom, const CZolVekFrame &oFrame, 
         m_oAgenda.doom(oFrom, "it has too many big messages under way");
     }
     const std::vector<SZolVekSubscriber> *const poSubscribers = m_oSubscriptions.find(oFrame.command());
+    std::unordered_set<const CZolVekSession *> oSeen;
     for (const SZolVekSubscriber &oSubscriber :
          poSubscribers == nullptr ? std::vector<SZolVekSubscriber>() : *poSubscribers)
     {
-        const bool bSecond =
-            std::any_of(oPublication.m_oNow.begin(), oPublication.m_oNow.end(),
-                        [&](const SZolVekSubscriber &o) { return o.m_poSession == oSubscriber.m_poSession; });
-        (bSecond ? oPublication.m_oLater : oPublication.m_oNow).push_back(oSubscriber);
+        const bool bFirst = oSeen.insert(oSubscriber.m_poSession).second;
+        (bFirst ? oPublication.m_oNow : oPublication.m_oLater).push_back(oSubscriber);
     }
 }
 

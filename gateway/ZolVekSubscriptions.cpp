@@ -1,81 +1,73 @@
 #include "ZolVekSubscriptions.h"
 
-#include <algorithm>
-
 bool CZolVekSubscriptions::add(std::uint32_t uiCommand, const SZolVekSubscriber &oSubscriber)
 {
     std::vector<SZolVekSubscriber> &oList = m_oByCommand[uiCommand];
-    if (std::find(oList.begin(), oList.end(), oSubscriber) != oList.end())
+    TPlaces &oPlaces = m_oBySession[oSubscriber.m_poSession];
+    if (!oPlaces.insert({nameOf(uiCommand, oSubscriber), static_cast<std::uint32_t>(oList.size())}).second)
     {
         return false;
     }
     oList.push_back(oSubscriber);
-    SOwner &oOwner = m_oBySession[oSubscriber.m_poSession];
-    ++oOwner.m_oCommands[uiCommand];
-    ++oOwner.m_ulCount;
     ++m_ulCount;
     return true;
 }
 
 bool CZolVekSubscriptions::remove(std::uint32_t uiCommand, const SZolVekSubscriber &oSubscriber)
 {
-    const auto oFound = m_oByCommand.find(uiCommand);
-    if (oFound == m_oByCommand.end())
+    const auto oOwner = m_oBySession.find(oSubscriber.m_poSession);
+    if (oOwner == m_oBySession.end())
     {
         return false;
     }
-    std::vector<SZolVekSubscriber> &oList = oFound->second;
-    const auto oAt = std::find(oList.begin(), oList.end(), oSubscriber);
-    if (oAt == oList.end())
+    const auto oPlace = oOwner->second.find(nameOf(uiCommand, oSubscriber));
+    if (oPlace == oOwner->second.end())
     {
         return false;
     }
-    oList.erase(oAt);
-    --m_ulCount;
-    SOwner &oOwner = m_oBySession[oSubscriber.m_poSession];
-    --oOwner.m_ulCount;
-    if (--oOwner.m_oCommands[uiCommand] == 0)
+    takeOut(uiCommand, oPlace->second);
+    oOwner->second.erase(oPlace);
+    if (oOwner->second.empty())
     {
-        oOwner.m_oCommands.erase(uiCommand);
-    }
-    if (oList.empty())
-    {
-        m_oByCommand.erase(oFound);
+        m_oBySession.erase(oOwner);
     }
     return true;
 }
 
+void CZolVekSubscriptions::takeOut(std::uint32_t uiCommand, std::uint32_t uiPlace)
+{
+    const auto oFound = m_oByCommand.find(uiCommand);
+    std::vector<SZolVekSubscriber> &oList = oFound->second;
+    // the last one takes its place
+    const SZolVekSubscriber oLast = oList.back();
+    oList[uiPlace] = oLast;
+    m_oBySession[oLast.m_poSession][nameOf(uiCommand, oLast)] = uiPlace;
+    oList.pop_back();
+    --m_ulCount;
+    if (oList.empty())
+    {
+        m_oByCommand.erase(oFound);
+    }
+}
+
 void CZolVekSubscriptions::removeAll(const CZolVekSession *poSession)
 {
-    const auto oFound = m_oBySession.find(poSession);
-    if (oFound == m_oBySession.end())
+    const auto oOwner = m_oBySession.find(poSession);
+    if (oOwner == m_oBySession.end())
     {
         return;
     }
-    for (const auto &oPair : oFound->second.m_oCommands)
+    for (const auto &oPair : oOwner->second)
     {
-        const auto oList = m_oByCommand.find(oPair.first);
-        if (oList == m_oByCommand.end())
-        {
-            continue;
-        }
-        auto &oSubscribers = oList->second;
-        const auto oEnd = std::remove_if(oSubscribers.begin(), oSubscribers.end(),
-                                         [=](const SZolVekSubscriber &o) { return o.m_poSession == poSession; });
-        m_ulCount -= static_cast<std::size_t>(oSubscribers.end() - oEnd);
-        oSubscribers.erase(oEnd, oSubscribers.end());
-        if (oSubscribers.empty())
-        {
-            m_oByCommand.erase(oList);
-        }
+        takeOut(static_cast<std::uint32_t>(oPair.first >> 24), oPair.second);
     }
-    m_oBySession.erase(oFound);
+    m_oBySession.erase(oOwner);
 }
 
 std::size_t CZolVekSubscriptions::countOf(const CZolVekSession *poSession) const
 {
     const auto oFound = m_oBySession.find(poSession);
-    return oFound == m_oBySession.end() ? 0 : oFound->second.m_ulCount;
+    return oFound == m_oBySession.end() ? 0 : oFound->second.size();
 }
 
 const std::vector<SZolVekSubscriber> *CZolVekSubscriptions::find(std::uint32_t uiCommand) const

@@ -15,14 +15,9 @@ struct SZolVekSubscriber
     CZolVekSession *m_poSession = nullptr;
     std::uint8_t m_ucModule = 0;
     std::uint16_t m_usTask = 0;
-
-    bool operator==(const SZolVekSubscriber &oOther) const
-    {
-        return m_poSession == oOther.m_poSession && m_ucModule == oOther.m_ucModule && m_usTask == oOther.m_usTask;
-    }
 };
 
-/// Who wants which command.
+/// Who wants which command. Adding and removing cost the same however many subscribers a command has.
 ///
 /// Threads: the routing thread only.
 class CZolVekSubscriptions
@@ -37,7 +32,7 @@ public:
     /// Takes all subscriptions of a pipe out.
     void removeAll(const CZolVekSession *poSession);
 
-    /// The subscribers of a command in the order of subscribing, or null. Valid until the next change.
+    /// The subscribers of a command, in no particular order, or null. Valid until the next change.
     const std::vector<SZolVekSubscriber> *find(std::uint32_t uiCommand) const;
 
     std::size_t size() const { return m_ulCount; }
@@ -59,14 +54,17 @@ public:
     }
 
 private:
-    struct SOwner
+    /// The places of a pipe's subscriptions in the lists of m_oByCommand, by command and task.
+    using TPlaces = std::unordered_map<std::uint64_t, std::uint32_t>;
+
+    static std::uint64_t nameOf(std::uint32_t uiCommand, const SZolVekSubscriber &oSubscriber)
     {
-        std::unordered_map<std::uint32_t, unsigned int> m_oCommands; // and how many of its tasks want them
-        std::size_t m_ulCount = 0;
-    };
+        return std::uint64_t{uiCommand} << 24 | std::uint64_t{oSubscriber.m_ucModule} << 16 | oSubscriber.m_usTask;
+    }
+    void takeOut(std::uint32_t uiCommand, std::uint32_t uiPlace);
 
     std::unordered_map<std::uint32_t, std::vector<SZolVekSubscriber>> m_oByCommand;
-    std::unordered_map<const CZolVekSession *, SOwner> m_oBySession;
+    std::unordered_map<const CZolVekSession *, TPlaces> m_oBySession;
     std::size_t m_ulCount = 0;
 };
 

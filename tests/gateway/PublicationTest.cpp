@@ -68,7 +68,11 @@ TEST_F(PublicationTest, ReachesEverySubscriberOfItsCommandOnce)
     ASSERT_TRUE(oA.send(publication(13, "after").wire()));
     expectDelivered(oB, 1, 2, 50, "after");
     expectDelivered(oC, 1, 3, 60, "after");
+    subscribe(oC, NEWS, 3, 60, 12);
+    ASSERT_TRUE(oA.send(publication(13, "last").wire()));
+    expectDelivered(oB, 1, 2, 50, "last");
     expectSilence(oB);
+    expectSilence(oC);
     expectSilence(oD);
     expectSilence(oA);
 }
