@@ -30,6 +30,12 @@ struct SZolVekAgenda
             m_oDirty.push_back(&oSession);
         }
     }
+    /// The rest of what it sent is read and dropped in its next turn, up to the end that it has come to.
+    void giveUp(CZolVekSession &oSession)
+    {
+        oSession.m_bDiscard = true;
+        ready(oSession);
+    }
     void doom(CZolVekSession &oSession, const std::string &strReason)
     {
         if (oSession.m_strDoom.empty() && oSession.m_eState != VEK_CLOSED)

@@ -47,7 +47,8 @@ EnumZolVekRoom CZolVekBackPressure::roomAt(CZolVekSession &oTarget, const CZolVe
         dropSlow(oTarget, oFrame);
         return VEK_ROOM_DROP;
     }
-    if (isLow(oTarget) || oTarget.m_oOutbox.isEmpty())
+    if (isLow(oTarget) || oTarget.m_oOutbox.isEmpty() ||
+        (poFrom != nullptr && poFrom->m_bBroken && oTarget.m_oOutbox.bytes() < 2 * m_ulLimit))
     {
         return VEK_ROOM_YES;
     }
@@ -98,14 +99,19 @@ void CZolVekBackPressure::wakeWaiters(CZolVekSession &oTarget)
     oTarget.m_oWaiters.clear();
 }
 
+void CZolVekBackPressure::release(CZolVekSession &oFrom)
+{
+    if (oFrom.m_poWaitsFor != nullptr)
+    {
+        auto &oWaiters = oFrom.m_poWaitsFor->m_oWaiters;
+        oWaiters.erase(std::remove(oWaiters.begin(), oWaiters.end(), &oFrom), oWaiters.end());
+        oFrom.m_poWaitsFor = nullptr;
+    }
+}
+
 void CZolVekBackPressure::gone(CZolVekSession &oSession)
 {
-    if (oSession.m_poWaitsFor != nullptr)
-    {
-        auto &oWaiters = oSession.m_poWaitsFor->m_oWaiters;
-        oWaiters.erase(std::remove(oWaiters.begin(), oWaiters.end(), &oSession), oWaiters.end());
-        oSession.m_poWaitsFor = nullptr;
-    }
+    release(oSession);
     for (CZolVekSession *poWaiter : oSession.m_oWaiters)
     {
         poWaiter->m_poWaitsFor = nullptr;

@@ -47,11 +47,15 @@ public:
     /// is short.
     std::size_t readBytes() const { return m_bTight ? TIGHT_READ_BYTES : SIZE_MAX; }
 
-    /// poFrom is null for a source that has gone.
+    /// poFrom is null for a source that has gone. One that is broken cannot be held back by not reading it: for the
+    /// sake of what it has left behind the queue may go to twice its bound.
     EnumZolVekRoom roomAt(CZolVekSession &oTarget, const CZolVekSession *poFrom, const CZolVekFrame &oFrame);
 
     /// oFrom is not read until oTarget can take frames again; the two may be the same.
     EnumZolVekVerdict stall(CZolVekSession &oFrom, CZolVekSession &oTarget);
+
+    /// oFrom waits for nobody any more.
+    void release(CZolVekSession &oFrom);
 
     /// Wakes the pipes that wait for oTarget, if its queue has gone down to half.
     void wakeWaiters(CZolVekSession &oTarget);

@@ -234,7 +234,11 @@ void CZolVekGateway::onEvent(CZolVekSession &oSession, std::uint32_t uiEvents)
         oSession.m_bEnded = oSession.m_bEnded || (uiEvents & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
         m_oAgenda.ready(oSession);
     }
-    if ((uiEvents & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && oSession.m_bBlocked)
+    if ((uiEvents & (EPOLLHUP | EPOLLERR)) != 0)
+    {
+        breakPipe(oSession, 0);
+    }
+    if (oSession.m_bBroken || ((uiEvents & EPOLLOUT) != 0 && oSession.m_bBlocked))
     {
         oSession.m_bBlocked = false;
         m_oRouter.beginTurn();
@@ -258,6 +262,10 @@ bool CZolVekGateway::mayRead(const CZolVekSession &oSession) const
 void CZolVekGateway::turn(CZolVekSession &oSession)
 {
     oSession.m_bReady = false;
+    if (oSession.m_bBroken || oSession.m_bDiscard)
+    {
+        letGo(oSession);
+    }
     if (oSession.m_eState == VEK_CLOSED || oSession.m_poWaitsFor != nullptr || oSession.m_bThrottled ||
         !oSession.m_strDoom.empty())
     {
@@ -311,6 +319,11 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         {
             return true;
         }
+        if (eRead == VEK_READ_FULL && oSession.m_bDiscard)
+        {
+            m_oAgenda.doom(oSession, "there is no memory for the last frame of a pipe that broke");
+            return false;
+        }
         if (eRead == VEK_READ_FULL)
         {
             m_oRouter.waitForMemory(oSession);
@@ -334,7 +347,11 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
             }
             continue; // what follows a refusal is read and dropped, so that the close does not reset the connection
         }
-        if (m_oRouter.route(oSession, oFrame) == VEK_STALLED)
+        if (oSession.m_bDiscard)
+        {
+            ++m_oStatistics.m_ulDropSlow;
+        }
+        else if (m_oRouter.route(oSession, oFrame) == VEK_STALLED)
         {
             oSession.m_oReader.undo();
             return false;
@@ -347,7 +364,8 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
 
 bool CZolVekGateway::isThrottled(CZolVekSession &oSession)
 {
-    if ((m_oSettings.m_ulMaxFramesPerSecond | m_oSettings.m_ulMaxBytesPerSecond) == 0 ||
+    if ((m_oSettings.m_ulMaxFramesPerSecond | m_oSettings.m_ulMaxBytesPerSecond) == 0 || oSession.m_bBroken ||
+        oSession.m_bDiscard ||
         oSession.m_oRate.mayTake(m_oSettings.m_ulMaxFramesPerSecond, m_oSettings.m_ulMaxBytesPerSecond,
                                  m_oAgenda.m_ulNowMs))
     {
@@ -372,7 +390,7 @@ void CZolVekGateway::wakeThrottled()
 
 void CZolVekGateway::flush(CZolVekSession &oSession)
 {
-    if (!oSession.m_bBlocked && !oSession.m_oOutbox.isEmpty())
+    if (!oSession.m_bBroken && !oSession.m_bBlocked && !oSession.m_oOutbox.isEmpty())
     {
         std::uint64_t ulWritten = 0;
         const EnumZolVekFlush eResult = oSession.m_oOutbox.flush(oSession.m_iSocket, ulWritten);
@@ -383,12 +401,11 @@ void CZolVekGateway::flush(CZolVekSession &oSession)
             oSession.m_ulBytesOut += ulWritten;
             m_oStatistics.m_ulBytesOut += ulWritten;
         }
-        else if (eResult == VEK_FLUSH_BROKEN)
+        if (eResult == VEK_FLUSH_BROKEN)
         {
-            const int iError = errno;
-            m_oAgenda.doom(oSession, strerrordesc_np(iError));
+            breakPipe(oSession, errno);
         }
-        if (eResult == VEK_FLUSH_BLOCKED)
+        else if (eResult == VEK_FLUSH_BLOCKED)
         {
             oSession.m_ulStuckSinceMs =
                 oSession.m_ulStuckSinceMs == 0 ? m_oAgenda.m_ulNowMs : oSession.m_ulStuckSinceMs;
@@ -398,6 +415,10 @@ void CZolVekGateway::flush(CZolVekSession &oSession)
         {
             oSession.m_ulStuckSinceMs = 0;
         }
+    }
+    if (oSession.m_bBroken)
+    {
+        dropQueued(oSession);
     }
     oSession.m_oOutbox.settle();
     m_oRouter.wakeWaiters(oSession);
@@ -414,6 +435,47 @@ void CZolVekGateway::flushDirty()
         }
     }
     m_oAgenda.m_oDirty.clear();
+}
+
+// ---- A pipe that breaks -------------------------------------------------------------------------------------------
+//
+// The peer has reset it, or the kernel has given it up. What it had sent is still in the socket and is routed before
+// its key is free; that its end is reached closes it. Nobody can be made to send less by not reading it, so it neither
+// keeps to a rate nor stops at the bound of a queue, but at twice that. What has no room within ProbeSeconds is
+// dropped.
+
+void CZolVekGateway::breakPipe(CZolVekSession &oSession, int iError)
+{
+    if (oSession.m_bBroken)
+    {
+        return;
+    }
+    oSession.m_bBroken = true;
+    oSession.m_iError = iError;
+    oSession.m_ulBrokenMs = m_oAgenda.m_ulNowMs;
+    oSession.m_bReadable = true;
+    oSession.m_bEnded = true;
+    m_oAgenda.ready(oSession);
+}
+
+void CZolVekGateway::dropQueued(CZolVekSession &oSession)
+{
+    const std::uint64_t ulFrames = oSession.m_eState == VEK_UP ? oSession.m_oOutbox.frames() : 0;
+    oSession.m_ulUnsent += ulFrames;
+    m_oStatistics.m_ulDropQueued += ulFrames;
+    oSession.m_oOutbox.clear();
+    oSession.m_bBlocked = false;
+    oSession.m_ulStuckSinceMs = 0;
+}
+
+void CZolVekGateway::letGo(CZolVekSession &oSession)
+{
+    m_oRouter.release(oSession);
+    if (oSession.m_bThrottled)
+    {
+        oSession.m_bThrottled = false;
+        m_oThrottled.erase(std::remove(m_oThrottled.begin(), m_oThrottled.end(), &oSession), m_oThrottled.end());
+    }
 }
 
 // ---- Closing ------------------------------------------------------------------------------------------------------
@@ -440,13 +502,12 @@ void CZolVekGateway::close(CZolVekSession &oSession)
     std::uint64_t ulHeldBack = 0;
     if (bUp)
     {
-        const std::uint64_t ulWaiting = oSession.m_oOutbox.frames();
-        m_oStatistics.m_ulDropQueued += ulWaiting;
+        dropQueued(oSession);
         CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::close",
                          "%s is down: %s; messages in %" PRIu64 " out %" PRIu64 " of which waiting %" PRIu64,
                          oSession.name().c_str(), oSession.m_strDoom.c_str(),
                          oSession.m_ulFramesIn - oSession.m_ulOwnIn, oSession.m_ulFramesOut - oSession.m_ulOwnOut,
-                         ulWaiting);
+                         oSession.m_ulUnsent);
     }
     else if (m_oStrangerLines.pass(oSession.m_uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
     {
@@ -554,6 +615,14 @@ void CZolVekGateway::sweep()
     m_oRoutes.forEach(
         [&](CZolVekSession *poSession)
         {
+            if (poSession->m_bBroken)
+            {
+                if (ulNow - poSession->m_ulBrokenMs >= std::uint64_t{1000} * m_oSettings.m_uiProbeSeconds)
+                {
+                    m_oAgenda.giveUp(*poSession);
+                }
+                return;
+            }
             if (poSession->m_oOutbox.isEmpty())
             {
                 poSession->m_oOutbox.shrink();

@@ -101,6 +101,9 @@ private:
     void tick();
     void sweep();
     void sweepNewcomers();
+    void breakPipe(CZolVekSession &oSession, int iError);
+    void dropQueued(CZolVekSession &oSession);
+    void letGo(CZolVekSession &oSession);
     bool isThrottled(CZolVekSession &oSession);
     void wakeThrottled();
     void checkDrained();

@@ -392,6 +392,18 @@ std::uint64_t CZolVekOutbox::frames() const
     return ulFrames;
 }
 
+void CZolVekOutbox::clear()
+{
+    for (std::size_t ulAt = m_uiHead; ulAt < m_oItems.size(); ++ulAt)
+    {
+        release(m_oItems[ulAt]);
+    }
+    m_oItems.clear();
+    m_uiHead = 0;
+    m_uiHeadDone = 0;
+    m_ulBytes = 0;
+}
+
 void CZolVekOutbox::shrink()
 {
     if (isEmpty())

@@ -73,6 +73,9 @@ public:
     /// Copies what the read buffer still holds of this outbox. To be called before that buffer is used again.
     void settle();
 
+    /// Forgets all that waits.
+    void clear();
+
     /// Gives back the memory that an empty list keeps for its next use.
     void shrink();
 

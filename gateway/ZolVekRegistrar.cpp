@@ -130,7 +130,11 @@ bool CZolVekRegistrar::look(SProbe &oProbe)
     {
         return true;
     }
-    if (ulWaitedMs >= ulProbeMs || (iState != TCP_ESTABLISHED && iState != TCP_CLOSE_WAIT))
+    if (ulWaitedMs >= ulProbeMs && iState != TCP_ESTABLISHED)
+    {
+        m_oAgenda.giveUp(oOld); // it has ended, and there is no room for what it has sent before
+    }
+    else if (ulWaitedMs >= ulProbeMs)
     {
         m_oAgenda.doom(oOld, "its process or machine has gone, and another process takes its place");
     }

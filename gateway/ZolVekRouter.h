@@ -75,6 +75,9 @@ public:
     /// To be called when the outboxes of the turn have been flushed and before the read buffer is used again.
     void endTurn() { m_oDelivery.endTurn(); }
 
+    /// oSession waits for nobody any more.
+    void release(CZolVekSession &oSession) { m_oBackPressure.release(oSession); }
+
     /// Wakes the pipes that wait for oSession if it can take frames again.
     void wakeWaiters(CZolVekSession &oSession) { m_oBackPressure.wakeWaiters(oSession); }
 

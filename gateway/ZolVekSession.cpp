@@ -71,6 +71,10 @@ int CZolVekSession::receive(std::size_t ulMost, std::string &strReason)
         const int iError = errno;
         snprintf(acReason, sizeof acReason, "%s", strerrordesc_np(iError));
     }
+    else if (m_iError != 0)
+    {
+        snprintf(acReason, sizeof acReason, "%s", strerrordesc_np(m_iError));
+    }
     else if (m_oReader.pendingBytes() == 0)
     {
         snprintf(acReason, sizeof acReason, "closed by the peer");

@@ -128,6 +128,11 @@ public:
     bool m_bReady = false;              ///< on the list of pipes to read
     bool m_bDirty = false;              ///< on the list of outboxes to flush
     bool m_bEnded = false;              ///< the peer sends no more
+    bool m_bBroken = false;             ///< the connection is gone: it gets nothing more, what it sent is still read
+    bool m_bDiscard = false;            ///< what it sent is read and dropped
+    int m_iError = 0;                   ///< that broke it, if a write met that
+    std::uint64_t m_ulBrokenMs = 0;     ///< when it broke
+    std::uint64_t m_ulUnsent = 0;       ///< frames that waited for it when it broke
     std::uint64_t m_ulSinceMs = 0;      ///< connected
     std::uint64_t m_ulReceivedMs = 0;   ///< last byte from the peer
     std::uint64_t m_ulSentMs = 0;       ///< last byte that the socket took

@@ -1,6 +1,8 @@
 #include "gateway/GatewayFixture.h"
 
 #include <atomic>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 using namespace zoltest;
@@ -23,6 +25,19 @@ protected:
         CRawPipe oPipe = pipe(usProc, usHandle);
         const int iSmall = 256 * 1024;
         setsockopt(oPipe.socket(), SOL_SOCKET, SO_RCVBUF, &iSmall, sizeof iSmall);
+        return oPipe;
+    }
+
+    /// A pipe of which the kernel takes next to nothing.
+    CRawPipe narrowPipe(unsigned short usProc, unsigned short usHandle)
+    {
+        int aiSockets[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, aiSockets));
+        const int iSmall = 16384;
+        setsockopt(aiSockets[0], SOL_SOCKET, SO_SNDBUF, &iSmall, sizeof iSmall);
+        gateway().run([&](CZolVekGateway &oGateway) { oGateway.adopt(aiSockets[0], 0x7F000001, 1); });
+        CRawPipe oPipe(aiSockets[1]);
+        EXPECT_EQ(0, oPipe.registerAs(usProc, usHandle));
         return oPipe;
     }
 
@@ -49,6 +64,67 @@ protected:
         std::thread m_oThread;
     };
 };
+
+// A source that is reset while it waits for a slow receiver: what it has sent comes first, at most to twice the bound
+// of the queue, then its key is free, at once or within seconds.
+TEST_F(BackPressureTest, RoutesWhatAResetPipeHasLeftBehind)
+{
+    const struct
+    {
+        const char *pcName;
+        std::uint64_t ulQueueBytes;
+        bool bNewcomer; // asks for the key at once
+    } aCases[] = {
+        {"there is room", 1 << 20, false},
+        {"another process asks for its key", 1 << 20, true},
+        {"there is no room for all", 16 << 10, false},
+    };
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(oCase.pcName);
+        endGateway();
+        m_oSettings.m_ulPipeQueueBytes = oCase.ulQueueBytes;
+        CRawPipe oSlow = narrowPipe(8, 1);
+        CRawPipe oA = pipe(7, 1);
+        unsigned int uiSent = 0;
+        const auto fnSend = [&]
+        {
+            std::string strFrames;
+            for (unsigned int i = 0; i < 50; ++i)
+            {
+                strFrames += frame(1, A, B, word32(uiSent++) + std::string(1000, 'r')).wire();
+            }
+            ASSERT_TRUE(oA.send(strFrames));
+        };
+        while (gateway().statistics().m_ulStalls == 0)
+        {
+            fnSend();
+        }
+        fnSend();
+        int iUnacknowledged = 0;
+        ASSERT_TRUE(
+            waitUntil([&] { return ioctl(oA.socket(), SIOCOUTQ, &iUnacknowledged) == 0 && iUnacknowledged == 0; }));
+        oA.resetOnClose();
+        oA.close();
+        if (oCase.bNewcomer)
+        {
+            oA = pipe(7, 1);
+        }
+        if (oCase.ulQueueBytes < 1 << 20)
+        {
+            ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulStalls > 1; }));
+            gateway().pass(4s);
+        }
+        EXPECT_TRUE(waitUntil([&] { return gateway().pipes() == (oCase.bNewcomer ? 2 : 1); }));
+        const auto uiDropped = static_cast<unsigned int>(gateway().statistics().m_ulDropSlow);
+        EXPECT_EQ(oCase.ulQueueBytes<1 << 20, uiDropped> 0);
+        for (unsigned int i = 0; i < uiSent - uiDropped; ++i)
+        {
+            ASSERT_EQ(i, readWord32(next(oSlow).m_strBody, 0));
+        }
+        expectSilence(oSlow);
+    }
+}
 
 // A receiver that reads nothing: its sources stand still, memory stays within the bound, others do not notice; when it
 // reads again everything is there and in order.
