@@ -15,7 +15,7 @@ help:
 	@echo "make test       all tests"
 	@echo "make test-asan  all tests under the address and undefined behaviour sanitizers"
 	@echo "make test-tsan  all tests under the thread sanitizer"
-	@echo "make fuzz       the gateway and the decoders under random input, five minutes for each of four targets"
+	@echo "make fuzz       whatever takes foreign bytes under random input, five minutes for each of tests/fuzz/seeds"
 	@echo "make bench      the benchmarks, as lines of group, metric, value and unit"
 	@echo "make lint       clang-format and clang-tidy"
 	@echo "make format     puts every source in the house format"
@@ -60,7 +60,7 @@ test-tsan: deps-tests build/tsan/build.ninja
 	@cmake --build --preset tsan
 	@ctest --preset tsan
 
-fuzz: build
+fuzz: deps
 	@scripts/fuzz
 
 bench: build
