@@ -14,6 +14,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 class CZolDebugInfo;
@@ -177,7 +178,11 @@ private:
     void sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *poLog);
 
     CZolThreadStart m_oStart;
-    HandleMap m_oHandleMap;             // guarded by m_oConnLock; holds the references
+    HandleMap m_oHandleMap; // guarded by m_oConnLock; holds the references
+    // Guarded by m_oConnLock. Descriptors of pipes that were taken down here: until they have left the reactor, and
+    // while it calls on account of what it saw before, they are asked for in vain, and that is no fault. Each stays
+    // until its number is a pipe's again.
+    std::unordered_set<ACE_HANDLE> m_oClosedHandles;
     std::atomic<long> m_lLastHelloTime; // written by the poll
     std::atomic<bool> m_bNoHandle{false};
     std::atomic<bool> m_bOwnHandle{false};

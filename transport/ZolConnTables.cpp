@@ -24,8 +24,11 @@ CZolConnection *CZolConnMgr::findConnection(ACE_HANDLE &oHandle)
     const auto itFound = m_oHandleMap.find(oHandle);
     if (itFound == m_oHandleMap.end())
     {
-        CZolDebugInfo("CZolConnection::findConnection")
-            .error(zoltext("can not find connection by handle. Handle: ", oHandle).c_str());
+        if (m_oClosedHandles.count(oHandle) == 0)
+        {
+            CZolDebugInfo("CZolConnection::findConnection")
+                .error(zoltext("can not find connection by handle. Handle: ", oHandle).c_str());
+        }
         return nullptr;
     }
     return itFound->second;
@@ -35,6 +38,7 @@ void CZolConnMgr::enter(CZolConnection *poConn, ACE_HANDLE oKey)
 {
     m_oHandleMap.emplace(oKey, poConn);
     poConn->m_oTableKey = oKey;
+    m_oClosedHandles.erase(oKey);
     pipesChanged();
 }
 
@@ -122,6 +126,7 @@ CZolConnRef CZolConnMgr::unlinkDown(CZolConnection *poConn)
     if (poConn->m_oTableKey != ACE_INVALID_HANDLE)
     {
         ACE_HANDLE oKey = poConn->m_oTableKey;
+        m_oClosedHandles.insert(oKey);
         if (poConn->getPipeType() == CZolConnection::CONN_PASSIVE)
         {
             delConnection(oKey);

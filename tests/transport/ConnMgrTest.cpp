@@ -502,9 +502,16 @@ TEST_F(ConnMgrTest, LetsATaskControlPipesWhileItsOwnQueueIsFull)
             mgr().shutVEKConnect();
             EXPECT_EQ(0, mgr().connect2VEK());
             const CZolConnRef oConn = pipeTo(9, 1);
+            ACE_HANDLE oHandle = oConn->getHandle();
             mgr().closePipe(oConn.get(), oConn->getLife()); // the pipe that the reactor is reading
             EXPECT_FALSE(mgr().isProcRegistered(9, 1));
+            mgr().recvMsg(oHandle); // the reactor may still come with what it saw before
+            mgr().closeConnection(oHandle);
+            ACE_HANDLE oForeign = 65000;
+            mgr().recvMsg(oForeign); // of no pipe at all
             EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(5));
+            EXPECT_TRUE(logHas("can not find connection by handle. Handle: 65000"));
+            EXPECT_EQ(1U, logCount("can not find connection by handle.")) << "an error line for a close of our own";
             oClosed.unlock();
             oFlood.join();
             CRawPipe oAgain = peer();
