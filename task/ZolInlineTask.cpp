@@ -245,7 +245,7 @@ void CZolInlineTask::serveDirectRequest(const CZolMsgPdu &oPdu)
         memcpy(&ulAddress, payloadOf(oPdu), sizeof ulAddress);
     }
     auto *poRequest = reinterpret_cast<SZolP2PRequest *>(ulAddress);
-    if (poRequest == nullptr || !takeP2PRequest(poRequest))
+    if (poRequest == nullptr || !CZolP2PDesk::instance().take(poRequest))
     {
         CZolDebugInfo("CZolInlineTask::reqMsgProcess").debug(unknownCommand(oPdu.m_ulCmdID).c_str());
         return;

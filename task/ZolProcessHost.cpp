@@ -59,6 +59,12 @@ public:
         return CZolAppMgr::instance()->sendLocalAsynMsg(poPdu, ucTaskMgrID);
     }
 
+    bool hasQueued(unsigned char ucTaskMgrID) override
+    {
+        CZolTaskMgr *poTaskMgr = CZolAppMgr::instance()->findTaskMgr(ucTaskMgrID);
+        return poTaskMgr != nullptr && poTaskMgr->getLengthOfBufferMsg() != 0;
+    }
+
     int subscribe(unsigned int uiCmd, unsigned char ucTaskMgrID, unsigned short usTaskID) override
     {
         return CZolAppMgr::instance()->subscribe(uiCmd, CZolMsgPdu::MSG_SUBSCRIBE, ucTaskMgrID, usTaskID);

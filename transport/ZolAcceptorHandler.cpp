@@ -19,23 +19,9 @@
 #include <memory>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <unordered_set>
 
 namespace
 {
-
-// Direct requests between the reactor and the built-in task. Leaked: the task's thread may outlive main.
-struct SLiveRequests
-{
-    ACE_Thread_Mutex m_oLock; // leaf
-    std::unordered_set<const SZolP2PRequest *> m_oRequests;
-};
-
-SLiveRequests &liveRequests()
-{
-    static SLiveRequests *const poLive = new SLiveRequests; // NOLINT: see above
-    return *poLive;
-}
 
 // A descriptor for later, of a kind that costs nothing.
 int openReserve()
@@ -71,19 +57,6 @@ bool readWithin(CZolConnection *poConn, void *pvTo, std::size_t uiLength)
 }
 
 } // namespace
-
-SZolP2PRequest::~SZolP2PRequest()
-{
-    m_poConn->release();
-    delete m_poPdu;
-}
-
-bool takeP2PRequest(SZolP2PRequest *poRequest)
-{
-    SLiveRequests &oLive = liveRequests();
-    ACE_GUARD_RETURN(ACE_Thread_Mutex, oGuard, oLive.m_oLock, false);
-    return oLive.m_oRequests.erase(poRequest) != 0;
-}
 
 CZolAcceptorHandler *CZolAcceptorHandler::instance()
 {
@@ -226,32 +199,63 @@ bool CZolAcceptorHandler::readBody(CZolConnection *poConn, CZolMsgPdu *poPdu)
 
 void CZolAcceptorHandler::takeRequest(CZolConnRef oConn, const CZolMsgPdu &oHeader)
 {
-    std::unique_ptr<CZolMsgPdu> poRequest(new (oHeader.m_ulDataLength + zolpipe::HEADER_LENGTH) CZolMsgPdu);
-    if (!poRequest)
+    switch (CZolP2PDesk::instance().admit(oConn, oHeader))
     {
-        return;
-    }
-    *poRequest = oHeader;
-    poRequest->m_usHeaderLength = zolpipe::HEADER_LENGTH; // there is no more of it than this
-    if (readBody(oConn.get(), poRequest.get()))
-    {
-        handOver(std::move(oConn), poRequest.release());
+    case CZolP2PDesk::ADMITTED:
+        readRequest(std::move(oConn), oHeader);
+        break;
+    case CZolP2PDesk::WAITING:
+        wakeForUnread(); // the room may have come in between
+        break;
+    case CZolP2PDesk::REFUSED:
+        CZolDebugInfo("CZolAcceptorHandler::handle_input")
+            .error(zoltext("the message is error, too many requests are waiting.", sourceOf(oHeader)).c_str());
+        break;
     }
 }
 
-void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
+void CZolAcceptorHandler::readRequest(CZolConnRef oConn, const CZolMsgPdu &oHeader)
+{
+    auto poP2P = std::make_unique<SZolP2PRequest>(oConn, oHeader);
+    if (poP2P->m_poPdu != nullptr && readBody(oConn.get(), poP2P->m_poPdu))
+    {
+        oConn = CZolConnRef(); // from here on the end of the request closes the connection
+        handOver(std::move(poP2P));
+    }
+}
+
+void CZolAcceptorHandler::wakeForUnread()
+{
+    CZolP2PDesk &oDesk = CZolP2PDesk::instance();
+    if (oDesk.hasToWake() && zolHost().getReactor()->notify(instance()) != 0)
+    {
+        oDesk.wakeFailed();
+    }
+}
+
+// One at a time, so that the pipes have their turn in between.
+int CZolAcceptorHandler::handle_exception(ACE_HANDLE /*oHandle*/)
+{
+    CZolConnRef oConn;
+    CZolMsgPdu oHeader;
+    if (CZolP2PDesk::instance().next(oConn, oHeader))
+    {
+        readRequest(std::move(oConn), oHeader);
+        wakeForUnread();
+    }
+    return 0;
+}
+
+void CZolAcceptorHandler::handOver(std::unique_ptr<SZolP2PRequest> poP2P)
 {
     const CZolIdentity &oSelf = CZolIdentity::own();
-    oConn->addRef(); // the request's, and the only one from here on: the end of the request closes the connection
-    auto *poP2P = new SZolP2PRequest(oConn.get(), poRequest);
-    oConn = CZolConnRef();
     constexpr unsigned int ADDRESS_LENGTH = sizeof(void *);
     CZolMsgPdu *poMsg = new (zolpipe::HEADER_LENGTH + ADDRESS_LENGTH) CZolMsgPdu;
     if (poMsg == nullptr)
     {
-        delete poP2P;
         return;
     }
+    SZolP2PRequest *poHanded = poP2P.release();
     poMsg->init();
     poMsg->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
     poMsg->m_ulCmdID = MSG_DIRECT_REQUEST_CMDID;
@@ -259,16 +263,12 @@ void CZolAcceptorHandler::handOver(CZolConnRef oConn, CZolMsgPdu *poRequest)
     poMsg->m_usSrcProcHandle = poMsg->m_usDestProcHandle = oSelf.getProcHandle();
     poMsg->m_ucDestModule = zolpipe::BUILT_IN_MODULE;
     poMsg->m_ulDataLength = ADDRESS_LENGTH;
-    std::memcpy(reinterpret_cast<char *>(poMsg) + zolpipe::HEADER_LENGTH, &poP2P, ADDRESS_LENGTH);
-    {
-        SLiveRequests &oLive = liveRequests();
-        ACE_GUARD(ACE_Thread_Mutex, oGuard, oLive.m_oLock);
-        oLive.m_oRequests.insert(poP2P);
-    }
+    std::memcpy(reinterpret_cast<char *>(poMsg) + zolpipe::HEADER_LENGTH, &poHanded, ADDRESS_LENGTH);
+    CZolP2PDesk::instance().hand(poHanded);
     // To the manager itself and not by identity: that may change meanwhile, and an address must not leave the process.
-    if (zolHost().sendLocal(poMsg, zolpipe::BUILT_IN_MODULE) != 0 && takeP2PRequest(poP2P))
+    if (zolHost().sendLocal(poMsg, zolpipe::BUILT_IN_MODULE) != 0 && CZolP2PDesk::instance().take(poHanded))
     {
-        delete poP2P;
+        delete poHanded;
     }
 }
 
@@ -329,24 +329,44 @@ int CZolAcceptorHandler::sendRegisterResponse(ACE_SOCK_Stream &oStream, CZolMsgP
     return 0;
 }
 
+// A message for the built-in task, or a direct request that is not even read yet.
+bool CZolAcceptorHandler::somethingWaits()
+{
+    return CZolP2PDesk::instance().countWaiting() != 0 || zolHost().hasQueued(zolpipe::BUILT_IN_MODULE);
+}
+
 void CZolAcceptorHandler::sendP2PResponse(ACE_SOCK_Stream &oStream, CZolMsgPdu *poResponse)
 {
     const char *pcData = reinterpret_cast<const char *>(poResponse);
-    std::size_t uiLeft = std::size_t(poResponse->m_ulDataLength) + zolpipe::HEADER_LENGTH;
+    const std::size_t uiLength = std::size_t(poResponse->m_ulDataLength) + zolpipe::HEADER_LENGTH;
     htonPdu(poResponse);
     ACE_GUARD(ACE_Thread_Mutex, oGuard, m_oLock);
     const auto oDeadline = zolsocket::in(std::chrono::seconds(zolpipe::SEND_SECONDS));
+    auto oPatience = zolsocket::in(std::chrono::seconds(zolpipe::DEAF_SECONDS));
+    std::size_t uiSent = 0;
+    std::size_t uiTaken = 0; // by the peer, not only by the socket's buffer
     do
     {
         // In slices: a peer that does not read must not hold up a process that has been told to end.
-        std::size_t uiSent = 0;
+        std::size_t uiSlice = 0;
         const auto oSlice = std::min(oDeadline, zolsocket::in(std::chrono::milliseconds(100)));
-        if (zolsocket::sendAll(oStream.get_handle(), pcData, uiLeft, oSlice, uiSent) == 0)
+        const int iResult =
+            zolsocket::sendAll(oStream.get_handle(), pcData + uiSent, uiLength - uiSent, oSlice, uiSlice);
+        if (iResult == 0)
         {
             return;
         }
-        pcData += uiSent;
-        uiLeft -= uiSent;
-    } while (errno == ETIME && zolsocket::Clock::now() < oDeadline && !zolHost().isExiting());
+        if (errno != ETIME)
+        {
+            break;
+        }
+        uiSent += uiSlice;
+        const std::size_t uiTakenNow = uiSent - zolsocket::unacknowledged(oStream.get_handle());
+        if (uiTakenNow != uiTaken || !somethingWaits())
+        {
+            oPatience = zolsocket::in(std::chrono::seconds(zolpipe::DEAF_SECONDS));
+        }
+        uiTaken = uiTakenNow;
+    } while (zolsocket::Clock::now() < std::min(oDeadline, oPatience) && !zolHost().isExiting());
     CZolDebugInfo("CZolAcceptorHandler::sendP2PResponse").error("send response msg failed.");
 }

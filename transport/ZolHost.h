@@ -26,6 +26,9 @@ public:
     /// Queues a message to a task manager of this process, past the limit of its queue. Takes it over in every case.
     virtual int sendLocal(CZolMsgPdu *&poPdu, unsigned char ucTaskMgrID) = 0;
 
+    /// Whether messages wait in the queue of a task manager of this process.
+    virtual bool hasQueued(unsigned char ucTaskMgrID) = 0;
+
     /// Subscribes again at the gateway and waits for the answer: codes of CZolAppMgr::subscribe.
     virtual int subscribe(unsigned int uiCmd, unsigned char ucTaskMgrID, unsigned short usTaskID) = 0;
 };

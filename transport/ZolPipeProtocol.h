@@ -33,6 +33,7 @@ constexpr int CONNECT_SECONDS = 5;      ///< TCP connect of a pipe
 constexpr int REGISTER_SECONDS = 5;     ///< register exchange of the active side, sending and reading together
 constexpr int ACCEPT_READ_SECONDS = 5;  ///< each of the two reads of an accepted connection
 constexpr int SEND_SECONDS = 200;       ///< one block or batch
+constexpr int DEAF_SECONDS = 5;         ///< a direct response of which no byte is taken, while something else waits
 constexpr long POLL_SECONDS = 20;       ///< between two cycles of the connection manager
 constexpr long HELLO_SECONDS = 60;      ///< least time between two hellos of the process
 constexpr long SILENCE_SECONDS = 180;   ///< a pipe that received nothing for so long is closed

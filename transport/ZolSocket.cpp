@@ -4,9 +4,11 @@
 #include <ace/OS_NS_sys_time.h>
 #include <cerrno>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -124,6 +126,12 @@ int sendAll(ACE_HANDLE oHandle, const void *pvData, std::size_t uiLength, Deadli
         }
     }
     return 0;
+}
+
+std::size_t unacknowledged(ACE_HANDLE oHandle)
+{
+    int iBytes = 0;
+    return ioctl(oHandle, SIOCOUTQ, &iBytes) == 0 && iBytes > 0 ? static_cast<std::size_t>(iBytes) : 0;
 }
 
 int recvAll(ACE_HANDLE oHandle, void *pvData, std::size_t uiLength, Deadline oDeadline)

@@ -45,6 +45,9 @@ int wait(ACE_HANDLE oHandle, short sEvents, Deadline oDeadline);
 /// Sends all uiLength bytes and returns 0. On failure uiSent tells how many had gone out.
 int sendAll(ACE_HANDLE oHandle, const void *pvData, std::size_t uiLength, Deadline oDeadline, std::size_t &uiSent);
 
+/// Bytes that were sent and that the peer has not taken yet.
+std::size_t unacknowledged(ACE_HANDLE oHandle);
+
 /// Reads exactly uiLength bytes and returns 0. An end of the stream before that is -1 with ECONNRESET.
 int recvAll(ACE_HANDLE oHandle, void *pvData, std::size_t uiLength, Deadline oDeadline);
 
