@@ -70,7 +70,7 @@ class Browser:
         if self.session:
             message["sessionId"] = self.session
         os.write(self.out, json.dumps(message).encode() + b"\0")
-        deadline = time.monotonic() + 30
+        deadline = time.monotonic() + 60
         while True:
             answer = self.receive(deadline)
             if answer.get("id") == self.number:
@@ -87,7 +87,7 @@ class Browser:
             raise RuntimeError(json.dumps(result["exceptionDetails"]))
         return result["result"].get("value")
 
-    def wait(self, script, limit=20):
+    def wait(self, script, limit=60):
         """Waits until the expression is true."""
         end = time.monotonic() + limit
         while time.monotonic() < end:
@@ -100,8 +100,12 @@ class Browser:
         self.call("Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=1, mobile=False)
         self.call("Emulation.setEmulatedMedia",
                   features=[{"name": "prefers-color-scheme", "value": "dark" if dark else "light"}])
-        self.call("Page.navigate", url="about:blank")  # a change of the fragment alone would not load it anew
+        self.leave()  # a change of the fragment alone would not load it anew
         self.call("Page.navigate", url=url)
+
+    def leave(self):
+        self.call("Page.navigate", url="about:blank")
+        self.wait("location.href == 'about:blank'")
 
     def screenshot(self, path, whole=False):
         data = self.call("Page.captureScreenshot", format="png", captureBeyondViewport=whole)["data"]
