@@ -2,8 +2,7 @@
 
 #include "ZolDateUtil.h"
 #include "ZolTimer.h"
-
-#include <ace/OS_NS_time.h>
+#include "timer/ZolLocalTime.h"
 
 long CZolCalendar::nextInstant(const struct tm &oReference, const SZolTimerItem &oItem)
 {
@@ -11,35 +10,13 @@ long CZolCalendar::nextInstant(const struct tm &oReference, const SZolTimerItem 
     struct tm oResult = {};
     oResult.tm_year = oReference.tm_year;
     oResult.tm_mon = oReference.tm_mon;
-    oResult.tm_isdst = -1;
-    // A time of day is what the clock on the wall shows, so it goes into three fields: mktime adds seconds above 59 as
-    // elapsed time, and on a day that daylight saving makes shorter 9 o'clock would become 10. Hour 24 is the midnight
-    // that ends the day.
-    oResult.tm_hour = static_cast<int>(oItem.m_uiTimeSecs / 3600);
-    oResult.tm_min = static_cast<int>(oItem.m_uiTimeSecs / 60 % 60);
-    oResult.tm_sec = static_cast<int>(oItem.m_uiTimeSecs % 60);
+    oResult.tm_sec = static_cast<int>(oItem.m_uiTimeSecs); // 86400 is the midnight that ends the day
     if (!setDay(oReference, lSecsOfDay, oItem, oResult))
     {
         return FAILED;
     }
-    const long lInstant = toInstant(oResult, oReference);
+    const long lInstant = CZolLocalTime::firstInstant(oResult, CZolLocalTime::instantOf(oReference));
     return lInstant < oItem.m_lEndTime ? lInstant : PAST_END;
-}
-
-/// In the night in which an hour comes twice mktime is free to take the first for a time that is asked for in the
-/// second. That would lie before the reference, whose time of day it is to follow.
-long CZolCalendar::toInstant(const struct tm &oWanted, const struct tm &oReference)
-{
-    struct tm oResult = oWanted;
-    struct tm oFrom = oReference;
-    const long lInstant = ACE_OS::mktime(&oResult);
-    if (lInstant >= ACE_OS::mktime(&oFrom))
-    {
-        return lInstant;
-    }
-    oResult = oWanted;
-    oResult.tm_isdst = 0;
-    return ACE_OS::mktime(&oResult);
 }
 
 bool CZolCalendar::setDay(const struct tm &oReference, long lSecsOfDay, const SZolTimerItem &oItem, struct tm &oResult)

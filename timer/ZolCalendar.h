@@ -17,11 +17,12 @@ public:
     static constexpr long PAST_END = -2; ///< the instant does not lie before the end of the rule's period
 
     /// The instant of oItem's rule that follows oReference. A reference right on the time of day gives itself for the
-    /// day kind and the next week or month for the others.
+    /// day kind and the next week or month for the others. A date is over once the clock has shown the time of day, or
+    /// a later time for the day kind; when the time of day comes twice, it is the first of the two that is not past.
+    /// oReference is as localtime_r gives it.
     static long nextInstant(const struct tm &oReference, const SZolTimerItem &oItem);
 
 private:
-    static long toInstant(const struct tm &oWanted, const struct tm &oReference);
     static bool setDay(const struct tm &oReference, long lSecsOfDay, const SZolTimerItem &oItem, struct tm &oResult);
     static int dayOfWeekRule(const struct tm &oReference, bool bTimeIsOver, int iWeekDay);
     static bool setDayOfMonthRule(const struct tm &oReference, bool bTimeIsOver, int iDay, struct tm &oResult);

@@ -1,6 +1,10 @@
 #include "ZolDateUtil.h"
 
+#include "timer/ZolLocalTime.h"
+
 #include <ace/OS_NS_time.h>
+
+#include <climits>
 
 namespace
 {
@@ -40,10 +44,10 @@ int CZolDateUtil::getLastMonthDay(unsigned int uiYear, unsigned int uiMonth)
 {
     struct tm oNextMonth = {};
     oNextMonth.tm_year = static_cast<int>(uiYear);
-    oNextMonth.tm_mon = static_cast<int>(uiMonth + 1); // mktime turns 12 and 13 into months of the following year
+    oNextMonth.tm_mon = static_cast<int>(uiMonth + 1); // 12 and 13 are months of the following year
     oNextMonth.tm_mday = 1;
-    oNextMonth.tm_isdst = -1;
-    const time_t lLastSecond = ACE_OS::mktime(&oNextMonth) - 1;
+    // of two midnights the first: the second has a part of the new month before it
+    const time_t lLastSecond = CZolLocalTime::firstInstant(oNextMonth, LONG_MIN) - 1;
     struct tm oLast = {};
     if (lLastSecond < 0 || ACE_OS::localtime_r(&lLastSecond, &oLast) == nullptr)
     {

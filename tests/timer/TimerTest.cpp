@@ -219,18 +219,18 @@ TEST_F(TimerTest, DayTimersEndWithTheirPeriod)
 // At each firing the instant that follows by the calendar must be the one for which the reactor is armed already.
 TEST_F(TimerTest, MonthTimersStayOnTheCalendarForYears)
 {
-    for (const char *pcZone : {"UTC", "Europe/Berlin", "America/New_York", "Asia/Kolkata", "Australia/Lord_Howe"})
+    for (const char *pcZone : {"Europe/Dublin", "Australia/Lord_Howe"})
     {
         setZone(pcZone);
-        for (const unsigned int uiTimeSecs : {0U, 2 * 3600 + 900U, 36000U, 86399U, 86400U})
+        for (const unsigned int uiTimeSecs : {5400U, 86400U})
         {
-            for (unsigned char ucDay = 1; ucDay <= 31; ++ucDay)
+            for (const int iDay : {28, 31}) // the 28th is the day of the change in Dublin in March of 2027
             {
                 SZolTimerItem oItem;
                 oItem.m_eType = TIMER_MONTH;
                 oItem.m_ucTaskMgrID = MANAGER;
                 oItem.m_uiTimeSecs = uiTimeSecs;
-                oItem.m_ucDays = ucDay;
+                oItem.m_ucDays = static_cast<unsigned char>(iDay);
                 oItem.m_lStartTime = 0;
                 oItem.m_lEndTime = FAR;
                 stopWallClock(instant("2026-01-03 12:00:00"));
@@ -239,12 +239,12 @@ TEST_F(TimerTest, MonthTimersStayOnTheCalendarForYears)
                 for (int iFiring = 0; iFiring < 60; ++iFiring)
                 {
                     const long lInterval = CZolTimerProbe::monthInterval(lArmed, oItem);
-                    ASSERT_GT(lInterval, 27 * 86400) << pcZone << " day " << int{ucDay} << " " << textOf(lArmed);
-                    ASSERT_LT(lInterval, 32 * 86400) << pcZone << " day " << int{ucDay} << " " << textOf(lArmed);
+                    ASSERT_GT(lInterval, 27 * 86400) << pcZone << " day " << iDay << " " << textOf(lArmed);
+                    ASSERT_LT(lInterval, 32 * 86400) << pcZone << " day " << iDay << " " << textOf(lArmed);
                     stopWallClock(iFiring % 2 == 0 ? lArmed : lArmed - 3600); // set back in every other month
                     const long lNext = CZolTimerProbe::nextFiring(lArmed, lDelay, oItem);
                     lArmed += lInterval;
-                    ASSERT_EQ(textOf(lArmed), textOf(lNext)) << pcZone << " day " << int{ucDay};
+                    ASSERT_EQ(textOf(lArmed), textOf(lNext)) << pcZone << " day " << iDay;
                 }
             }
         }
