@@ -8,9 +8,8 @@
 namespace
 {
 
-const std::uint32_t FIRST_CHUNK_BYTES = 4 * 1024;
 const std::uint32_t CHUNK_BYTES = 64 * 1024;
-const std::uint32_t ITEM_BYTES = 48; // what an item takes in the list, counted with its bytes
+const std::uint32_t ITEM_BYTES = 64; // what an item takes in the list, with the room that the list keeps for more
 
 /// Below this a piece is copied beside its neighbours: a copy of that size costs less than one more element of writev.
 const std::uint32_t SMALL_PIECE_BYTES = 1024;
@@ -129,16 +128,21 @@ CZolVekOutbox::SItem CZolVekOutbox::item(EnumKind eKind, std::uint32_t uiLength)
     return oItem;
 }
 
+std::uint32_t CZolVekOutbox::overheadOf(const SItem &oItem)
+{
+    return ITEM_BYTES + (oItem.m_eKind == KIND_RECORD ? SZolVekRecord::OVERHEAD_BYTES : 0);
+}
+
 void CZolVekOutbox::push(const SItem &oItem)
 {
     m_oItems.push_back(oItem);
-    m_ulBytes += oItem.m_uiLength + ITEM_BYTES;
+    m_ulBytes += oItem.m_uiLength + overheadOf(oItem);
     m_poMemory->m_ulBytes += ITEM_BYTES;
 }
 
 void CZolVekOutbox::addBytes(const char *pcData, std::uint32_t uiLength)
 {
-    if (!isEmpty())
+    if (hasItems())
     {
         SItem &oLast = m_oItems.back();
         if (oLast.m_eKind == KIND_SPAN && oLast.m_pcSpan + oLast.m_uiLength == pcData)
@@ -163,33 +167,44 @@ void CZolVekOutbox::addRecord(SZolVekRecord *poRecord, const SZolVekAddress &oAd
     push(oItem);
 }
 
-CZolVekOutbox::SItem CZolVekOutbox::newChunk(const char *pcData, std::uint32_t uiLength, std::uint32_t uiCapacity)
+void CZolVekOutbox::grow(SItem &oChunk, std::uint32_t uiCapacity)
 {
-    SItem oItem = item(KIND_CHUNK, uiLength);
-    oItem.m_uiCapacity = uiCapacity;
-    oItem.m_pcChunk = new char[uiCapacity];
-    std::memcpy(oItem.m_pcChunk, pcData, uiLength);
-    m_poMemory->m_ulBytes += uiCapacity + ITEM_BYTES;
-    return oItem;
+    char *const pcLarger = new char[uiCapacity];
+    std::memcpy(pcLarger, oChunk.m_pcChunk, oChunk.m_uiLength);
+    delete[] oChunk.m_pcChunk;
+    m_poMemory->m_ulBytes += uiCapacity - oChunk.m_uiCapacity;
+    oChunk.m_pcChunk = pcLarger;
+    oChunk.m_uiCapacity = uiCapacity;
 }
 
 void CZolVekOutbox::addCopy(const char *pcData, std::uint32_t uiLength)
 {
-    std::uint32_t uiCapacity = FIRST_CHUNK_BYTES;
-    if (!isEmpty() && m_oItems.back().m_eKind == KIND_CHUNK && !m_oItems.back().m_bHello)
+    // A chunk begins as large as its first frames and doubles, so that a list of records with little between them takes
+    // no more than it holds; a backlog that has filled a chunk fills another.
+    std::uint32_t uiCapacity = uiLength;
+    if (hasItems() && m_oItems.back().m_eKind == KIND_CHUNK)
     {
         SItem &oLast = m_oItems.back();
-        if (oLast.m_uiLength + uiLength <= oLast.m_uiCapacity)
+        const std::uint32_t uiTogether = oLast.m_uiLength + uiLength;
+        if (uiTogether > oLast.m_uiCapacity && uiTogether <= CHUNK_BYTES)
+        {
+            grow(oLast, std::min(CHUNK_BYTES, std::max(2 * oLast.m_uiCapacity, uiTogether)));
+        }
+        if (uiTogether <= oLast.m_uiCapacity)
         {
             std::memcpy(oLast.m_pcChunk + oLast.m_uiLength, pcData, uiLength);
-            oLast.m_uiLength += uiLength;
+            oLast.m_uiLength = uiTogether;
             m_ulBytes += uiLength;
             return;
         }
-        uiCapacity = CHUNK_BYTES; // a backlog that has filled a chunk fills another
+        uiCapacity = std::max(CHUNK_BYTES, uiLength);
     }
-    m_oItems.push_back(newChunk(pcData, uiLength, std::max(uiCapacity, uiLength)));
-    m_ulBytes += uiLength + ITEM_BYTES;
+    SItem oItem = item(KIND_CHUNK, uiLength);
+    oItem.m_uiCapacity = uiCapacity;
+    oItem.m_pcChunk = new char[uiCapacity];
+    std::memcpy(oItem.m_pcChunk, pcData, uiLength);
+    m_poMemory->m_ulBytes += uiCapacity;
+    push(oItem);
 }
 
 void CZolVekOutbox::settle()
@@ -269,54 +284,20 @@ std::uint32_t CZolVekOutbox::frameEnd(const SItem &oItem, std::uint32_t uiDone) 
 
 void CZolVekOutbox::addHello(const char *pcHello)
 {
-    SItem oHello = newChunk(pcHello, VEK_HEADER_BYTES, VEK_HEADER_BYTES);
-    oHello.m_bHello = true;
-    m_ulBytes += VEK_HEADER_BYTES + ITEM_BYTES;
+    std::memcpy(m_acHello, pcHello, sizeof m_acHello);
+    m_ulBytes += sizeof m_acHello;
     ++m_uiHellos;
-    if (isEmpty())
-    {
-        m_oItems.push_back(oHello);
-        return;
-    }
-    std::size_t ulAt = m_uiHead;
-    const std::uint32_t uiEnd = frameEnd(m_oItems[ulAt], m_uiHeadDone);
-    if (uiEnd > 0 && uiEnd < m_oItems[ulAt].m_uiLength)
-    {
-        // the first item holds further frames behind the one that is on its way: they become an item of their own
-        SItem oRest = m_oItems[ulAt];
-        oRest.m_uiLength -= uiEnd;
-        if (oRest.m_eKind == KIND_CHUNK)
-        {
-            oRest = newChunk(bytesOf(m_oItems[ulAt]) + uiEnd, oRest.m_uiLength, oRest.m_uiLength);
-        }
-        else
-        {
-            oRest.m_pcSpan += uiEnd;
-            m_poMemory->m_ulBytes += ITEM_BYTES;
-            ++m_uiSpans;
-        }
-        m_ulBytes += ITEM_BYTES;
-        m_oItems[ulAt].m_uiLength = uiEnd;
-        m_oItems.insert(m_oItems.begin() + static_cast<std::ptrdiff_t>(ulAt) + 1, oRest);
-    }
-    if (uiEnd > 0)
-    {
-        ++ulAt;
-    }
-    while (ulAt < m_oItems.size() && m_oItems[ulAt].m_bHello)
-    {
-        ++ulAt;
-    }
-    m_oItems.insert(m_oItems.begin() + static_cast<std::ptrdiff_t>(ulAt), oHello);
+}
+
+/// Bytes of the first item that go ahead of the hellos: those that have left, and the rest of a frame on its way.
+std::uint32_t CZolVekOutbox::helloPlace() const
+{
+    return m_uiHelloDone > 0 || !hasItems() ? m_uiHeadDone : frameEnd(m_oItems[m_uiHead], m_uiHeadDone);
 }
 
 void CZolVekOutbox::release(SItem &oItem)
 {
     m_poMemory->m_ulBytes -= ITEM_BYTES;
-    if (oItem.m_bHello)
-    {
-        --m_uiHellos;
-    }
     switch (oItem.m_eKind)
     {
     case KIND_SPAN:
@@ -334,6 +315,22 @@ void CZolVekOutbox::release(SItem &oItem)
 
 void CZolVekOutbox::consume(std::size_t ulBytes)
 {
+    if (m_uiHellos > 0)
+    {
+        const std::size_t ulAhead = std::min<std::size_t>(ulBytes, helloPlace() - m_uiHeadDone);
+        consumeItems(ulAhead);
+        const std::size_t ulHellos = std::min(ulBytes - ulAhead, m_uiHellos * sizeof m_acHello - m_uiHelloDone);
+        const std::size_t ulDone = m_uiHelloDone + ulHellos;
+        m_uiHellos -= static_cast<std::uint32_t>(ulDone / sizeof m_acHello);
+        m_uiHelloDone = static_cast<std::uint32_t>(ulDone % sizeof m_acHello);
+        m_ulBytes -= ulHellos;
+        ulBytes -= ulAhead + ulHellos;
+    }
+    consumeItems(ulBytes);
+}
+
+void CZolVekOutbox::consumeItems(std::size_t ulBytes)
+{
     while (ulBytes > 0)
     {
         SItem &oHead = m_oItems[m_uiHead];
@@ -345,7 +342,7 @@ void CZolVekOutbox::consume(std::size_t ulBytes)
             return;
         }
         ulBytes -= uiLeft;
-        m_ulBytes -= uiLeft + ITEM_BYTES;
+        m_ulBytes -= uiLeft + overheadOf(oHead);
         m_uiHeadDone = 0;
         release(oHead);
         ++m_uiHead;
@@ -354,7 +351,7 @@ void CZolVekOutbox::consume(std::size_t ulBytes)
 
 void CZolVekOutbox::trim()
 {
-    if (isEmpty())
+    if (!hasItems())
     {
         m_uiHead = 0;
         m_oItems.clear();
@@ -376,9 +373,6 @@ std::uint64_t CZolVekOutbox::frames() const
         if (oItem.m_eKind == KIND_RECORD)
         {
             ++ulFrames;
-        }
-        if (oItem.m_eKind == KIND_RECORD || oItem.m_bHello)
-        {
             continue;
         }
         const char *const pcBytes = bytesOf(oItem);
@@ -406,9 +400,57 @@ void CZolVekOutbox::clear()
 
 void CZolVekOutbox::shrink()
 {
-    if (isEmpty())
+    if (!hasItems())
     {
         std::vector<SItem>().swap(m_oItems);
+    }
+}
+
+void CZolVekOutbox::gather(CGather &oGather) const
+{
+    std::size_t ulAt = m_uiHead;
+    std::uint32_t uiDone = m_uiHeadDone;
+    if (m_uiHellos > 0)
+    {
+        const std::uint32_t uiPlace = helloPlace();
+        if (uiPlace > uiDone)
+        {
+            const SItem &oHead = m_oItems[ulAt];
+            oHead.m_eKind == KIND_RECORD ? oGather.addRecord(oHead, uiDone)
+                                         : oGather.add(bytesOf(oHead) + uiDone, uiPlace - uiDone);
+            uiDone = uiPlace;
+        }
+        oGather.add(m_acHello + m_uiHelloDone, sizeof m_acHello - m_uiHelloDone);
+        for (std::uint32_t uiHello = 1; uiHello < m_uiHellos; ++uiHello)
+        {
+            if (oGather.isFull(sizeof m_acHello))
+            {
+                return;
+            }
+            oGather.add(m_acHello, sizeof m_acHello);
+        }
+        if (hasItems() && uiDone == m_oItems[ulAt].m_uiLength)
+        {
+            ++ulAt;
+            uiDone = 0;
+        }
+    }
+    for (; ulAt < m_oItems.size(); ++ulAt)
+    {
+        const SItem &oItem = m_oItems[ulAt];
+        if (oGather.isFull(oItem.m_uiLength - uiDone))
+        {
+            return;
+        }
+        if (oItem.m_eKind == KIND_RECORD)
+        {
+            oGather.addRecord(oItem, uiDone);
+        }
+        else
+        {
+            oGather.add(bytesOf(oItem) + uiDone, oItem.m_uiLength - uiDone);
+        }
+        uiDone = 0;
     }
 }
 
@@ -417,24 +459,7 @@ EnumZolVekFlush CZolVekOutbox::flush(int iSocket, std::uint64_t &ulWritten)
     while (!isEmpty())
     {
         CGather oGather;
-        std::uint32_t uiDone = m_uiHeadDone;
-        for (std::size_t ulAt = m_uiHead; ulAt < m_oItems.size(); ++ulAt)
-        {
-            const SItem &oItem = m_oItems[ulAt];
-            if (oGather.isFull(oItem.m_uiLength - uiDone))
-            {
-                break;
-            }
-            if (oItem.m_eKind == KIND_RECORD)
-            {
-                oGather.addRecord(oItem, uiDone);
-            }
-            else
-            {
-                oGather.add(bytesOf(oItem) + uiDone, oItem.m_uiLength - uiDone);
-            }
-            uiDone = 0;
-        }
+        gather(oGather);
         const ssize_t lSent = oGather.write(iSocket);
         if (lSent < 0)
         {

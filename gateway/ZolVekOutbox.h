@@ -64,7 +64,7 @@ public:
     /// One frame; the outbox takes a reference of its own.
     void addRecord(SZolVekRecord *poRecord, const SZolVekAddress &oAddress);
 
-    /// A hello of 28 bytes: goes ahead of all frames of which no byte has left.
+    /// A hello of 28 bytes, always the same: goes ahead of all frames of which no byte has left.
     void addHello(const char *pcHello);
 
     /// Writes to iSocket until all is out or the socket takes no more. ulWritten grows by what it took.
@@ -79,7 +79,7 @@ public:
     /// Gives back the memory that an empty list keeps for its next use.
     void shrink();
 
-    bool isEmpty() const { return m_uiHead == m_oItems.size(); }
+    bool isEmpty() const { return !hasItems() && m_uiHellos == 0; }
 
     /// Bytes waiting, and what the list of them takes: what the bound of a pipe is held against.
     std::uint64_t bytes() const { return m_ulBytes; }
@@ -108,19 +108,23 @@ private:
         std::uint32_t m_uiLength;
         std::uint32_t m_uiCapacity; // chunk: bytes allocated
         EnumKind m_eKind;
-        bool m_bHello;
         SZolVekAddress m_oAddress; // record only
     };
     class CGather;
 
+    bool hasItems() const { return m_uiHead < m_oItems.size(); }
+    static std::uint32_t overheadOf(const SItem &oItem);
     static SItem item(EnumKind eKind, std::uint32_t uiLength);
-    SItem newChunk(const char *pcData, std::uint32_t uiLength, std::uint32_t uiCapacity);
+    void grow(SItem &oChunk, std::uint32_t uiCapacity);
     const char *bytesOf(const SItem &oItem) const;
     std::uint32_t frameEnd(const SItem &oItem, std::uint32_t uiDone) const;
+    std::uint32_t helloPlace() const;
+    void gather(CGather &oGather) const;
     void cutSentFrames(SItem &oSpan);
     void push(const SItem &oItem);
     void release(SItem &oItem);
     void consume(std::size_t ulBytes);
+    void consumeItems(std::size_t ulBytes);
     void trim();
 
     SZolVekMemory *const m_poMemory;
@@ -129,7 +133,12 @@ private:
     std::uint32_t m_uiHead = 0;
     std::uint32_t m_uiHeadDone = 0; // bytes of the first live item that have left
     std::uint32_t m_uiSpans = 0;    // spans among the items; they are the youngest, but for records of the same turn
+
+    // Hellos stand beside the items, so that one costs the same however long the list is.
+    char m_acHello[VEK_HEADER_BYTES] = {};
     std::uint32_t m_uiHellos = 0;
+    std::uint32_t m_uiHelloDone = 0; // bytes of the first one that have left
+
     std::uint64_t m_ulBytes = 0;
 };
 

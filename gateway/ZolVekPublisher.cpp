@@ -175,8 +175,9 @@ void CZolVekPublisher::keepBlock(CZolVekSession &oFrom, SZolVekPublication &oPub
 {
     poRecord->take();
     oPublication.m_oBlocks.push_back(poRecord);
-    oPublication.m_ulBytes += poRecord->m_uiLength;
-    oFrom.m_ulKeptBytes += poRecord->m_uiLength;
+    const std::uint64_t ulBytes = std::uint64_t{poRecord->m_uiLength} + SZolVekRecord::OVERHEAD_BYTES;
+    oPublication.m_ulBytes += ulBytes;
+    oFrom.m_ulKeptBytes += ulBytes;
     if (oFrom.m_ulKeptBytes <= m_oSettings.m_ulPipeQueueBytes)
     {
         return;
@@ -220,14 +221,15 @@ void CZolVekPublisher::finish(CZolVekSession &oFrom, TZolVekKey uiSource, SZolVe
 
 EnumZolVekVerdict CZolVekPublisher::hold(CZolVekSession &oFrom, const CZolVekFrame &oFrame)
 {
-    if (m_ulHeldBytes + oFrame.length() > m_oSettings.m_ulPipeQueueBytes)
+    const std::uint64_t ulBytes = std::uint64_t{oFrame.length()} + SZolVekRecord::OVERHEAD_BYTES;
+    if (m_ulHeldBytes + ulBytes > m_oSettings.m_ulPipeQueueBytes)
     {
         return m_oBackPressure.stall(oFrom, oFrom); // releaseHeld() wakes it
     }
     SZolVekRecord *const poRecord = m_oDelivery.recordOf(oFrame);
     poRecord->take();
     m_oHeld.push_back({&oFrom, poRecord});
-    m_ulHeldBytes += oFrame.length();
+    m_ulHeldBytes += ulBytes;
     return VEK_TAKEN;
 }
 

@@ -21,6 +21,8 @@ struct SZolVekMemory
 /// keep(), which copies the bytes only if an outbox still wants them.
 struct SZolVekRecord
 {
+    static constexpr std::uint32_t OVERHEAD_BYTES = 64; ///< what it takes beside its bytes
+
     const char *m_pcData;
     char *m_pcOwned; // the same bytes if they are the record's own, else null
     std::uint32_t m_uiLength;
@@ -41,7 +43,7 @@ struct SZolVekRecord
         {
             return nullptr;
         }
-        poMemory->m_ulBytes += uiLength;
+        poMemory->m_ulBytes += uiLength + OVERHEAD_BYTES;
         return new SZolVekRecord{pcOwned, pcOwned, uiLength, 1, poMemory};
     }
 
@@ -55,7 +57,7 @@ struct SZolVekRecord
         }
         if (m_pcOwned != nullptr)
         {
-            m_poMemory->m_ulBytes -= m_uiLength;
+            m_poMemory->m_ulBytes -= m_uiLength + OVERHEAD_BYTES;
             std::free(m_pcOwned);
         }
         delete this;
@@ -75,7 +77,7 @@ struct SZolVekRecord
         }
         std::memcpy(m_pcOwned, m_pcData, m_uiLength);
         m_pcData = m_pcOwned;
-        m_poMemory->m_ulBytes += m_uiLength;
+        m_poMemory->m_ulBytes += m_uiLength + OVERHEAD_BYTES;
     }
 };
 

@@ -158,4 +158,21 @@ TEST_F(OutboxTest, SharesARecordAmongOutboxes)
     EXPECT_EQ(0u, m_oMemory.m_ulBytes);
 }
 
+// Small publications and requests in turn: what waits counts with all that it takes, and takes no more than that.
+TEST_F(OutboxTest, TakesNoMoreThanItCounts)
+{
+    const std::string strFrame = frame(1, 1, 0);
+    for (int i = 0; i < 1000; ++i)
+    {
+        SZolVekRecord *const poRecord = SZolVekRecord::borrow(strFrame.data(), sizeOf(strFrame), &m_oMemory);
+        m_oOutbox.addRecord(poRecord, {zolVekKey(9, 8), 7, 6, 1});
+        poRecord->keep();
+        poRecord->drop();
+        m_oOutbox.addBytes(strFrame.data(), sizeOf(strFrame));
+        m_oOutbox.settle();
+    }
+    EXPECT_LE(m_oMemory.m_ulBytes, m_oOutbox.bytes());
+    EXPECT_LT(m_oOutbox.bytes(), 1000 * 300u);
+}
+
 } // namespace
