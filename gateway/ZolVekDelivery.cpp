@@ -32,7 +32,7 @@ void CZolVekDelivery::drop(std::uint64_t &ulCounter, const CZolVekFrame &oFrame,
     ++ulCounter;
     const TZolVekKey uiKey = oFrame.destination();
     std::uint64_t ulHeldBack = 0;
-    if (!m_oDropLines.pass(uiKey, m_oAgenda.m_ulNowMs, ulHeldBack))
+    if (!m_oDropLines[&ulCounter].pass(uiKey, m_oAgenda.m_ulNowMs, ulHeldBack))
     {
         return;
     }

@@ -6,6 +6,7 @@
 #include "ZolVekSession.h"
 #include "ZolVekStatistics.h"
 
+#include <unordered_map>
 #include <vector>
 
 /// What became of a frame.
@@ -62,8 +63,8 @@ public:
     /// Keeps what outboxes still owe of the records of this turn. To be called before the read buffer is used again.
     void endTurn();
 
-    /// Counts a frame that goes no further, or a remark about it, with a line at most once a second for each
-    /// destination.
+    /// Counts a frame that goes no further, or a remark about it. Lines of one counter come at most once a second for
+    /// each destination, and ten times in all.
     void drop(std::uint64_t &ulCounter, const CZolVekFrame &oFrame, const char *pcWhy);
 
     /// Whether sessions keep whom they send to.
@@ -76,7 +77,7 @@ private:
 
     std::vector<SZolVekRecord *> m_oTurnRecords; // made in this turn from the read buffer, each with our reference
     bool m_bCountFlows = false;
-    CZolVekRateLimit m_oDropLines; // by destination
+    std::unordered_map<const std::uint64_t *, CZolVekRateLimit> m_oDropLines; // by counter; in each by destination
 };
 
 #endif

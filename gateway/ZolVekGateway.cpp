@@ -512,8 +512,8 @@ void CZolVekGateway::close(CZolVekSession &oSession)
     else if (m_oStrangerLines.pass(oSession.m_uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
     {
         CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::close",
-                         "%s closed: %s; and %" PRIu64 " more from that address since the last line",
-                         oSession.name().c_str(), oSession.m_strDoom.c_str(), ulHeldBack);
+                         "%s closed: %s; and %" PRIu64 " more since the last line", oSession.name().c_str(),
+                         oSession.m_strDoom.c_str(), ulHeldBack);
     }
     if (bUp)
     {

@@ -175,22 +175,20 @@ void CZolVekEvents::copyTo(std::vector<SZolEventView> &oEvents)
 bool CZolVekRateLimit::pass(std::uint64_t ulSubject, std::uint64_t ulNowMs, std::uint64_t &ulHeldBack)
 {
     ulHeldBack = 0;
-    if (m_oSubjects.size() >= MAX_SUBJECTS && m_oSubjects.find(ulSubject) == m_oSubjects.end())
+    std::size_t ulInThisSecond = 0;
+    for (std::size_t ulAt = 0; ulAt < std::min(m_ulWritten, LINES); ++ulAt)
     {
-        m_oSubjects.clear();
+        if (ulNowMs - m_aoLines[ulAt].m_ulWrittenMs < 1000)
+        {
+            ulInThisSecond += m_aoLines[ulAt].m_ulSubject == ulSubject ? LINES : 1;
+        }
     }
-    const auto oResult = m_oSubjects.insert({ulSubject, {ulNowMs, 0}});
-    SSubject &oSubject = oResult.first->second;
-    if (oResult.second)
+    if (ulInThisSecond >= LINES)
     {
-        return true;
-    }
-    if (ulNowMs - oSubject.m_ulLastMs < 1000)
-    {
-        ++oSubject.m_ulHeldBack;
+        ++m_ulHeldBack;
         return false;
     }
-    ulHeldBack = oSubject.m_ulHeldBack;
-    oSubject = {ulNowMs, 0};
+    m_aoLines[m_ulWritten++ % LINES] = {ulSubject, ulNowMs}; // the oldest one goes
+    std::swap(ulHeldBack, m_ulHeldBack);
     return true;
 }

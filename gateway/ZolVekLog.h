@@ -4,9 +4,10 @@
 #include "ZolVekSettings.h"
 #include "gateway/http/ZolSnapshot.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 /// The gateway's lines: through the run log of the library if a folder is named, else to standard error.
@@ -37,22 +38,26 @@ public:
     static void copyTo(std::vector<SZolEventView> &oEvents);
 };
 
-/// Keeps a line that could come with every frame to one a second for each subject, and says how often it was held back.
+/// Keeps lines of one kind that could come with every frame to one a second for each subject and a few a second in all,
+/// and says how many were held back.
 class CZolVekRateLimit
 {
 public:
-    /// True if the line about uiSubject may be written now; ulHeldBack is then how many were not, since the last one.
+    static constexpr std::size_t LINES = 10; ///< in a second
+
+    /// True if the line about ulSubject may be written now; ulHeldBack is then how many of this kind, whatever their
+    /// subject, were not since the last one.
     bool pass(std::uint64_t ulSubject, std::uint64_t ulNowMs, std::uint64_t &ulHeldBack);
 
 private:
-    static constexpr std::size_t MAX_SUBJECTS = 4096; // beyond this the table is begun anew
-
-    struct SSubject
+    struct SLine
     {
-        std::uint64_t m_ulLastMs;
-        std::uint64_t m_ulHeldBack;
+        std::uint64_t m_ulSubject = 0;
+        std::uint64_t m_ulWrittenMs = 0;
     };
-    std::unordered_map<std::uint64_t, SSubject> m_oSubjects;
+    std::array<SLine, LINES> m_aoLines; // the last ones: who had none of them may have one now
+    std::size_t m_ulWritten = 0;        // ever; the next one goes to its place modulo LINES
+    std::uint64_t m_ulHeldBack = 0;     // since the last line
 };
 
 #endif

@@ -230,8 +230,7 @@ void CZolVekRegistrar::refuse(CZolVekSession &oSession, const char *pcRequest, i
     if (m_oRefusalLines.pass(oSession.m_uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
     {
         CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekRegistrar::refuse",
-                         "process %u handle %u from %s refused, status %d; and %" PRIu64
-                         " more from that address since the last line",
+                         "process %u handle %u from %s refused, status %d; and %" PRIu64 " more since the last line",
                          zolVekRead16(pcRequest + VEK_AT_SRC_PROC), zolVekRead16(pcRequest + VEK_AT_SRC_HANDLE),
                          oSession.name().c_str(), iStatus, ulHeldBack);
     }

@@ -201,4 +201,23 @@ TEST_F(GatewayPolicyTest, ForgetsAPipeThatGoesWhileItWaits)
     }
 }
 
+// One line a second about each subject, a few in all, and every line that was held back is counted in a later one.
+TEST(RateLimitTest, BoundsTheLinesOfAKind)
+{
+    CZolVekRateLimit oLimit;
+    std::uint64_t ulHeldBack = 0;
+    unsigned int uiLines = 0;
+    for (std::uint64_t ulSubject = 0; ulSubject < 5000; ++ulSubject)
+    {
+        uiLines += oLimit.pass(ulSubject, 500, ulHeldBack) ? 1 : 0;
+    }
+    EXPECT_EQ(CZolVekRateLimit::LINES, uiLines);
+    EXPECT_FALSE(oLimit.pass(9999, 1499, ulHeldBack));
+    EXPECT_TRUE(oLimit.pass(1, 1500, ulHeldBack));
+    EXPECT_EQ(5001 - CZolVekRateLimit::LINES, ulHeldBack);
+    EXPECT_FALSE(oLimit.pass(1, 1501, ulHeldBack)) << "one line a second about each";
+    EXPECT_TRUE(oLimit.pass(2, 1502, ulHeldBack));
+    EXPECT_EQ(1u, ulHeldBack);
+}
+
 } // namespace
