@@ -161,8 +161,7 @@ void CZolVekGateway::acceptAll()
     {
         if (unregistered() >= m_oSettings.m_uiMaxUnregistered)
         {
-            epoll_ctl(m_iEpoll, EPOLL_CTL_DEL, m_oListener.handle(), nullptr);
-            m_bListening = false; // the backlog holds them; sweepNewcomers() goes on
+            stopListening();
             return;
         }
         std::uint32_t uiAddress = 0;
@@ -170,6 +169,10 @@ void CZolVekGateway::acceptAll()
         const int iSocket = m_oListener.accept(uiAddress, usPort);
         if (iSocket < 0)
         {
+            if (m_oListener.isExhausted())
+            {
+                stopListening(); // it would wake the loop at once again
+            }
             return;
         }
         if (!isCrowded(uiAddress))
@@ -179,6 +182,12 @@ void CZolVekGateway::acceptAll()
         }
         ::close(iSocket);
     }
+}
+
+void CZolVekGateway::stopListening()
+{
+    epoll_ctl(m_iEpoll, EPOLL_CTL_DEL, m_oListener.handle(), nullptr);
+    m_bListening = false; // the backlog holds them; sweepNewcomers() goes on
 }
 
 bool CZolVekGateway::isCrowded(std::uint32_t uiAddress)

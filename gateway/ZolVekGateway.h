@@ -88,6 +88,7 @@ private:
     bool isHurried() const;
     std::uint64_t nextTickMs() const;
     void acceptAll();
+    void stopListening();
     bool isCrowded(std::uint32_t uiAddress);
     void onEvent(CZolVekSession &oSession, std::uint32_t uiEvents);
     void turn(CZolVekSession &oSession);

@@ -71,6 +71,8 @@ bool CZolVekListener::open(const SZolVekSettings &oSettings, std::string &strErr
 
 int CZolVekListener::accept(std::uint32_t &uiAddress, std::uint16_t &usPort)
 {
+    m_bExhausted = false;
+    m_iReserve = m_iReserve < 0 ? reserve() : m_iReserve;
     for (;;)
     {
         sockaddr_in oPeer{};
@@ -87,21 +89,26 @@ int CZolVekListener::accept(std::uint32_t &uiAddress, std::uint16_t &usPort)
         {
             continue;
         }
-        if ((errno != EMFILE && errno != ENFILE) || m_iReserve < 0)
+        if ((errno == EMFILE || errno == ENFILE) && m_iReserve >= 0 && closeOne())
         {
-            return -1;
+            continue;
         }
-        ::close(m_iReserve);
-        const int iStarved = accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
-        if (iStarved >= 0)
-        {
-            ::close(iStarved);
-            ++m_ulStarved;
-        }
-        m_iReserve = reserve();
-        if (iStarved < 0)
-        {
-            return -1;
-        }
+        m_bExhausted = errno != EAGAIN && errno != EWOULDBLOCK;
+        return -1;
     }
+}
+
+bool CZolVekListener::closeOne()
+{
+    ::close(m_iReserve);
+    const int iStarved = accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+    const int iError = errno;
+    if (iStarved >= 0)
+    {
+        ::close(iStarved);
+        ++m_ulStarved;
+    }
+    m_iReserve = reserve();
+    errno = iError;
+    return iStarved >= 0;
 }

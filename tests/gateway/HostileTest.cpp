@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <sys/resource.h>
+#include <unistd.h>
 
 using namespace zoltest;
 using namespace std::chrono_literals;
@@ -106,6 +107,34 @@ TEST_F(HostileTest, StrangersCostTheGoodPipesNothing)
     oStrangers.clear();
     EXPECT_TRUE(waitUntil([&] { return gateway().connections() == GOOD && gateway().memoryBytes() == 0; }))
         << gateway().connections() << " " << gateway().memoryBytes();
+}
+
+// A connection that cannot be taken, not even to be closed, must not wake the loop for ever.
+TEST(ListenerTest, AsksForARestWhenItCannotTakeAConnection)
+{
+    SZolVekSettings oSettings;
+    oSettings.m_uiListenPort = 0;
+    CZolVekListener oListener;
+    std::string strError;
+    ASSERT_TRUE(oListener.open(oSettings, strError)) << strError;
+    const CRawPipe oWaiting = CRawPipe::connectTo(oListener.port());
+    std::uint32_t uiAddress = 0;
+    std::uint16_t usPort = 0;
+    rlimit oOld{};
+    getrlimit(RLIMIT_NOFILE, &oOld);
+    rlimit oNone = oOld;
+    oNone.rlim_cur = 0;
+    setrlimit(RLIMIT_NOFILE, &oNone);
+    const int iNone = oListener.accept(uiAddress, usPort);
+    const bool bExhausted = oListener.isExhausted();
+    setrlimit(RLIMIT_NOFILE, &oOld);
+    EXPECT_EQ(-1, iNone);
+    EXPECT_TRUE(bExhausted);
+    const int iTaken = oListener.accept(uiAddress, usPort);
+    EXPECT_GE(iTaken, 0) << "it still waits, and the reserve is there again";
+    EXPECT_EQ(-1, oListener.accept(uiAddress, usPort));
+    EXPECT_FALSE(oListener.isExhausted()) << "nothing waits";
+    close(iTaken);
 }
 
 } // namespace
