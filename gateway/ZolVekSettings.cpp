@@ -1,9 +1,9 @@
 #include "ZolVekSettings.h"
 
+#include "ZolVekMemoryLimit.h"
 #include "ZolVekSettingsParts.h"
 
 #include <algorithm>
-#include <unistd.h>
 
 namespace
 {
@@ -32,9 +32,7 @@ const SZolVekNumber NUMBERS[] = {
 
 SZolVekSettings::SZolVekSettings()
 {
-    const std::uint64_t ulHalfOfMemory =
-        static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) / 2;
-    m_ulTotalQueueBytes = std::min<std::uint64_t>(1ull << 30, ulHalfOfMemory);
+    m_ulTotalQueueBytes = std::min<std::uint64_t>(1ull << 30, zolVekMemoryLimit() / 2);
 }
 
 const std::vector<SZolVekKeyInfo> &zolVekKeys()

@@ -1,6 +1,11 @@
+#include "ZolVekMemoryLimit.h"
 #include "ZolVekPolicy.h"
 #include "ZolVekSettings.h"
 #include "support/Installation.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -154,6 +159,36 @@ TEST(SettingsTest, DocumentsEveryKey)
                                    oKey.m_pcUnit + " | " + (oKey.m_bReloads ? "yes" : "no") + " | ";
         EXPECT_NE(std::string::npos, strText.find(strRow)) << strRow;
     }
+}
+
+// The queues of all pipes have half of what a container leaves, not of what the machine has.
+TEST(MemoryLimitTest, LooksAtControlGroups)
+{
+    namespace fs = std::filesystem;
+    char acRoot[] = "/tmp/zol_groups_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(acRoot));
+    const fs::path oRoot = acRoot;
+    const auto write = [&](const fs::path &oPath, const std::string &strText)
+    {
+        fs::create_directories(oPath.parent_path());
+        std::ofstream(oPath) << strText;
+    };
+    write(oRoot / "memory.max", "max\n");
+    write(oRoot / "outer/memory.max", "50000000\n");
+    write(oRoot / "outer/inner/memory.max", "60000000\n");
+    write(oRoot / "memory/memory.limit_in_bytes", "40000000\n");
+    const std::uint64_t ulMachine = zolVekMemoryLimit("/nowhere", oRoot);
+    const std::pair<const char *, std::uint64_t> aoRows[] = {{"", ulMachine},
+                                                             {"damaged\n0:\n", ulMachine},
+                                                             {"0::/\n", ulMachine},
+                                                             {"0::/outer/inner\n", 50000000},
+                                                             {"3:cpu:/outer\n2:pids,memory:/not/mounted\n", 40000000}};
+    for (const auto &oRow : aoRows)
+    {
+        write(oRoot / "groups", oRow.first);
+        EXPECT_EQ(oRow.second, zolVekMemoryLimit(oRoot / "groups", oRoot)) << oRow.first;
+    }
+    fs::remove_all(oRoot);
 }
 
 } // namespace
