@@ -11,7 +11,7 @@ struct SZolTimerNode : SZolTimerItem
 {
     explicit SZolTimerNode(const SZolTimerItem &oItem, long lDueTime) : SZolTimerItem(oItem), m_lDueTime(lDueTime) {}
 
-    long m_lDueTime;                   // by the wall clock; month kind only
+    long m_lDueTime;                   // by the wall clock; not kept for cycles
     SZolTimerNode *m_poPrev = nullptr; // neighbours in the list of all timers
     SZolTimerNode *m_poNext = nullptr;
     SZolTimerNode *m_poTaskPrev = nullptr; // neighbours among the timers of the same task

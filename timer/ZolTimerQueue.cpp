@@ -258,6 +258,7 @@ bool CZolTimerQueue::takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const 
     poHandler = oSlot.m_poHandler;
     pvArg = oSlot.m_pvArg;
     m_lFiringId = idOf(uiSlot);
+    m_llFiringExpiry = m_oHeap.earliest();
     if (oSlot.m_llInterval == 0)
     {
         remove(uiSlot);
@@ -293,6 +294,11 @@ int CZolTimerQueue::fireDue(Micros llNow, ACE_Command_Base *poPreDispatch)
     }
     m_lFiringId = -1;
     return iFired;
+}
+
+ACE_Time_Value CZolTimerQueue::lateness() const
+{
+    return m_lFiringId != -1 ? toTime(now() - m_llFiringExpiry) : ACE_Time_Value::zero;
 }
 
 int CZolTimerQueue::expire_single(ACE_Command_Base &oPreDispatch)

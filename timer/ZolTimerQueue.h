@@ -49,6 +49,9 @@ public:
     /// The id of the timer whose handler is running, for that handler.
     long firingId() const { return m_lFiringId; }
 
+    /// How late it is by now, for the handler that is running; zero outside of one.
+    ACE_Time_Value lateness() const;
+
     bool is_empty() const override;
     const ACE_Time_Value &earliest_time() const override;
     long schedule(ACE_Event_Handler *const &poHandler, const void *pvArg, const ACE_Time_Value &oExpiry,
@@ -122,6 +125,7 @@ private:
     bool m_bWoken = false; // by wake()
 
     long m_lFiringId = -1;              // the reactor's thread only
+    Micros m_llFiringExpiry = 0;        // the reactor's thread only; of the timer m_lFiringId
     ACE_Time_Value m_oTimeout;          // the reactor's thread only
     mutable ACE_Time_Value m_oEarliest; // the reactor's thread only
     CNoIterator m_oNoIterator;

@@ -64,6 +64,18 @@ const char *firingFault(long lFault)
     }
 }
 
+/// The time as a firing that was due at lDueTime sees it: that instant, however late the firing is, unless the clock
+/// has been set since, and shows what lateness does not explain. An expiry lies up to a second behind the instant that
+/// it is for, and a bit more if the thread that set it was held up.
+long currentTime(long lDueTime)
+{
+    const CZolTimerTask *const poTask = CZolTimerTask::instance();
+    const long lLeast = poTask->lateness().sec();
+    const long lNow = CZolWallClock::now();
+    const long lMost = poTask->lateness().sec() + 2;
+    return lNow >= lDueTime + lLeast && lNow <= lDueTime + lMost ? lDueTime : lNow;
+}
+
 void reportFiring(const char *pcText, unsigned int uiTimerId)
 {
     if (CZolRunLog::isReady())
@@ -245,6 +257,11 @@ int CZolTimer::handle_timeout(const ACE_Time_Value &, const void *pvArg)
         }
         oItem = *poNode;
         lDueTime = poNode->m_lDueTime;
+        if (oItem.m_eType == TIMER_DAY || oItem.m_eType == TIMER_WEEK)
+        {
+            lDueTime = currentTime(lDueTime);
+            poNode->m_lDueTime = lDueTime + static_cast<long>(oItem.m_uiInterval);
+        }
     }
     oItem.sendMessage();
     switch (oItem.m_eType)
@@ -254,7 +271,7 @@ int CZolTimer::handle_timeout(const ACE_Time_Value &, const void *pvArg)
         break;
     case TIMER_DAY:
     case TIMER_WEEK:
-        if (CZolWallClock::now() + static_cast<long>(oItem.m_uiInterval) > oItem.m_lEndTime)
+        if (lDueTime + static_cast<long>(oItem.m_uiInterval) > oItem.m_lEndTime)
         {
             cancelTimer(ulId);
         }

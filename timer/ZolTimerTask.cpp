@@ -136,3 +136,8 @@ long CZolTimerTask::firingId() const
 {
     return timerQueue().firingId();
 }
+
+ACE_Time_Value CZolTimerTask::lateness() const
+{
+    return timerQueue().lateness();
+}

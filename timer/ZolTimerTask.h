@@ -43,6 +43,9 @@ public:
     /// The id of the timer whose handler is running, for that handler.
     long firingId() const;
 
+    /// How late it is by now, for the handler that is running; zero outside of one.
+    ACE_Time_Value lateness() const;
+
     ACE_Reactor &timerReactor() { return m_oReactor; }
 
 private:

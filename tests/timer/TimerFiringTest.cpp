@@ -198,6 +198,39 @@ TEST_F(TimerFiringTest, AHandlerThatIsStuckHoldsNoOtherTimerUp)
         });
 }
 
+namespace
+{
+std::atomic<long> g_lHeldUntil{0};
+}
+
+// The last firing falls right on the end. The one before it must not take its own lateness for a clock that is ahead.
+TEST_F(TimerFiringTest, ALateDayTimerKeepsItsLastFiring)
+{
+    unsigned long ulId = 0;
+    long lDue = 0;
+    while (ulId == 0) // if this thread is held up, the instant is past and there is none before the end
+    {
+        lDue = now() + 2;
+        const auto uiTimeSecs = (CZolDateUtil::getTimeInSeconds() + 2) % CZolDateUtil::ONE_DAY;
+        ulId = timer()->setDayPeriod(0, lDue + CZolDateUtil::ONE_DAY, uiTimeSecs, MANAGER, 1, TASK);
+    }
+    runApplication(
+        [&]
+        {
+            g_lHeldUntil = lDue + 2;
+            timer()->registerPreciseClock(1,
+                                          [](unsigned long ulClock)
+                                          {
+                                              waitUntil([] { return now() >= g_lHeldUntil; });
+                                              timer()->cancelPreciseClock(ulClock);
+                                          });
+            EXPECT_TRUE(waitUntil([&] { return m_poTask->requests(ulId) == 1; }));
+            const unsigned long ulAfter = timer()->setDatePeriod(now() + 1, MANAGER, 1, TASK);
+            EXPECT_TRUE(waitUntil([&] { return m_poTask->requests(ulAfter) == 1; })); // the firing has come to its end
+            EXPECT_EQ(ZOL_OK, timer()->cancelTimer(ulId));
+        });
+}
+
 #ifndef ZOL_SANITIZED // whose allocators count differently
 TEST_F(TimerFiringTest, ALiveTimerTakesAtMost250Bytes)
 {

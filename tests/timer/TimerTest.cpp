@@ -214,6 +214,10 @@ TEST_F(TimerTest, DayTimersEndWithTheirPeriod)
     stopWallClock(instant("2026-01-10 00:00:00"));
     EXPECT_EQ(0U, timer()->setDayPeriod(std::string("2026-01-20 08:00:00"), "2026-01-20 09:00:00", "09:00:00", MANAGER,
                                         1, TASK));
+    stopWallClock(instant("2026-01-20 08:00:00"));
+    const unsigned long ulSet = timer()->setDayPeriod(0, lFirst + lDay, 9 * 3600, MANAGER, 1, TASK);
+    fire(ulSet, lFirst + 7);
+    EXPECT_EQ(ZOL_ERR_NO_DEST, timer()->cancelTimer(ulSet)) << "the clock was set, and goes past the end";
 }
 
 // At each firing the instant that follows by the calendar must be the one for which the reactor is armed already.
