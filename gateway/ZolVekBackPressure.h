@@ -37,7 +37,7 @@ public:
     /// The queue is below its bound. A caller that gets false asks roomAt() what to do.
     bool isLow(const CZolVekSession &oTarget) const { return oTarget.m_oOutbox.bytes() < m_ulLimit; }
 
-    /// What a large frame may still take of the total bound.
+    /// What is left of the total bound.
     std::uint64_t freeBytes() const
     {
         return m_oSettings.m_ulTotalQueueBytes - std::min(m_oSettings.m_ulTotalQueueBytes, m_oMemory.m_ulBytes);

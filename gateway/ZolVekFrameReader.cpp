@@ -28,7 +28,7 @@ void CZolVekFrameReader::begin(CZolVekReadBuffer &oBuffer)
 
 char *CZolVekFrameReader::space()
 {
-    if (m_poLarge != nullptr && m_uiLargeFilled < m_poLarge->m_uiLength)
+    if (isLargeUnderWay())
     {
         return m_poLarge->m_pcOwned + m_uiLargeFilled;
     }
@@ -37,7 +37,7 @@ char *CZolVekFrameReader::space()
 
 std::size_t CZolVekFrameReader::room() const
 {
-    if (m_poLarge != nullptr && m_uiLargeFilled < m_poLarge->m_uiLength)
+    if (isLargeUnderWay())
     {
         return std::min<std::size_t>(m_poLarge->m_uiLength - m_uiLargeFilled, LARGE_READ_BYTES);
     }
@@ -46,15 +46,16 @@ std::size_t CZolVekFrameReader::room() const
 
 void CZolVekFrameReader::filled(std::size_t ulBytes)
 {
-    if (m_poLarge != nullptr && m_uiLargeFilled < m_poLarge->m_uiLength)
+    if (isLargeUnderWay())
     {
         m_uiLargeFilled += static_cast<std::uint32_t>(ulBytes);
+        m_poLarge->arrived(ulBytes);
         return;
     }
     m_ulEnd += ulBytes;
 }
 
-EnumZolVekRead CZolVekFrameReader::next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes, std::uint64_t ulFreeBytes)
+EnumZolVekRead CZolVekFrameReader::next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes)
 {
     if (m_poLarge != nullptr)
     {
@@ -98,7 +99,7 @@ EnumZolVekRead CZolVekFrameReader::next(CZolVekFrame &oFrame, std::uint32_t uiMa
         {
             return VEK_READ_MORE;
         }
-        return ulTotal > ulFreeBytes ? VEK_READ_FULL : startLarge(static_cast<std::uint32_t>(ulTotal));
+        return startLarge(static_cast<std::uint32_t>(ulTotal));
     }
     m_uiLast = static_cast<std::uint32_t>(ulTotal);
     oFrame = CZolVekFrame(pcHeader, m_uiLast);
@@ -115,6 +116,7 @@ EnumZolVekRead CZolVekFrameReader::startLarge(std::uint32_t uiLength)
     }
     m_uiLargeFilled = static_cast<std::uint32_t>(m_ulEnd - m_ulBegin);
     std::memcpy(m_poLarge->m_pcOwned, m_pcBuffer + m_ulBegin, m_uiLargeFilled);
+    m_poLarge->arrived(m_uiLargeFilled);
     m_ulBegin = m_ulEnd;
     return VEK_READ_MORE;
 }

@@ -12,7 +12,6 @@ enum EnumZolVekRead
 {
     VEK_READ_FRAME,  ///< a whole frame
     VEK_READ_MORE,   ///< the rest of a frame has not come yet
-    VEK_READ_FULL,   ///< a large frame begins and there is no memory for it now
     VEK_READ_DAMAGED ///< a header that no frame can have: the stream cannot go on
 };
 
@@ -55,9 +54,9 @@ public:
     std::size_t room() const;
     void filled(std::size_t ulBytes);
 
-    /// uiMaxBytes is the limit of a frame, header included, ulFreeBytes what a large one may take. The frame taken last
-    /// is consumed by the next call; a caller that cannot place it says so with undo() before end().
-    EnumZolVekRead next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes, std::uint64_t ulFreeBytes);
+    /// uiMaxBytes is the limit of a frame, header included. The frame taken last is consumed by the next call; a caller
+    /// that cannot place it says so with undo() before end().
+    EnumZolVekRead next(CZolVekFrame &oFrame, std::uint32_t uiMaxBytes);
 
     /// The frame that next() gave last was not taken: it comes again in the next turn.
     void undo();
@@ -73,8 +72,8 @@ public:
     /// The length that the stream announced, for the log line about a damaged one.
     std::uint64_t announcedBytes() const { return m_ulAnnounced; }
 
-    /// A frame is under way that has memory of its own.
-    bool isLarge() const { return m_poLarge != nullptr; }
+    /// A frame that has memory of its own has begun, and some of its bytes are still to come.
+    bool isLargeUnderWay() const { return m_poLarge != nullptr && m_uiLargeFilled < m_poLarge->m_uiLength; }
 
 private:
     EnumZolVekRead startLarge(std::uint32_t uiLength);

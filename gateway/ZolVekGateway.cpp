@@ -20,7 +20,8 @@ const std::uint64_t FIRST_WATCHED_EVENT = 1;
 const std::uint64_t LAST_WATCHED_EVENT = 63;
 
 const std::uint32_t UNREGISTERED_FRAME_BYTES = VEK_HEADER_BYTES + 4; // the register message, and nothing larger
-const std::uint64_t CROWDED_MS = 500; // with all places of newcomers taken, one has at least so long to register
+const std::uint64_t LARGE_FRAME_MS = 5000; // without a byte of a large frame that has begun and is read
+const std::uint64_t CROWDED_MS = 500;      // with all places of newcomers taken, one has at least so long to register
 
 std::uint64_t monotonicMs()
 {
@@ -152,6 +153,7 @@ void CZolVekGateway::runOnce(int iMaxWaitMs)
         closeDoomed();
     }
     bury();
+    m_oLargeFrames.wake(m_oRouter.freeBytes(), m_oAgenda);
     m_oReporter.turnEnds();
 }
 
@@ -260,7 +262,7 @@ void CZolVekGateway::onEvent(CZolVekSession &oSession, std::uint32_t uiEvents)
 bool CZolVekGateway::mayRead(const CZolVekSession &oSession) const
 {
     if (!oSession.m_bReadable || oSession.m_poWaitsFor != nullptr || oSession.m_bThrottled ||
-        !oSession.m_strDoom.empty())
+        oSession.m_bWaitsForMemory || !oSession.m_strDoom.empty())
     {
         return false;
     }
@@ -283,7 +285,7 @@ void CZolVekGateway::turn(CZolVekSession &oSession)
     m_oRouter.beginTurn();
     oSession.m_oReader.begin(m_oBuffer);
     // what an earlier turn could not place comes first, and only then is more read
-    if (takeFrames(oSession) && mayRead(oSession))
+    if (takeFrames(oSession) && mayRead(oSession) && m_oLargeFrames.admit(oSession, m_oRouter.freeBytes()))
     {
         std::string strReason;
         const int iRead = oSession.receive(m_oRouter.readBytes(), strReason);
@@ -300,6 +302,7 @@ void CZolVekGateway::turn(CZolVekSession &oSession)
         }
     }
     oSession.m_oReader.end();
+    m_oLargeFrames.note(oSession);
     flushDirty();
     m_oRouter.endTurn();
     if (mayRead(oSession))
@@ -322,21 +325,11 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         {
             return false;
         }
-        const EnumZolVekRead eRead = oSession.m_oReader.next(
-            oFrame, bUp ? m_oSettings.m_uiMaxFrameBytes : UNREGISTERED_FRAME_BYTES, m_oRouter.freeBytes());
+        const EnumZolVekRead eRead =
+            oSession.m_oReader.next(oFrame, bUp ? m_oSettings.m_uiMaxFrameBytes : UNREGISTERED_FRAME_BYTES);
         if (eRead == VEK_READ_MORE)
         {
             return true;
-        }
-        if (eRead == VEK_READ_FULL && oSession.m_bDiscard)
-        {
-            m_oAgenda.doom(oSession, "there is no memory for the last frame of a pipe that broke");
-            return false;
-        }
-        if (eRead == VEK_READ_FULL)
-        {
-            m_oRouter.waitForMemory(oSession);
-            return false;
         }
         if (eRead == VEK_READ_DAMAGED)
         {
@@ -531,6 +524,7 @@ void CZolVekGateway::close(CZolVekSession &oSession)
     oSession.m_eState = VEK_CLOSED;
     ::close(oSession.m_iSocket);
     m_oRouter.gone(oSession);
+    m_oLargeFrames.gone(oSession);
     m_oThrottled.erase(std::remove(m_oThrottled.begin(), m_oThrottled.end(), &oSession), m_oThrottled.end());
     const auto oCount = m_oByAddress.find(oSession.m_uiAddress);
     if (--oCount->second == 0)
@@ -649,14 +643,25 @@ void CZolVekGateway::sweep()
                 m_oAgenda.doom(*poSession,
                                "it took no byte for " + std::to_string(m_oSettings.m_uiStuckSeconds) + " s");
             }
-            if (poSession->m_oReader.isLarge() && poSession->m_poWaitsFor == nullptr &&
-                ulNow - poSession->m_ulReceivedMs >= std::uint64_t{1000} * m_oSettings.m_uiStuckSeconds)
-            {
-                // the memory of a large frame is set aside when it begins
-                m_oAgenda.doom(*poSession,
-                               "a frame did not go on for " + std::to_string(m_oSettings.m_uiStuckSeconds) + " s");
-            }
+            sweepLargeFrame(*poSession);
         });
+}
+
+void CZolVekGateway::sweepLargeFrame(CZolVekSession &oSession)
+{
+    const std::uint64_t ulNow = m_oAgenda.m_ulNowMs;
+    if (!oSession.m_bLargeUnderWay || oSession.m_bReady || !oSession.m_strDoom.empty())
+    {
+        return;
+    }
+    if (m_bDraining || oSession.m_bReadable || oSession.m_bThrottled || oSession.m_poWaitsFor != nullptr)
+    {
+        oSession.m_ulLargeMs = ulNow; // it is up to us
+    }
+    else if (ulNow - std::max(oSession.m_ulReceivedMs, oSession.m_ulLargeMs) >= LARGE_FRAME_MS)
+    {
+        m_oAgenda.doom(oSession, "a frame of more than 64 KiB did not go on for 5 s");
+    }
 }
 
 // ---- The end ------------------------------------------------------------------------------------------------------

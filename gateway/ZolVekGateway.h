@@ -2,6 +2,7 @@
 #define ZOL_VEK_GATEWAY_H
 
 #include "ZolVekAgenda.h"
+#include "ZolVekLargeFrames.h"
 #include "ZolVekListener.h"
 #include "ZolVekRegistrar.h"
 #include "ZolVekReporter.h"
@@ -101,6 +102,7 @@ private:
     void bury();
     void tick();
     void sweep();
+    void sweepLargeFrame(CZolVekSession &oSession);
     void sweepNewcomers();
     void breakPipe(CZolVekSession &oSession, int iError);
     void dropQueued(CZolVekSession &oSession);
@@ -122,6 +124,7 @@ private:
     CZolVekReporter m_oReporter;
     CZolVekListener m_oListener;
     CZolVekReadBuffer m_oBuffer;
+    CZolVekLargeFrames m_oLargeFrames;
     std::vector<CZolVekSession *> m_oTurns; // of this round; empty between rounds
     CZolVekRateLimit m_oStrangerLines;      // by address
 

@@ -28,6 +28,7 @@ struct SZolVekRecord
     std::uint32_t m_uiLength;
     std::uint32_t m_uiRefs;
     SZolVekMemory *m_poMemory;
+    std::uint32_t m_uiCounted = 0; // bytes of its own that count in m_poMemory
 
     /// A view of bytes that somebody else owns for now.
     static SZolVekRecord *borrow(const char *pcData, std::uint32_t uiLength, SZolVekMemory *poMemory)
@@ -35,7 +36,8 @@ struct SZolVekRecord
         return new SZolVekRecord{pcData, nullptr, uiLength, 1, poMemory};
     }
 
-    /// Room for a frame of uiLength bytes, or null when there is no memory. All of it counts from now on.
+    /// Room for a frame of uiLength bytes, or null when there is no memory. Its bytes count when they have arrived: the
+    /// system gives a page when it is written to.
     static SZolVekRecord *create(std::uint32_t uiLength, SZolVekMemory *poMemory)
     {
         char *pcOwned = static_cast<char *>(std::malloc(uiLength));
@@ -43,8 +45,15 @@ struct SZolVekRecord
         {
             return nullptr;
         }
-        poMemory->m_ulBytes += uiLength + OVERHEAD_BYTES;
+        poMemory->m_ulBytes += OVERHEAD_BYTES;
         return new SZolVekRecord{pcOwned, pcOwned, uiLength, 1, poMemory};
+    }
+
+    /// So many more bytes have been written to m_pcOwned.
+    void arrived(std::size_t ulBytes)
+    {
+        m_uiCounted += static_cast<std::uint32_t>(ulBytes);
+        m_poMemory->m_ulBytes += ulBytes;
     }
 
     void take() { ++m_uiRefs; }
@@ -57,7 +66,7 @@ struct SZolVekRecord
         }
         if (m_pcOwned != nullptr)
         {
-            m_poMemory->m_ulBytes -= m_uiLength + OVERHEAD_BYTES;
+            m_poMemory->m_ulBytes -= m_uiCounted + OVERHEAD_BYTES;
             std::free(m_pcOwned);
         }
         delete this;
@@ -77,7 +86,8 @@ struct SZolVekRecord
         }
         std::memcpy(m_pcOwned, m_pcData, m_uiLength);
         m_pcData = m_pcOwned;
-        m_poMemory->m_ulBytes += m_uiLength + OVERHEAD_BYTES;
+        m_poMemory->m_ulBytes += OVERHEAD_BYTES;
+        arrived(m_uiLength);
     }
 };
 

@@ -45,14 +45,11 @@ public:
     /// To be called before the frames of a turn.
     void beginTurn() { m_oBackPressure.beginTurn(); }
 
-    /// What a large frame may still take of the total bound.
+    /// What is left of the total bound.
     std::uint64_t freeBytes() const { return m_oBackPressure.freeBytes(); }
 
     /// The most that a pipe may be read in this turn.
     std::size_t readBytes() const { return m_oBackPressure.readBytes(); }
-
-    /// oFrom is not read until memory may be free again.
-    void waitForMemory(CZolVekSession &oFrom) { m_oBackPressure.stall(oFrom, oFrom); }
 
     EnumZolVekVerdict route(CZolVekSession &oFrom, const CZolVekFrame &oFrame)
     {

@@ -146,6 +146,9 @@ public:
     std::uint64_t m_ulBytesOut = 0;
 
     CZolVekRate m_oRate;
+    bool m_bLargeUnderWay = false;           ///< in the list of CZolVekLargeFrames
+    bool m_bWaitsForMemory = false;          ///< not read until its large frame may go on
+    std::uint64_t m_ulLargeMs = 0;           ///< when that frame was last not read by our own choice
     bool m_bThrottled = false;               ///< has exceeded its rate: not read until the next tick lets it go on
     std::unique_ptr<CZolVekFlows> m_poFlows; ///< whom it sends to; null until somebody looks
 

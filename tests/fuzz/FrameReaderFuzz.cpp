@@ -68,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pucData, std::size_t u
             CZolVekFrame oFrame;
             const std::size_t ulRead =
                 std::min({strStream.size() - ulAt, oReader.room(), std::size_t{1} + uiSeed / 65536 % 300});
-            if (oReader.next(oFrame, LIMIT, LIMIT) == VEK_READ_MORE)
+            if (oReader.next(oFrame, LIMIT) == VEK_READ_MORE)
             {
                 std::memcpy(oReader.space(), strStream.data() + ulAt, ulRead);
                 oReader.filled(ulRead);
@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pucData, std::size_t u
                 oReader.undo();
             }
             EnumZolVekRead eRead = VEK_READ_MORE;
-            while ((eRead = oReader.next(oFrame, LIMIT, LIMIT)) == VEK_READ_FRAME)
+            while ((eRead = oReader.next(oFrame, LIMIT)) == VEK_READ_FRAME)
             {
                 uiSeed = uiSeed * 1103515245 + 12345;
                 if (uiSeed / 65536 % 4 == 0 && ulAt < strStream.size())

@@ -50,7 +50,7 @@ protected:
     bool take(int &iMost)
     {
         CZolVekFrame oFrame;
-        while ((m_eLast = m_oReader.next(oFrame, LIMIT, 1 << 30)) == VEK_READ_FRAME)
+        while ((m_eLast = m_oReader.next(oFrame, LIMIT)) == VEK_READ_FRAME)
         {
             if (iMost == 0)
             {
@@ -98,7 +98,7 @@ TEST_F(FrameReaderTest, RefusesDamagedHeaders)
         memcpy(oReader.space(), strHeader.data(), strHeader.size());
         oReader.filled(strHeader.size());
         CZolVekFrame oGot;
-        EXPECT_EQ(oCase.bDamaged, oReader.next(oGot, LIMIT, 1 << 30) == VEK_READ_DAMAGED);
+        EXPECT_EQ(oCase.bDamaged, oReader.next(oGot, LIMIT) == VEK_READ_DAMAGED);
         oReader.end();
     }
 }
