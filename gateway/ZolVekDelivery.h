@@ -53,7 +53,7 @@ public:
         m_oAgenda.dirty(oTarget);
         if (m_bCountFlows && poFrom != nullptr)
         {
-            poFrom->flows().count(oTarget.m_ulSerial, uiBytes);
+            poFrom->flows().count(oTarget.m_ulSerial, uiBytes, m_oFlowBudget);
         }
     }
 
@@ -70,6 +70,10 @@ public:
     /// Whether sessions keep whom they send to.
     void countFlows(bool bCount) { m_bCountFlows = bCount; }
 
+    /// Of the flows that sessions keep. Pipes that go take theirs along, so whoever walks over them corrects the
+    /// number.
+    SZolVekFlowBudget &flowBudget() { return m_oFlowBudget; }
+
 private:
     SZolVekStatistics &m_oStatistics;
     SZolVekMemory &m_oMemory;
@@ -77,6 +81,7 @@ private:
 
     std::vector<SZolVekRecord *> m_oTurnRecords; // made in this turn from the read buffer, each with our reference
     bool m_bCountFlows = false;
+    SZolVekFlowBudget m_oFlowBudget;
     std::unordered_map<const std::uint64_t *, CZolVekRateLimit> m_oDropLines; // by counter; in each by destination
 };
 

@@ -137,6 +137,8 @@ void CZolVekReporter::fillEdges(SZolGatewaySnapshot &oSnapshot) const
     oPlaces.reserve(m_oRoutes.size());
     m_oRoutes.forEach([&](const CZolVekSession *poSession)
                       { oPlaces.emplace(poSession->m_ulSerial, static_cast<unsigned int>(oPlaces.size())); });
+    SZolVekFlowBudget &oBudget = m_oRouter.flowBudget();
+    oBudget.m_ulFlows = 0;
     m_oRoutes.forEach(
         [&](CZolVekSession *poSession)
         {
@@ -155,7 +157,9 @@ void CZolVekReporter::fillEdges(SZolGatewaySnapshot &oSnapshot) const
                     }
                     return oTo != oPlaces.end(); // a receiver that has gone is forgotten
                 });
+            oBudget.m_ulFlows += poSession->m_poFlows->size();
         });
+    oSnapshot.m_ulEdgeFramesLeftOut = oBudget.m_ulFramesLeftOut;
 }
 
 void CZolVekReporter::fillSubscriptions(SZolGatewaySnapshot &oSnapshot) const

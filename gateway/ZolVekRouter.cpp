@@ -152,6 +152,16 @@ CZolVekSession *CZolVekRouter::resolveById(CZolVekSession &oFrom, std::uint16_t 
     return poTarget;
 }
 
+void CZolVekRouter::countFlows(bool bCount)
+{
+    m_oDelivery.countFlows(bCount);
+    if (!bCount)
+    {
+        m_oRoutes.forEach([](CZolVekSession *poSession) { poSession->m_poFlows.reset(); });
+        m_oDelivery.flowBudget() = SZolVekFlowBudget();
+    }
+}
+
 void CZolVekRouter::tick()
 {
     m_oPublisher.tick();

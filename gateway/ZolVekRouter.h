@@ -84,8 +84,9 @@ public:
     /// Once a second or more often: the end of the grace, and runs that have stood still for too long.
     void tick();
 
-    /// Whether sessions keep whom they send to.
-    void countFlows(bool bCount) { m_oDelivery.countFlows(bCount); }
+    /// Whether sessions keep whom they send to. What they have kept is forgotten when that ends.
+    void countFlows(bool bCount);
+    SZolVekFlowBudget &flowBudget() { return m_oDelivery.flowBudget(); }
 
     const CZolVekSubscriptions &subscriptions() const { return m_oSubscriptions; }
 

@@ -109,7 +109,8 @@ struct SZolGatewaySnapshot
     std::uint64_t m_ulQueueLimitBytes = 0; ///< of all pipes together
     unsigned int m_uiUnregistered = 0;     ///< accepted connections that have not registered yet
     unsigned int m_uiPipesLimit = 0;
-    unsigned int m_uiSubscriptions = 0; ///< all of them, also where m_oSubscriptions is cut short
+    std::uint64_t m_ulEdgeFramesLeftOut = 0; ///< between pipes for which m_oEdges had no place
+    unsigned int m_uiSubscriptions = 0;      ///< all of them, also where m_oSubscriptions is cut short
 
     std::vector<SZolNamedCount> m_oDrops;         ///< frames by reason; every reason, also at 0
     std::vector<SZolNamedCount> m_oRegistrations; ///< by status: "0", "-1", "-8", "-9", "-10"; every one, also at 0

@@ -95,6 +95,7 @@ void appendTotals(CJsonText &oJson, const SZolGatewaySnapshot &oSnapshot)
     oJson.number("connections_refused", oSnapshot.m_ulCrowdedOut);
     oJson.number("unregistered", oSnapshot.m_uiUnregistered);
     oJson.number("subscriptions", oSnapshot.m_uiSubscriptions);
+    oJson.number("edge_frames_left_out", oSnapshot.m_ulEdgeFramesLeftOut);
     oJson.close('}');
 }
 

@@ -188,7 +188,27 @@ TEST_F(GatewayStatusTest, KeepsFlowsOnlyWhileSomebodyWatches)
     (void)look(false);
     ASSERT_TRUE(waitUntil([&] { return look(false).m_oEvents.empty(); }));
     exchangeFrames();
-    EXPECT_EQ(1u, flowOf(look(), A, C)) << "counted although nobody watched";
+    EXPECT_EQ(0u, flowOf(look(), A, C)) << "what was counted is forgotten, and nothing counted while nobody watched";
+}
+
+// However many pairs there are, the list of them has an end, and what it leaves out is counted.
+TEST_F(GatewayStatusTest, BoundsTheEdges)
+{
+    std::vector<CRawPipe> oPipes;
+    const unsigned int uiPipes = 150;
+    for (unsigned short i = 1; i <= uiPipes; ++i)
+    {
+        oPipes.push_back(pipe(7, i));
+    }
+    observe();
+    look();
+    for (unsigned short i = 1; i <= uiPipes; ++i)
+    {
+        ASSERT_TRUE(oPipes[i - 1u].send(frame(1, zolVekKey(7, i), 0xFFFFFFFF, "").wire()));
+    }
+    const std::uint64_t ulMore = std::uint64_t{uiPipes} * (uiPipes - 1) - SZolVekFlowBudget::MOST_FLOWS;
+    EXPECT_TRUE(waitUntil([&] { return look().m_ulEdgeFramesLeftOut == ulMore; }));
+    EXPECT_EQ(SZolVekFlowBudget::MOST_FLOWS, look().m_oEdges.size());
 }
 
 } // namespace

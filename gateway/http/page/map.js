@@ -132,7 +132,9 @@ function drawMap() {
     drawn.base = "node " + (node.state === "busy" ? "live" : node.state);
   }
   map.svg.setAttribute("aria-label", `${plural(model.list.length, "process", "processes")}, ${plural(model.edges.size, "connection", "connections")} between them; the table tells the same`);
-  setText(byId("map-count"), map.single ? plural(model.edges.size, "connection", "connections") : `${nodes.size} ids, ` + plural(model.edges.size, "connection", "connections"));
+  const leftOut = model.snapshot.totals.edge_frames_left_out;
+  const count = plural(model.edges.size, "connection", "connections") + (leftOut > 0 ? `, more with ${plural(leftOut, "message", "messages")} left out` : "");
+  setText(byId("map-count"), map.single ? count : `${nodes.size} ids, ${count}`);
   showFocus();
 }
 
