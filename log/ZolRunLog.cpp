@@ -1,5 +1,7 @@
 #include "ZolRunLog.h"
 
+#include "log/ZolHeldLines.h"
+
 #include <string>
 
 std::atomic<CZolRunLog::EnumDebugLevel> CZolRunLog::sm_eLogLevel{CZolRunLog::LEVEL_INFO};
@@ -11,7 +13,7 @@ void CZolRunLog::write(EnumDebugLevel eLevel, const char *pcScope, const char *p
         return;
     }
     CZolLogTask *const poTask = CZolLogTask::sm_poInstance.load(std::memory_order_acquire);
-    if (poTask != nullptr)
+    if (poTask != nullptr && !CZolHeldLines::keep(pcScope, pcText))
     {
         poTask->append(pcScope, pcText);
     }

@@ -3,6 +3,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
+#include "log/ZolHeldLines.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolTaskLog.h"
 
@@ -107,6 +108,7 @@ int CZolTask::setTaskStatus(EnumTaskState eState)
     CZolTaskMgr *poTaskMgr = m_poTaskMgr;
     bool bDelete = false;
     {
+        const CZolHeldLines oLines; // of a getReactor() that is called
         ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
         const EnumTaskState eBefore = m_eTaskStatus.exchange(TASK_EXIT);
         if (eBefore == TASK_NONZOLWAIT)

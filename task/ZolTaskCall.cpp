@@ -11,6 +11,7 @@
 #include "ZolTask.h"
 #include "ZolTaskMgr.h"
 #include "config/ZolCounters.h"
+#include "log/ZolHeldLines.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolPoll.h"
 #include "transport/ZolConnMgr.h"
@@ -97,6 +98,7 @@ int CZolTask::checkSynRequest(const CZolMsgPdu *poRequest) const
 EnumTaskState CZolTask::beginSynCall()
 {
     m_poTaskMgr->addTaskToSynWaitList(this);
+    const CZolHeldLines oLines;
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
     const EnumTaskState eBefore = m_eTaskStatus.load(std::memory_order_relaxed);
     m_bSynCall = true;
@@ -123,6 +125,7 @@ void CZolTask::awaitDelivery(int iSeconds)
 void CZolTask::endSynCall(EnumTaskState eBefore)
 {
     {
+        const CZolHeldLines oLines;
         ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
         m_bSynCall = false;
         restoreStatus(eBefore, true);
@@ -188,6 +191,7 @@ int CZolTask::recvNonZolMsg()
     {
         explicit CLeave(CZolTask &oTask) : m_oTask(oTask)
         {
+            const CZolHeldLines oLines; // of a getReactor() that is called
             ACE_Guard<ACE_Thread_Mutex> oGuard(m_oTask.m_oStatusMutex);
             if (m_oTask.getTaskStatus() == TASK_EXIT)
             {

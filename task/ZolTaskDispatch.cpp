@@ -9,6 +9,7 @@
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
 #include "config/ZolCounters.h"
+#include "log/ZolHeldLines.h"
 #include "task/ZolTaskLog.h"
 
 #include <ace/Guard_T.h>
@@ -58,6 +59,7 @@ bool CZolTaskMgr::serveOneMsg(unsigned long ulThreadID)
     bool bNewTask = false;
     CZolMsgPdu *poMsg = nullptr;
     {
+        const CZolHeldLines oLines; // of the dispatcher, and of a getReactor() that it calls
         CDispatchGuard oGuard(*m_poDispatchMutex, m_iThreadNum);
         CZolMemBlock *poBlock = nullptr;
         getq(poBlock);

@@ -3,6 +3,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
+#include "log/ZolHeldLines.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolQueueReader.h"
 #include "task/ZolTaskLog.h"
@@ -72,6 +73,7 @@ unsigned short CZolTaskMgr::acquireTaskID(unsigned short usTaskID)
 /// with the task unchanged. A task that has been added already is refused.
 unsigned short CZolTaskMgr::addTask(CZolTask *poTask, unsigned short usTaskID, EnumTaskType eType, EnumTaskState eState)
 {
+    const CZolHeldLines oLines;
     WriteGuard oGuard(m_oTaskLock);
     if (poTask->m_usTaskID != 0)
     {
@@ -200,6 +202,7 @@ void CZolTaskMgr::removeTask(CZolTask *poTask)
 /// For the end of the process: a task that serves events of its own gets no message any more that would call it back.
 void CZolTaskMgr::endEventLoops()
 {
+    const CZolHeldLines oLines; // of a getReactor() that is called
     ReadGuard oGuard(m_oTaskLock);
     for (unsigned short usIndex = 0; usIndex < m_oTaskTable.bucketCount(); ++usIndex)
     {

@@ -3,9 +3,13 @@
 #include "task/TaskFixture.h"
 
 #include <ace/Reactor.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <map>
 #include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace zoltest;
 
@@ -14,6 +18,66 @@ namespace
 
 class DispatchTest : public CTaskTest
 {
+};
+
+class StalledLogTest : public CTaskTest
+{
+protected:
+    StalledLogTest() : CTaskTest("MaxLogSize = 1024\nMaxLogNumber = 2\n") {}
+
+    /// Makes the next file of the ring a pipe that nobody reads, steps to it, and overfills it: oWriter stands.
+    void stall(std::thread &oWriter)
+    {
+        ASSERT_EQ(0, mkfifo(m_strFifo.c_str(), 0600));
+        m_iFifo = open(m_strFifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        const int iCapacity = fcntl(m_iFifo, F_SETPIPE_SZ, 4096);
+        ASSERT_GT(iCapacity, 0);
+        fill(2048);
+        CZolLogTask::instance()->writeLog();
+        fill(2 * static_cast<size_t>(iCapacity));
+        oWriter = std::thread([] { CZolLogTask::instance()->writeLog(); });
+        EXPECT_TRUE(waitUntil([&] { return waiting() == iCapacity; }));
+    }
+
+    /// Reads the pipe until oWriter goes on, and takes it out of the ring.
+    void flow(std::thread &oWriter)
+    {
+        unlink(m_strFifo.c_str());
+        std::atomic<bool> bDone{false};
+        std::thread oReader(
+            [&]
+            {
+                char acBytes[4096];
+                while (!bDone)
+                {
+                    std::this_thread::yield();
+                    (void)!read(m_iFifo, acBytes, sizeof acBytes);
+                }
+            });
+        oWriter.join();
+        bDone = true;
+        oReader.join();
+        close(m_iFifo);
+    }
+
+private:
+    static void fill(size_t uiBytes)
+    {
+        const std::string strLine(99, '.');
+        for (size_t uiDone = 0; uiDone < uiBytes; uiDone += strLine.size())
+        {
+            CZolRunLog::error(strLine.c_str());
+        }
+    }
+    int waiting() const
+    {
+        int iBytes = 0;
+        ioctl(m_iFifo, FIONREAD, &iBytes);
+        return iBytes;
+    }
+
+    const std::string m_strFifo = m_oInstallation.logFolder() + "/task_1.log";
+    int m_iFifo = -1;
 };
 
 } // namespace
@@ -178,6 +242,35 @@ TEST_F(DispatchTest, DropsWhatNoTaskCanTake)
     EXPECT_TRUE(logged("type: 10, cmd: 504\n"));
     EXPECT_EQ(1, iSeen);
     EXPECT_EQ(TASK_IDLE, poMgr->findTask(1)->getTaskStatus());
+}
+
+// The dispatcher writes its line while the disk stalls: it holds up its own thread, and no other of the manager.
+TEST_F(StalledLogTest, HoldsUpTheThreadThatLogsAndNoOther)
+{
+    constexpr unsigned int ROUNDS = 1000;
+    std::atomic<unsigned int> uiSeen{0};
+    auto *poMgr = add(new CScriptedMgr(MANAGER, 2));
+    for (unsigned short usTask = 1; usTask <= 2; ++usTask)
+    {
+        const auto fnPass = [&, usTask](CZolTask &, const CZolMsgPdu &)
+        {
+            if (++uiSeen < ROUNDS)
+            {
+                sendLocal(makeRequest(MANAGER, static_cast<unsigned short>(3 - usTask), 1));
+            }
+        };
+        ASSERT_EQ(ZOL_OK, poMgr->addStaticTask(new CScriptedTask(fnPass), usTask));
+    }
+    start();
+    CZolRunLog::logLevel(CZolRunLog::LEVEL_WARNING);
+    std::thread oWriter;
+    stall(oWriter);
+    sendLocal(makeRequest(MANAGER, 9, 7)); // nobody's
+    sendLocal(makeRequest(MANAGER, 1, 1));
+    EXPECT_TRUE(waitUntil([&] { return uiSeen == ROUNDS; }));
+    flow(oWriter);
+    EXPECT_TRUE(
+        logged("CZolTaskMgr::existTaskMsg task id not found when process message, src: 9,0,77,5, dst:1,9, cmd:7\n"));
 }
 
 TEST_F(DispatchTest, WritesTheLifeOfATaskToTheLog)
