@@ -29,7 +29,7 @@ CZolConnMgr *CZolConnMgr::instance()
     return poInstance;
 }
 
-CZolConnMgr::CZolConnMgr() : m_lLastHelloTime(zolsocket::wallSeconds()), m_pcSendBuf(new char[zolpipe::BLOCK_LIMIT]) {}
+CZolConnMgr::CZolConnMgr() : m_lLastHelloTime(zolsocket::wallSeconds()) {}
 
 CZolConnMgr::~CZolConnMgr()
 {
@@ -37,7 +37,6 @@ CZolConnMgr::~CZolConnMgr()
     {
         oEntry.second->release();
     }
-    delete[] m_pcSendBuf;
 }
 
 int CZolConnMgr::open(void * /*pvArg*/)
@@ -253,15 +252,10 @@ bool CZolConnMgr::isConnected(unsigned short usProcID, unsigned short usProcHand
     return bUp;
 }
 
-bool CZolConnMgr::goesToGateway(const CZolMsgPdu &oPdu)
-{
-    return oPdu.m_ucMsgType >= CZolMsgPdu::MSG_SUBSCRIBE && oPdu.m_ucMsgType <= CZolMsgPdu::MSG_GET_ADDRESS;
-}
-
 CZolConnRef CZolConnMgr::chooseConnection(const CZolMsgPdu *poPdu)
 {
     ACE_READ_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, CZolConnRef());
-    if (!goesToGateway(*poPdu))
+    if (!zolpipe::goesToGateway(*poPdu))
     {
         CZolConnection *poDirect = findProc(poPdu->m_usDestProcID, poPdu->m_usDestProcHandle);
         if (poDirect != nullptr && poDirect->getPipeStatus())
@@ -270,6 +264,18 @@ CZolConnRef CZolConnMgr::chooseConnection(const CZolMsgPdu *poPdu)
         }
     }
     return CZolConnRef(findProc(0, 0));
+}
+
+int CZolConnMgr::sendOn(CZolConnection *poConn, const void *pvBuf, unsigned int uiLen)
+{
+    CZolConnection::SSendOutcome oOutcome;
+    const int iResult = poConn->send(pvBuf, uiLen, &oOutcome);
+    if (iResult < 1 && oOutcome.m_uiSent != 0)
+    {
+        // The stream ends inside a message: whatever followed would be taken for the rest of it.
+        closePipe(poConn, oOutcome.m_uiLife);
+    }
+    return iResult;
 }
 
 bool CZolConnMgr::isProcRegistered(unsigned short usProcID, unsigned short usProcHandle)

@@ -4,6 +4,7 @@
 #include "log/ZolThreadStart.h"
 #include "message/ZolIdentity.h"
 #include "transport/ZolConnection.h"
+#include "transport/ZolPipeSender.h"
 #include "transport/ZolWriterFirstLock.h"
 
 #include <ace/RW_Mutex.h>
@@ -29,7 +30,7 @@ class CZolListener;
 /// Ownership: m_oHandleMap holds one reference of each connection in it.
 /// Locks:     m_oConnLock is held for look-ups and changes of the tables only. Nothing blocks under it: no connect, no
 ///            sending, no queueing, no hello. Writers go first.
-class CZolConnMgr : public ACE_Task_Base
+class CZolConnMgr : public ACE_Task_Base, private IZolPipes
 {
 public:
     static CZolConnMgr *instance();
@@ -55,7 +56,7 @@ public:
     bool isConnected(unsigned short usProcID, unsigned short usProcHandle);
 
     /// The pipe for a message in host order; null if there is none, not even a gateway's entry that is down.
-    CZolConnRef chooseConnection(const CZolMsgPdu *poPdu);
+    CZolConnRef chooseConnection(const CZolMsgPdu *poPdu) override;
 
     bool isProcRegistered(unsigned short usProcID, unsigned short usProcHandle);
 
@@ -81,11 +82,13 @@ public:
 
     std::string dumpConnections();
 
-    /// Sends all messages of the list and frees them.
-    void processMsg(CZolMemList *poList);
-
-    /// Sends one message in blocks: 0 or a failure. The PDU stays the caller's, its payload used up.
-    int processBigMsg(CZolMsgPdu *poPdu);
+    /// The way out, as CZolPipeSender says; all three for the send thread.
+    void processMsg(CZolMemList *poList) { m_oSender.processMsg(poList); }
+    int processBigMsg(CZolMsgPdu *poPdu) { return m_oSender.processBigMsg(poPdu); }
+    static void logSendFailure(char *pcBuf, int iLen, CZolDebugInfo *poLog)
+    {
+        CZolPipeSender::logSendFailure(pcBuf, iLen, poLog);
+    }
 
     /// Client side of a direct exchange. uiAddr in network order, time-outs in milliseconds. poRequest is gone and
     /// null after the call, except where the arguments were refused.
@@ -146,7 +149,6 @@ private:
     CZolConnMgr();
 
     CZolConnection *findProc(unsigned short usProcID, unsigned short usProcHandle) const; // caller: m_oConnLock
-    static bool goesToGateway(const CZolMsgPdu &oPdu); // whatever its destination says
     CZolConnRef vekConnection(const char *pcScope);
     bool rekey(CZolConnection *poConn);                  // caller: m_oConnLock exclusive
     void enter(CZolConnection *poConn, ACE_HANDLE oKey); // caller: m_oConnLock exclusive
@@ -159,23 +161,8 @@ private:
     void enterWithoutGateway();
     void forgetGateway();
 
-    // What processMsg() has gathered in m_pcSendBuf and not yet sent, and how it last chose.
-    struct SBatch
-    {
-        unsigned int m_uiUsed = 0;
-        CZolConnRef m_oConn; // where those bytes go
-        CZolConnRef m_oChoice;
-        std::uint32_t m_uiChoiceKey = 0;
-        std::uint64_t m_ulChoiceVersion = 0; // 0: none yet
-    };
-
-    const CZolConnRef &chooseForBatch(const CZolMsgPdu *poPdu, SBatch &oBatch);
-    int sendOn(CZolConnection *poConn, const void *pvBuf, unsigned int uiLen);
-    int sendBlocks(CZolConnection *poConn, CZolMsgPdu *poPdu, CZolMsgPdu *poTemplate);
-    void flush(SBatch &oBatch, CZolDebugInfo *poLog);
-    void logSendFailure(char *pcBuf, int iLen, CZolDebugInfo *poLog);
-    void sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog);
-    void sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *poLog);
+    std::uint64_t getVersion() const override { return m_ulVersion.load(std::memory_order_acquire); }
+    int sendOn(CZolConnection *poConn, const void *pvBuf, unsigned int uiLen) override;
 
     CZolThreadStart m_oStart;
     HandleMap m_oHandleMap; // guarded by m_oConnLock; holds the references
@@ -186,7 +173,7 @@ private:
     std::atomic<long> m_lLastHelloTime; // written by the poll
     std::atomic<bool> m_bNoHandle{false};
     std::atomic<bool> m_bOwnHandle{false};
-    char *m_pcSendBuf;  // batch buffer, send thread
+    CZolPipeSender m_oSender{*this};
     ProcMap m_oProcMap; // guarded by m_oConnLock; each connection in it stands in m_oHandleMap too
     std::atomic<CZolListener *> m_poListener{nullptr}; // not owned
     SubscribeMap m_oSubscribeMap;                      // guarded by m_oSubscribeLock

@@ -1,6 +1,5 @@
 #include "transport/ZolPipeProtocol.h"
 
-#include "ZolMsgPdu.h"
 #include "message/ZolAnswer.h"
 
 namespace zolpipe

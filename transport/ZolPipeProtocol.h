@@ -1,10 +1,10 @@
 #ifndef ZOL_TRANSPORT_ZOLPIPEPROTOCOL_H
 #define ZOL_TRANSPORT_ZOLPIPEPROTOCOL_H
 
+#include "ZolMsgPdu.h"
+
 #include <cstdint>
 #include <cstring>
-
-class CZolMsgPdu;
 
 /// What goes over a pipe, as constants and as the two fixed messages of it. A pipe carries PDUs back to back, the
 /// multi-byte fields of each header big-endian, the payload as it stands:
@@ -82,6 +82,12 @@ inline std::uint16_t wireHeaderLength(const char *pcHeader)
 inline std::uint32_t wireDataLength(const char *pcHeader)
 {
     return load32(pcHeader + 24);
+}
+
+/// Whether a message goes to the gateway whatever its destination says.
+inline bool goesToGateway(const CZolMsgPdu &oPdu)
+{
+    return oPdu.m_ucMsgType >= CZolMsgPdu::MSG_SUBSCRIBE && oPdu.m_ucMsgType <= CZolMsgPdu::MSG_GET_ADDRESS;
 }
 
 /// A register request of 32 bytes in host order, body written; null when no memory is left. usProcHandle is what the

@@ -114,6 +114,20 @@ bool TransportTest::logHas(const std::string &strText)
     return waitUntil([&] { return logCount(strText) > 0; });
 }
 
+BareTest::BareTest()
+{
+    zolSetHost(*this);
+    CZolLogTask::instance()->init(OWN_PROC, OWN_HANDLE, nullptr, m_oInstallation.logFolder().c_str());
+    CZolIdentity::own().setProcID(OWN_PROC);
+    CZolIdentity::own().setProcHandle(OWN_HANDLE);
+}
+
+unsigned int BareTest::logCount(const std::string &strText)
+{
+    CZolLogTask::instance()->writeLog();
+    return countOf(m_oInstallation.logText(), strText);
+}
+
 SFrame toSink(unsigned int uiCmd, const std::string &strBody)
 {
     SFrame oFrame;

@@ -6,7 +6,9 @@
 #include "support/RawGateway.h"
 #include "support/RawPipe.h"
 #include "transport/ZolConnMgr.h"
+#include "transport/ZolHost.h"
 
+#include <ace/Reactor.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
@@ -61,6 +63,29 @@ protected:
     unsigned short m_usPort = 0;
     CInbox m_oInbox;
     std::mutex m_oGate; ///< whoever holds it keeps the collector's task in its handler
+};
+
+/// The transport without a process: no library is started and nothing listens. The log is there, and whatever a class
+/// asks of the layers above it is answered here.
+class BareTest : public testing::Test, public IZolHost
+{
+protected:
+    BareTest();
+
+    bool logHas(const std::string &strText) { return logCount(strText) > 0; }
+    unsigned int logCount(const std::string &strText); ///< all that was logged so far counts
+
+    ACE_Reactor *getReactor() override { return &m_oReactor; }
+    bool isRunning() const override { return m_bRunning; }
+    bool isExiting() const override { return false; }
+    bool takeInitialResponse(CZolMsgPdu *) override { return false; }
+    int sendLocal(CZolMsgPdu *&, unsigned char) override { return ZOL_ERR_STAGE; }
+    bool hasQueued(unsigned char) override { return false; }
+    int subscribe(unsigned int, unsigned char, unsigned short) override { return ZOL_OK; }
+
+    CInstallation m_oInstallation;
+    ACE_Reactor m_oReactor;
+    bool m_bRunning = true;
 };
 
 /// A message to the collector, from process 9 with handle 1.

@@ -1,13 +1,12 @@
-// The way out, on the send thread: small messages packed into batches, big ones cut into blocks in place.
+#include "transport/ZolPipeSender.h"
 
 #include "ZolErrors.h"
+#include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "config/ZolCounters.h"
-#include "transport/ZolConnMgr.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolText.h"
 
-#include <ace/Guard_T.h>
 #include <cstdio>
 #include <cstring>
 
@@ -69,7 +68,9 @@ void logBlockFailure(const CZolMsgPdu &oBlock, unsigned int uiNumber, int iResul
 
 } // namespace
 
-void CZolConnMgr::processMsg(CZolMemList *poList)
+CZolPipeSender::CZolPipeSender(IZolPipes &oPipes) : m_oPipes(oPipes), m_pcSendBuf(new char[zolpipe::BLOCK_LIMIT]) {}
+
+void CZolPipeSender::processMsg(CZolMemList *poList)
 {
     CZolDebugInfo oDebug("CZolConnMgr::processMsg");
     SBatch oBatch;
@@ -106,7 +107,7 @@ void CZolConnMgr::processMsg(CZolMemList *poList)
     flush(oBatch, &oDebug);
 }
 
-void CZolConnMgr::sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *poLog)
+void CZolPipeSender::sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *poLog)
 {
     const CZolConnRef &oConn = chooseForBatch(poPdu, oBatch);
     if (!oConn)
@@ -125,52 +126,40 @@ void CZolConnMgr::sendSmall(CZolMsgPdu *poPdu, SBatch &oBatch, CZolDebugInfo *po
     }
     const auto uiTotal = static_cast<unsigned int>(zolTotalLength(poPdu));
     htonPdu(poPdu);
-    std::memcpy(m_pcSendBuf + oBatch.m_uiUsed, poPdu, uiTotal);
+    std::memcpy(m_pcSendBuf.get() + oBatch.m_uiUsed, poPdu, uiTotal);
     oBatch.m_uiUsed += uiTotal;
     delete poPdu;
 }
 
-// chooseConnection(), asked again only for another destination or after a change of the pipes.
-const CZolConnRef &CZolConnMgr::chooseForBatch(const CZolMsgPdu *poPdu, SBatch &oBatch)
+// The choice of the pipes, asked for again only for another destination or after a change of the pipes.
+const CZolConnRef &CZolPipeSender::chooseForBatch(const CZolMsgPdu *poPdu, SBatch &oBatch)
 {
-    const std::uint64_t ulVersion = m_ulVersion.load(std::memory_order_acquire);
+    const std::uint64_t ulVersion = m_oPipes.getVersion();
     const std::uint32_t uiKey = (static_cast<std::uint32_t>(poPdu->m_usDestProcID) << 16) | poPdu->m_usDestProcHandle;
-    if (goesToGateway(*poPdu))
+    if (zolpipe::goesToGateway(*poPdu))
     {
-        oBatch.m_oChoice = chooseConnection(poPdu);
+        oBatch.m_oChoice = m_oPipes.chooseConnection(poPdu);
         oBatch.m_ulChoiceVersion = 0;
     }
     else if (ulVersion != oBatch.m_ulChoiceVersion || uiKey != oBatch.m_uiChoiceKey)
     {
-        oBatch.m_oChoice = chooseConnection(poPdu);
+        oBatch.m_oChoice = m_oPipes.chooseConnection(poPdu);
         oBatch.m_uiChoiceKey = uiKey;
         oBatch.m_ulChoiceVersion = ulVersion;
     }
     return oBatch.m_oChoice;
 }
 
-int CZolConnMgr::sendOn(CZolConnection *poConn, const void *pvBuf, unsigned int uiLen)
+void CZolPipeSender::flush(SBatch &oBatch, CZolDebugInfo *poLog)
 {
-    CZolConnection::SSendOutcome oOutcome;
-    const int iResult = poConn->send(pvBuf, uiLen, &oOutcome);
-    if (iResult < 1 && oOutcome.m_uiSent != 0)
+    if (oBatch.m_uiUsed != 0 && m_oPipes.sendOn(oBatch.m_oConn.get(), m_pcSendBuf.get(), oBatch.m_uiUsed) < 1)
     {
-        // The stream ends inside a message: whatever followed would be taken for the rest of it.
-        closePipe(poConn, oOutcome.m_uiLife);
-    }
-    return iResult;
-}
-
-void CZolConnMgr::flush(SBatch &oBatch, CZolDebugInfo *poLog)
-{
-    if (oBatch.m_uiUsed != 0 && sendOn(oBatch.m_oConn.get(), m_pcSendBuf, oBatch.m_uiUsed) < 1)
-    {
-        logSendFailure(m_pcSendBuf, static_cast<int>(oBatch.m_uiUsed), poLog);
+        logSendFailure(m_pcSendBuf.get(), static_cast<int>(oBatch.m_uiUsed), poLog);
     }
     oBatch.m_uiUsed = 0;
 }
 
-void CZolConnMgr::logSendFailure(char *pcBuf, int iLen, CZolDebugInfo *poLog)
+void CZolPipeSender::logSendFailure(const char *pcBuf, int iLen, CZolDebugInfo *poLog)
 {
     if (pcBuf == nullptr || iLen == 0)
     {
@@ -209,7 +198,7 @@ void CZolConnMgr::logSendFailure(char *pcBuf, int iLen, CZolDebugInfo *poLog)
     CZolMemMan::instance()->freeMem(pcText);
 }
 
-void CZolConnMgr::sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog)
+void CZolPipeSender::sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog)
 {
     const int iResult = processBigMsg(poPdu);
     if (iResult != 0)
@@ -239,7 +228,7 @@ void CZolConnMgr::sendBig(CZolMsgPdu *poPdu, CZolDebugInfo *poLog)
     delete poPdu;
 }
 
-int CZolConnMgr::processBigMsg(CZolMsgPdu *poPdu)
+int CZolPipeSender::processBigMsg(CZolMsgPdu *poPdu)
 {
     CZolDebugInfo oDebug(BIG_SCOPE);
     if (poPdu == nullptr)
@@ -251,7 +240,7 @@ int CZolConnMgr::processBigMsg(CZolMsgPdu *poPdu)
     {
         return -1;
     }
-    const CZolConnRef oConn = chooseConnection(poPdu);
+    const CZolConnRef oConn = m_oPipes.chooseConnection(poPdu);
     if (!oConn)
     {
         oDebug.error("can not find connection!");
@@ -290,7 +279,7 @@ int CZolConnMgr::processBigMsg(CZolMsgPdu *poPdu)
 //
 // The header of a block is written over the last H bytes of the block before it, which are out by then. No payload
 // is copied, and the payload is gone afterwards. The template is in host order and leaves in wire order.
-int CZolConnMgr::sendBlocks(CZolConnection *poConn, CZolMsgPdu *poPdu, CZolMsgPdu *poTemplate)
+int CZolPipeSender::sendBlocks(CZolConnection *poConn, CZolMsgPdu *poPdu, CZolMsgPdu *poTemplate)
 {
     const unsigned int uiHeader = poTemplate->m_usHeaderLength;
     const std::uint64_t ulBlock = poTemplate->m_ulDataLength;
@@ -306,7 +295,7 @@ int CZolConnMgr::sendBlocks(CZolConnection *poConn, CZolMsgPdu *poPdu, CZolMsgPd
                          static_cast<std::uint16_t>(bLast ? 0 : uiNumber));
         zolpipe::store32(pcTemplate + offsetof(CZolMsgPdu, m_ulDataLength), uiPart);
         std::memcpy(pcCursor, pcTemplate, uiHeader);
-        const int iResult = sendOn(poConn, pcCursor, uiHeader + uiPart);
+        const int iResult = m_oPipes.sendOn(poConn, pcCursor, uiHeader + uiPart);
         if (iResult < 1)
         {
             ntohPdu(poTemplate);
