@@ -2,7 +2,7 @@
 
 FILE ?=
 
-.PHONY: help deps deps-tests build demo demo-exchange demo-gateway test test-asan test-tsan fuzz bench lint format install clean
+.PHONY: help deps deps-tests deps-lint build demo demo-exchange demo-gateway check test test-asan test-tsan fuzz bench lint format install clean
 .DEFAULT_GOAL := help
 
 help:
@@ -12,12 +12,13 @@ help:
 	@echo "make demo-exchange  a small market of five processes, whose gateway is killed on the way"
 	@echo "                (FILE=path trades the orders of that file)"
 	@echo "make demo-gateway   fifty processes under load, some killed, some stopped, and what became of every message"
+	@echo "make check      builds, and runs the tests that take seconds: the quick loop of an edit, under a minute"
 	@echo "make test       all tests"
 	@echo "make test-asan  all tests under the address and undefined behaviour sanitizers"
 	@echo "make test-tsan  all tests under the thread sanitizer"
 	@echo "make fuzz       whatever takes foreign bytes under random input, five minutes for each of tests/fuzz/seeds"
 	@echo "make bench      the benchmarks, as lines of group, metric, value and unit"
-	@echo "make lint       clang-format and clang-tidy"
+	@echo "make lint       each language through its checker, the order of the folders, the lines of tests"
 	@echo "make format     puts every source in the house format"
 	@echo "make install    to DESTDIR and the prefix of CMake"
 	@echo "make clean      removes build/"
@@ -26,6 +27,8 @@ deps:
 	@scripts/install-deps
 deps-tests:
 	@scripts/install-deps tests
+deps-lint:
+	@scripts/install-deps lint
 
 build/build.ninja: | deps
 	@cmake --preset release
@@ -49,6 +52,9 @@ demo-exchange: deps build/build.ninja
 demo-gateway: build
 	@examples/gateway/demo
 
+check: build
+	@ctest --preset check
+
 test: deps-tests build
 	@ctest --preset release
 
@@ -67,7 +73,7 @@ bench: build
 	@bench/run
 
 # After the build, since some headers are made by it.
-lint: build
+lint: deps-lint build
 	@scripts/lint
 
 format: deps

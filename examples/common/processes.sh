@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # For the demos of several processes, to be sourced by bash: starts them, watches them, ends them by their process id.
 # Gives $work, a temporary folder that is an installation root (conf/zol.cfg, conf/log), and $failed, the exit code.
 # $work/*.err is shown when the demo fails.

@@ -71,7 +71,6 @@ TEST_F(TimerFiringTest, CancelAgainstFiring)
     runApplication(
         [this]
         {
-            std::atomic<unsigned int> uiLost{0};
             std::vector<std::thread> oThreads;
             std::mutex oLock;
             std::vector<unsigned long> oFired;
