@@ -101,14 +101,14 @@ inline CZolMsgPdu *makeMsg(CZolMsgPdu::EnumZolPduType eType, unsigned char ucMgr
     poMsg->m_ucDestModule = ucMgr;
     poMsg->m_usDestSubModuleId = usTask;
     poMsg->m_ulDataLength = PAYLOAD_BYTES;
-    std::memcpy(reinterpret_cast<char *>(poMsg) + HEADER_BYTES, s_strPayload.data(), PAYLOAD_BYTES);
+    std::memcpy(zolPayload(poMsg), s_strPayload.data(), PAYLOAD_BYTES);
     return poMsg;
 }
 
 /// Order, length and a byte at each end.
 inline void check(const CZolMsgPdu &oMsg, unsigned int uiNumber)
 {
-    const char *pcPayload = reinterpret_cast<const char *>(&oMsg) + oMsg.m_usHeaderLength;
+    const char *pcPayload = zolPayload(&oMsg);
     need(oMsg.m_ulCmdID == uiNumber && oMsg.m_ulDataLength == PAYLOAD_BYTES && pcPayload[0] == payloadByte(0) &&
              pcPayload[PAYLOAD_BYTES - 1] == payloadByte(PAYLOAD_BYTES - 1),
          "order or content of a message");

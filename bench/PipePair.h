@@ -110,14 +110,14 @@ inline CZolMsgPdu *makePipeMsg(CZolMsgPdu::EnumZolPduType eType, unsigned short 
     poMsg->m_ucDestModule = MANAGER;
     poMsg->m_usDestSubModuleId = TASK;
     poMsg->m_ulDataLength = uiPayload;
-    std::memcpy(reinterpret_cast<char *>(poMsg) + HEADER_BYTES, payload().data(), uiPayload);
+    std::memcpy(zolPayload(poMsg), payload().data(), uiPayload);
     return poMsg;
 }
 
 /// Order, length and a byte at each end.
 inline void checkPipeMsg(const CZolMsgPdu &oMsg, unsigned int uiPayload, unsigned int uiNumber)
 {
-    const char *pcPayload = reinterpret_cast<const char *>(&oMsg) + oMsg.m_usHeaderLength;
+    const char *pcPayload = zolPayload(&oMsg);
     need(oMsg.m_ulCmdID == uiNumber && oMsg.m_ulDataLength == uiPayload && pcPayload[0] == payload()[0] &&
              pcPayload[uiPayload - 1] == payload()[uiPayload - 1],
          "order or content of a message");

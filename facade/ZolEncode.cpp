@@ -88,7 +88,7 @@ void fillBody(CZolMsgPdu &oPdu, CZolMsgPdu::EnumZolPduType eType, const SZolBody
     oPdu.m_ulDataLength = static_cast<std::uint32_t>(oBody.m_ulLength);
     if (oBody.m_ulLength != 0)
     {
-        std::memcpy(reinterpret_cast<char *>(&oPdu) + HEADER_BYTES, oBody.m_pcData, oBody.m_ulLength);
+        std::memcpy(zolPayload(&oPdu), oBody.m_pcData, oBody.m_ulLength);
     }
 }
 

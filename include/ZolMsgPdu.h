@@ -114,6 +114,18 @@ inline unsigned long long zolTotalLength(const CZolMsgPdu *poPdu)
     return static_cast<unsigned long long>(poPdu->m_usHeaderLength) + poPdu->m_ulDataLength;
 }
 
+/// The first byte of the payload: behind the header, whose length the sender may have made more than 28 bytes. For a
+/// message that is being built, after init(). m_ulDataLength bytes may be read or written there; at 0 there are none.
+inline const char *zolPayload(const CZolMsgPdu *poPdu)
+{
+    return reinterpret_cast<const char *>(poPdu) + poPdu->m_usHeaderLength;
+}
+
+inline char *zolPayload(CZolMsgPdu *poPdu)
+{
+    return reinterpret_cast<char *>(poPdu) + poPdu->m_usHeaderLength;
+}
+
 /// Turn the 28 bytes of a header to wire order, and back, in place and at any alignment. The payload is left alone.
 ZOL_EXPORT void htonPdu(void *pvHeader);
 ZOL_EXPORT void ntohPdu(void *pvHeader);

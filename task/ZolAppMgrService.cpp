@@ -33,11 +33,6 @@ CZolMsgPdu *newServiceRequest(CZolMsgPdu::EnumZolPduType eType, unsigned int uiD
     return poMsg;
 }
 
-char *payloadOf(CZolMsgPdu *poMsg)
-{
-    return reinterpret_cast<char *>(poMsg) + poMsg->m_usHeaderLength;
-}
-
 } // namespace
 
 int CZolAppMgr::registerSubscribe(unsigned int uiCmd, unsigned char ucTaskMgrID, unsigned short usTaskID)
@@ -70,7 +65,7 @@ int CZolAppMgr::subscribe(unsigned int uiCmd, CZolMsgPdu::EnumZolPduType eType, 
     {
         poRequest->m_ulCmdID = uiCmd;
         const ACE_UINT32 arrFields[] = {htonl(ucTaskMgrID), htonl(usTaskID), htonl(uiCmd)};
-        memcpy(payloadOf(poRequest), arrFields, sizeof arrFields);
+        memcpy(zolPayload(poRequest), arrFields, sizeof arrFields);
         iResult = sendSynMsg(poRequest, poResponse, SERVICE_SECONDS);
     }
     if (iResult == ZOL_OK)
@@ -102,7 +97,7 @@ int CZolAppMgr::getProcAddrByID(unsigned short usProcID, unsigned short usProcHa
     if (poRequest != nullptr)
     {
         const ACE_UINT16 arrFields[] = {htons(usProcID), htons(usProcHandle)};
-        memcpy(payloadOf(poRequest), arrFields, sizeof arrFields);
+        memcpy(zolPayload(poRequest), arrFields, sizeof arrFields);
         iResult = sendSynMsg(poRequest, poResponse, SERVICE_SECONDS);
     }
     if (iResult == ZOL_ERR_TIMEOUT)
@@ -122,7 +117,7 @@ int CZolAppMgr::getProcAddrByID(unsigned short usProcID, unsigned short usProcHa
 
 int CZolAppMgr::readProcAddr(const CZolMsgPdu &oResponse, unsigned int &uiAddr, unsigned short &usPort)
 {
-    const char *pcPayload = reinterpret_cast<const char *>(&oResponse) + oResponse.m_usHeaderLength;
+    const char *pcPayload = zolPayload(&oResponse);
     ACE_UINT32 ulResult = 0;
     ACE_UINT32 ulAddr = 0;
     ACE_UINT16 usNetPort = 0;

@@ -26,11 +26,6 @@ constexpr int RESULT_OK = 0;
 constexpr int RESULT_BAD_ARGUMENT = -2;
 constexpr int RESULT_NO_FILE = -11;
 
-const char *payloadOf(const CZolMsgPdu &oPdu)
-{
-    return reinterpret_cast<const char *>(&oPdu) + oPdu.m_usHeaderLength;
-}
-
 std::string unknownCommand(ACE_UINT32 ulCmdID)
 {
     return "receive a unknown command code: " + std::to_string(ulCmdID);
@@ -139,7 +134,7 @@ void CZolInlineTask::setLogLevel(const CZolMsgPdu &oPdu)
         oDebug.debug("the log level is null");
         return;
     }
-    memcpy(&ulLevel, payloadOf(oPdu), sizeof ulLevel);
+    memcpy(&ulLevel, zolPayload(&oPdu), sizeof ulLevel);
     ulLevel = ntohl(ulLevel);
     if (ulLevel > CZolRunLog::LEVEL_DEBUG)
     {
@@ -154,7 +149,7 @@ void CZolInlineTask::setLogLevel(const CZolMsgPdu &oPdu)
 void CZolInlineTask::printVariable(const CZolMsgPdu &oPdu)
 {
     CZolDebugInfo oDebug("CZolInlineTask::printVariable");
-    const std::string strFile(payloadOf(oPdu), oPdu.m_ulDataLength);
+    const std::string strFile(zolPayload(&oPdu), oPdu.m_ulDataLength);
     int iResult = RESULT_BAD_ARGUMENT;
     if (strFile.empty())
     {
@@ -220,7 +215,7 @@ int CZolInlineTask::sendResults(const CZolMsgPdu &oRequest, std::initializer_lis
     zolAddressAnswer(*poResponse, oRequest);
     poResponse->m_ucMsgType = CZolMsgPdu::MSG_RESPONSE;
     poResponse->m_ulDataLength = uiBytes;
-    char *pcAt = reinterpret_cast<char *>(poResponse) + poResponse->m_usHeaderLength;
+    char *pcAt = zolPayload(poResponse);
     for (const int iResult : oResults)
     {
         const ACE_UINT32 ulWord = htonl(static_cast<ACE_UINT32>(iResult));
@@ -242,7 +237,7 @@ void CZolInlineTask::serveDirectRequest(const CZolMsgPdu &oPdu)
     std::uintptr_t ulAddress = 0;
     if (oPdu.m_ulDataLength == sizeof ulAddress)
     {
-        memcpy(&ulAddress, payloadOf(oPdu), sizeof ulAddress);
+        memcpy(&ulAddress, zolPayload(&oPdu), sizeof ulAddress);
     }
     auto *poRequest = reinterpret_cast<SZolP2PRequest *>(ulAddress);
     if (poRequest == nullptr || !CZolP2PDesk::instance().take(poRequest))

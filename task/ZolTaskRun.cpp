@@ -199,7 +199,7 @@ void CZolTaskMgr::processTimer(CZolTask &oTask, PduHolder &oHolder)
         zolCount(zolCounters().m_ulInvalidType);
         return;
     }
-    memcpy(&ulTimerID, reinterpret_cast<const char *>(&oMsg) + oMsg.m_usHeaderLength, sizeof ulTimerID);
+    memcpy(&ulTimerID, zolPayload(&oMsg), sizeof ulTimerID);
     if (CZolRunLog::isReady())
     {
         zolFormatInfo("CZolTaskMgr::processTaskMsg", "taskmgr %u task %u process timer %u begin", m_ucTaskMgrID,

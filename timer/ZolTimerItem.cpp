@@ -50,7 +50,7 @@ void SZolTimerItem::sendMessage() const
     poPdu->m_ucDestModule = m_ucTaskMgrID;
     poPdu->m_usDestSubModuleId = m_usTaskID;
     poPdu->m_ulDataLength = sizeof ulTimerId;
-    std::memcpy(reinterpret_cast<char *>(poPdu) + sizeof(CZolMsgPdu), &ulTimerId, sizeof ulTimerId);
+    std::memcpy(zolPayload(poPdu), &ulTimerId, sizeof ulTimerId);
 
     // past the limit of the queue: a full one must never hold up the timer thread
     const int iResult = zolInbox().deliver(zolBlockOf(poPdu), m_ucTaskMgrID, true);

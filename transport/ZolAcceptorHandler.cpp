@@ -263,7 +263,7 @@ void CZolAcceptorHandler::handOver(std::unique_ptr<SZolP2PRequest> poP2P)
     poMsg->m_usSrcProcHandle = poMsg->m_usDestProcHandle = oSelf.getProcHandle();
     poMsg->m_ucDestModule = zolpipe::BUILT_IN_MODULE;
     poMsg->m_ulDataLength = ADDRESS_LENGTH;
-    std::memcpy(reinterpret_cast<char *>(poMsg) + zolpipe::HEADER_LENGTH, &poHanded, ADDRESS_LENGTH);
+    std::memcpy(zolPayload(poMsg), &poHanded, ADDRESS_LENGTH);
     CZolP2PDesk::instance().hand(poHanded);
     // To the manager itself and not by identity: that may change meanwhile, and an address must not leave the process.
     if (zolHost().sendLocal(poMsg, zolpipe::BUILT_IN_MODULE) != 0 && CZolP2PDesk::instance().take(poHanded))

@@ -73,7 +73,7 @@ int CZolConnection::joinBlocks(SZolBigMsgItem *poItem, CZolMsgPdu *poLast)
     while (CZolMemBlock *poBlock = poItem->m_poBlockList->popHead())
     {
         const CZolMsgPdu *poPart = zolPduOf(poBlock);
-        std::memcpy(pcTo, reinterpret_cast<const char *>(poPart) + poPart->m_usHeaderLength, poPart->m_ulDataLength);
+        std::memcpy(pcTo, zolPayload(poPart), poPart->m_ulDataLength);
         pcTo += poPart->m_ulDataLength;
         CZolMemBlock::freeMem(poBlock);
     }

@@ -112,7 +112,7 @@ void CAlmanac::respMsgProcess(const CZolMsgPdu *poMsg)
         return;
     }
     ACE_UINT32 ulTimerId = 0;
-    std::memcpy(&ulTimerId, reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength, sizeof ulTimerId);
+    std::memcpy(&ulTimerId, zolPayload(poMsg), sizeof ulTimerId);
     CJournal::instance().fired(ulTimerId);
 }
 

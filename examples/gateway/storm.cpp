@@ -81,7 +81,7 @@ private:
     void take(const CZolMsgPdu *poMsg)
     {
         std::uint32_t uiNumber;
-        std::memcpy(&uiNumber, reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength, sizeof uiNumber);
+        std::memcpy(&uiNumber, zolPayload(poMsg), sizeof uiNumber);
         const unsigned int uiFrom = poMsg->m_usSrcProcHandle - 1u;
         if (uiNumber != m_oNext[uiFrom])
         {
@@ -117,7 +117,7 @@ CZolMsgPdu *message(unsigned int uiFrom, unsigned int uiTo, std::uint32_t uiNumb
     poMsg->m_ucDestModule = MANAGER;
     poMsg->m_usDestSubModuleId = TASK;
     poMsg->m_ulDataLength = uiPayload;
-    char *const pcPayload = reinterpret_cast<char *>(poMsg) + sizeof(CZolMsgPdu);
+    char *const pcPayload = zolPayload(poMsg);
     std::memset(pcPayload, static_cast<int>(uiNumber), uiPayload);
     std::memcpy(pcPayload, &uiNumber, sizeof uiNumber);
     return poMsg;

@@ -11,8 +11,7 @@ namespace wordcount
 
 void CCollector::respMsgProcess(const CZolMsgPdu *poMsg)
 {
-    const std::string_view strBody(reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength,
-                                   poMsg->m_ulDataLength);
+    const std::string_view strBody(zolPayload(poMsg), poMsg->m_ulDataLength);
     if (poMsg->m_ulCmdID == CMD_PROGRESS)
     {
         m_ulCounted += std::strtoull(std::string(strBody).c_str(), nullptr, 10);

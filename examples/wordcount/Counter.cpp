@@ -18,8 +18,7 @@ void CCounter::respMsgProcess(const CZolMsgPdu *poMsg)
         break;
     case CMD_LINE:
     case CMD_PIECE:
-        countLine({reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength, poMsg->m_ulDataLength},
-                  poMsg->m_ulCmdID == CMD_LINE);
+        countLine({zolPayload(poMsg), poMsg->m_ulDataLength}, poMsg->m_ulCmdID == CMD_LINE);
         break;
     case CMD_FINISH:
         finish();

@@ -77,6 +77,13 @@ TEST(MsgPduTest, ExtremesOfTheArithmetic)
     oPdu.m_usHeaderLength = 0xFFFF;
     oPdu.m_ulDataLength = 0xFFFFFFFF;
     EXPECT_EQ(0x10000FFFEull, zolTotalLength(&oPdu)) << "the sum wrapped";
+
+    const std::unique_ptr<CZolMsgPdu> poLong(new (64) CZolMsgPdu);
+    const CZolMsgPdu *const poRead = poLong.get();
+    poLong->init();
+    poLong->m_usHeaderLength = 40;
+    EXPECT_EQ(40, zolPayload(poLong.get()) - reinterpret_cast<char *>(poLong.get()));
+    EXPECT_EQ(zolPayload(poLong.get()), zolPayload(poRead));
 }
 
 TEST(MsgPduTest, LongDumpReplacesTheText)

@@ -30,7 +30,7 @@ inline void runApplication(const std::function<void()> &fnBody)
 /// The payload of a message as text.
 inline std::string bodyOf(const CZolMsgPdu &oMsg)
 {
-    return {reinterpret_cast<const char *>(&oMsg) + oMsg.m_usHeaderLength, oMsg.m_ulDataLength};
+    return {zolPayload(&oMsg), oMsg.m_ulDataLength};
 }
 
 } // namespace zoltest

@@ -38,7 +38,7 @@ public:
 
     void respMsgProcess(const CZolMsgPdu *poMsg) override
     {
-        const char *const pcBody = reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength;
+        const char *const pcBody = zolPayload(poMsg);
         if (poMsg->m_ulCmdID == CMD_ECHO)
         {
             zol::sendRespMsg(*poMsg, pcBody, poMsg->m_ulDataLength);

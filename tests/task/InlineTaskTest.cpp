@@ -29,7 +29,7 @@ protected:
         EXPECT_EQ(uiCmd, oResponse->m_ulCmdID);
         EXPECT_EQ(BUILT_IN, oResponse->m_ucSrcModule);
         EXPECT_EQ(0, oResponse->m_usSrcSubModuleId);
-        return {reinterpret_cast<const char *>(poResponse) + 28, poResponse->m_ulDataLength};
+        return {zolPayload(poResponse), poResponse->m_ulDataLength};
     }
 
     static std::string word(unsigned int uiValue)
@@ -128,8 +128,7 @@ TEST_F(InlineTaskTest, PassesSuccessfulDumpsOnWhenTold)
                              return new CScriptedTask(
                                  [&](CZolTask &oTask, const CZolMsgPdu &oMsg)
                                  {
-                                     oTrace.add(
-                                         std::string(reinterpret_cast<const char *>(&oMsg) + 28, oMsg.m_ulDataLength));
+                                     oTrace.add(std::string(zolPayload(&oMsg), oMsg.m_ulDataLength));
                                      sendLocal(makeAnswer(oMsg, oMsg.m_ulCmdID));
                                      oTask.exitTask();
                                  });

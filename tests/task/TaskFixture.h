@@ -36,7 +36,7 @@ inline CZolMsgPdu *makeMsg(CZolMsgPdu::EnumZolPduType eType, unsigned char ucMan
     poMsg->m_ucDestModule = ucManager;
     poMsg->m_usDestSubModuleId = usTask;
     poMsg->m_ulDataLength = static_cast<ACE_UINT32>(strBody.size());
-    memcpy(reinterpret_cast<char *>(poMsg) + 28, strBody.data(), strBody.size());
+    memcpy(zolPayload(poMsg), strBody.data(), strBody.size());
     return poMsg;
 }
 

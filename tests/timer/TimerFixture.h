@@ -48,7 +48,7 @@ public:
     {
         ACE_UINT32 ulTimerId = 0;
         ASSERT_EQ(sizeof ulTimerId, poMsg->m_ulDataLength);
-        std::memcpy(&ulTimerId, reinterpret_cast<const char *>(poMsg) + poMsg->m_usHeaderLength, sizeof ulTimerId);
+        std::memcpy(&ulTimerId, zolPayload(poMsg), sizeof ulTimerId);
         const std::lock_guard<std::mutex> oGuard(m_oLock);
         ++m_oRequests[ulTimerId];
         m_ulCmd = poMsg->m_ulCmdID;

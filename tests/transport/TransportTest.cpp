@@ -157,7 +157,7 @@ CZolMsgPdu *newMessage(unsigned short usProc, unsigned short usHandle, unsigned 
     poPdu->m_ucDestModule = COLLECTOR;
     poPdu->m_usDestSubModuleId = SINK;
     poPdu->m_ulDataLength = static_cast<ACE_UINT32>(strBody.size());
-    std::memcpy(reinterpret_cast<char *>(poPdu) + 28, strBody.data(), strBody.size());
+    std::memcpy(zolPayload(poPdu), strBody.data(), strBody.size());
     return poPdu;
 }
 
