@@ -74,7 +74,8 @@ EnumZolVekVerdict CZolVekBackPressure::stall(CZolVekSession &oFrom, CZolVekSessi
         oTarget.m_oWaiters.push_back(&oFrom);
         ++m_oStatistics.m_ulStalls;
         std::uint64_t ulHeldBack = 0;
-        if (&oFrom != &oTarget && m_oSlowLines.pass(oTarget.m_uiKey, m_oAgenda.m_ulNowMs, ulHeldBack))
+        const bool bFull = !isLow(oTarget); // else oFrom waits for the end of a big message
+        if (&oFrom != &oTarget && bFull && m_oSlowLines.pass(oTarget.m_uiKey, m_oAgenda.m_ulNowMs, ulHeldBack))
         {
             CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekBackPressure::stall",
                              "%s is slow, %" PRIu64 " bytes wait for it; %s is not read until then, and %" PRIu64

@@ -48,8 +48,7 @@ public:
     /// gone.
     void queued(CZolVekSession *poFrom, CZolVekSession &oTarget, std::uint32_t uiBytes)
     {
-        ++m_oStatistics.m_ulFramesOut;
-        ++oTarget.m_ulFramesOut;
+        ++oTarget.m_ulFramesQueued;
         m_oAgenda.dirty(oTarget);
         if (m_bCountFlows && poFrom != nullptr)
         {

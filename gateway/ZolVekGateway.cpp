@@ -218,6 +218,7 @@ void CZolVekGateway::adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t u
     auto poSession = std::make_unique<CZolVekSession>(iSocket, uiAddress, usPort, ++m_ulLastSerial, &m_oMemory);
     CZolVekSession *const poPlain = poSession.get();
     poPlain->m_ulSinceMs = m_oAgenda.m_ulNowMs;
+    poPlain->m_lSinceWallMs = CZolVekReporter::wallMs();
     poPlain->m_ulReceivedMs = m_oAgenda.m_ulNowMs;
     poPlain->m_ulSentMs = m_oAgenda.m_ulNowMs;
     epoll_event oEvent{};
@@ -292,6 +293,7 @@ void CZolVekGateway::turn(CZolVekSession &oSession)
         if (iRead > 0)
         {
             oSession.m_ulReceivedMs = m_oAgenda.m_ulNowMs;
+            oSession.m_ulAskedMs = 0;
             oSession.m_ulBytesIn += static_cast<std::uint64_t>(iRead);
             m_oStatistics.m_ulBytesIn += static_cast<std::uint64_t>(iRead);
             takeFrames(oSession);
@@ -423,7 +425,18 @@ void CZolVekGateway::flush(CZolVekSession &oSession)
         dropQueued(oSession);
     }
     oSession.m_oOutbox.settle();
+    countSent(oSession);
     m_oRouter.wakeWaiters(oSession);
+}
+
+void CZolVekGateway::countSent(CZolVekSession &oSession)
+{
+    const std::uint64_t ulSent = oSession.m_oOutbox.sent();
+    if (oSession.m_eState == VEK_UP && ulSent > 0)
+    {
+        m_oStatistics.m_ulFramesOut += ulSent - 1 - oSession.m_ulFramesOut; // the first one answered its registration
+        oSession.m_ulFramesOut = ulSent - 1;
+    }
 }
 
 void CZolVekGateway::flushDirty()
@@ -466,6 +479,7 @@ void CZolVekGateway::dropQueued(CZolVekSession &oSession)
     oSession.m_ulUnsent += ulFrames;
     m_oStatistics.m_ulDropQueued += ulFrames;
     oSession.m_oOutbox.clear();
+    countSent(oSession);
     oSession.m_bBlocked = false;
     oSession.m_ulStuckSinceMs = 0;
 }
@@ -508,7 +522,7 @@ void CZolVekGateway::close(CZolVekSession &oSession)
         CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::close",
                          "%s is down: %s; messages in %" PRIu64 " out %" PRIu64 " of which waiting %" PRIu64,
                          oSession.name().c_str(), oSession.m_strDoom.c_str(),
-                         oSession.m_ulFramesIn - oSession.m_ulOwnIn, oSession.m_ulFramesOut - oSession.m_ulOwnOut,
+                         oSession.m_ulFramesIn - oSession.m_ulOwnIn, oSession.m_ulFramesQueued - oSession.m_ulOwnOut,
                          oSession.m_ulUnsent);
     }
     else if (m_oStrangerLines.pass(oSession.m_uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
@@ -629,8 +643,10 @@ void CZolVekGateway::sweep()
             if (poSession->m_oOutbox.isEmpty())
             {
                 poSession->m_oOutbox.shrink();
-                if (ulNow - poSession->m_ulSentMs >= std::uint64_t{1000} * m_oSettings.m_uiHelloSeconds)
+                if (ulNow - poSession->m_ulSentMs >= std::uint64_t{1000} * m_oSettings.m_uiHelloSeconds ||
+                    m_oReporter.wantsAnswer(*poSession, ulNow))
                 {
+                    poSession->m_ulAskedMs = poSession->m_ulAskedMs == 0 ? ulNow : poSession->m_ulAskedMs;
                     char acHello[VEK_HEADER_BYTES];
                     poSession->fillHello(acHello);
                     poSession->m_oOutbox.addHello(acHello);

@@ -96,6 +96,7 @@ private:
     bool mayRead(const CZolVekSession &oSession) const;
     bool takeFrames(CZolVekSession &oSession);
     void flush(CZolVekSession &oSession);
+    void countSent(CZolVekSession &oSession);
     void flushDirty();
     void closeDoomed();
     void close(CZolVekSession &oSession);

@@ -125,6 +125,7 @@ CZolVekOutbox::SItem CZolVekOutbox::item(EnumKind eKind, std::uint32_t uiLength)
     SItem oItem{};
     oItem.m_eKind = eKind;
     oItem.m_uiLength = uiLength;
+    oItem.m_uiFrames = 1;
     return oItem;
 }
 
@@ -142,12 +143,14 @@ void CZolVekOutbox::push(const SItem &oItem)
 
 void CZolVekOutbox::addBytes(const char *pcData, std::uint32_t uiLength)
 {
+    ++m_ulAdded;
     if (hasItems())
     {
         SItem &oLast = m_oItems.back();
         if (oLast.m_eKind == KIND_SPAN && oLast.m_pcSpan + oLast.m_uiLength == pcData)
         {
             oLast.m_uiLength += uiLength;
+            ++oLast.m_uiFrames;
             m_ulBytes += uiLength;
             return;
         }
@@ -160,6 +163,7 @@ void CZolVekOutbox::addBytes(const char *pcData, std::uint32_t uiLength)
 
 void CZolVekOutbox::addRecord(SZolVekRecord *poRecord, const SZolVekAddress &oAddress)
 {
+    ++m_ulAdded;
     poRecord->take();
     SItem oItem = item(KIND_RECORD, poRecord->m_uiLength);
     oItem.m_poRecord = poRecord;
@@ -179,6 +183,12 @@ void CZolVekOutbox::grow(SItem &oChunk, std::uint32_t uiCapacity)
 
 void CZolVekOutbox::addCopy(const char *pcData, std::uint32_t uiLength)
 {
+    ++m_ulAdded;
+    copyIn(pcData, uiLength, 1);
+}
+
+void CZolVekOutbox::copyIn(const char *pcData, std::uint32_t uiLength, std::uint32_t uiFrames)
+{
     // A chunk begins as large as its first frames and doubles, so that a list of records with little between them takes
     // no more than it holds; a backlog that has filled a chunk fills another.
     std::uint32_t uiCapacity = uiLength;
@@ -194,6 +204,7 @@ void CZolVekOutbox::addCopy(const char *pcData, std::uint32_t uiLength)
         {
             std::memcpy(oLast.m_pcChunk + oLast.m_uiLength, pcData, uiLength);
             oLast.m_uiLength = uiTogether;
+            oLast.m_uiFrames += uiFrames;
             m_ulBytes += uiLength;
             return;
         }
@@ -201,6 +212,7 @@ void CZolVekOutbox::addCopy(const char *pcData, std::uint32_t uiLength)
     }
     SItem oItem = item(KIND_CHUNK, uiLength);
     oItem.m_uiCapacity = uiCapacity;
+    oItem.m_uiFrames = uiFrames;
     oItem.m_pcChunk = new char[uiCapacity];
     std::memcpy(oItem.m_pcChunk, pcData, uiLength);
     m_poMemory->m_ulBytes += uiCapacity;
@@ -235,7 +247,7 @@ void CZolVekOutbox::settle()
         }
         m_ulBytes -= oItem.m_uiLength + ITEM_BYTES;
         m_poMemory->m_ulBytes -= ITEM_BYTES;
-        addCopy(oItem.m_pcSpan, oItem.m_uiLength);
+        copyIn(oItem.m_pcSpan, oItem.m_uiLength, oItem.m_uiFrames);
     }
     m_uiSpans = 0;
 }
@@ -243,11 +255,15 @@ void CZolVekOutbox::settle()
 void CZolVekOutbox::cutSentFrames(SItem &oSpan)
 {
     std::uint32_t uiStart = 0;
-    for (std::uint32_t uiNext = 0; uiNext <= m_uiHeadDone && uiNext < oSpan.m_uiLength;)
+    std::uint32_t uiSent = 0;
+    for (std::uint32_t uiNext = frameLength(oSpan.m_pcSpan); uiNext <= m_uiHeadDone && uiNext < oSpan.m_uiLength;)
     {
         uiStart = uiNext;
+        ++uiSent;
         uiNext += frameLength(oSpan.m_pcSpan + uiNext);
     }
+    oSpan.m_uiFrames -= uiSent;
+    m_ulSent += uiSent;
     // the frame on its way stays whole: an item begins where a frame begins
     oSpan.m_pcSpan += uiStart;
     oSpan.m_uiLength -= uiStart;
@@ -287,6 +303,7 @@ void CZolVekOutbox::addHello(const char *pcHello)
     std::memcpy(m_acHello, pcHello, sizeof m_acHello);
     m_ulBytes += sizeof m_acHello;
     ++m_uiHellos;
+    ++m_ulAdded;
 }
 
 /// Bytes of the first item that go ahead of the hellos: those that have left, and the rest of a frame on its way.
@@ -322,6 +339,7 @@ void CZolVekOutbox::consume(std::size_t ulBytes)
         const std::size_t ulHellos = std::min(ulBytes - ulAhead, m_uiHellos * sizeof m_acHello - m_uiHelloDone);
         const std::size_t ulDone = m_uiHelloDone + ulHellos;
         m_uiHellos -= static_cast<std::uint32_t>(ulDone / sizeof m_acHello);
+        m_ulSent += ulDone / sizeof m_acHello;
         m_uiHelloDone = static_cast<std::uint32_t>(ulDone % sizeof m_acHello);
         m_ulBytes -= ulHellos;
         ulBytes -= ulAhead + ulHellos;
@@ -344,6 +362,7 @@ void CZolVekOutbox::consumeItems(std::size_t ulBytes)
         ulBytes -= uiLeft;
         m_ulBytes -= uiLeft + overheadOf(oHead);
         m_uiHeadDone = 0;
+        m_ulSent += oHead.m_uiFrames;
         release(oHead);
         ++m_uiHead;
     }
@@ -388,6 +407,8 @@ std::uint64_t CZolVekOutbox::frames() const
 
 void CZolVekOutbox::clear()
 {
+    m_ulSent = m_ulAdded - frames() - m_uiHellos; // to the frame, also in a chunk that has left in part
+    m_ulAdded = m_ulSent;
     for (std::size_t ulAt = m_uiHead; ulAt < m_oItems.size(); ++ulAt)
     {
         release(m_oItems[ulAt]);
@@ -395,6 +416,8 @@ void CZolVekOutbox::clear()
     m_oItems.clear();
     m_uiHead = 0;
     m_uiHeadDone = 0;
+    m_uiHellos = 0;
+    m_uiHelloDone = 0;
     m_ulBytes = 0;
 }
 

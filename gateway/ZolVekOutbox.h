@@ -55,10 +55,10 @@ public:
     CZolVekOutbox(const CZolVekOutbox &) = delete;
     CZolVekOutbox &operator=(const CZolVekOutbox &) = delete;
 
-    /// Whole frames that stay where they are until settle().
+    /// A frame that stays where it is until settle().
     void addBytes(const char *pcData, std::uint32_t uiLength);
 
-    /// Whole frames that the caller reuses at once.
+    /// A frame whose bytes the caller reuses at once.
     void addCopy(const char *pcData, std::uint32_t uiLength);
 
     /// One frame; the outbox takes a reference of its own.
@@ -87,6 +87,10 @@ public:
     /// Frames of which not every byte has left, without hellos. Walks over all of them.
     std::uint64_t frames() const;
 
+    /// Frames that sockets have taken, hellos included. Those of a chunk count when all of it is taken, or at clear():
+    /// telling them apart would cost a walk with each flush of a backlog.
+    std::uint64_t sent() const { return m_ulSent; }
+
     /// Hellos among the waiting frames.
     unsigned int hellos() const { return m_uiHellos; }
 
@@ -107,6 +111,7 @@ private:
         };
         std::uint32_t m_uiLength;
         std::uint32_t m_uiCapacity; // chunk: bytes allocated
+        std::uint32_t m_uiFrames;   // that it holds
         EnumKind m_eKind;
         SZolVekAddress m_oAddress; // record only
     };
@@ -120,6 +125,7 @@ private:
     std::uint32_t frameEnd(const SItem &oItem, std::uint32_t uiDone) const;
     std::uint32_t helloPlace() const;
     void gather(CGather &oGather) const;
+    void copyIn(const char *pcData, std::uint32_t uiLength, std::uint32_t uiFrames);
     void cutSentFrames(SItem &oSpan);
     void push(const SItem &oItem);
     void release(SItem &oItem);
@@ -140,6 +146,8 @@ private:
     std::uint32_t m_uiHelloDone = 0; // bytes of the first one that have left
 
     std::uint64_t m_ulBytes = 0;
+    std::uint64_t m_ulAdded = 0; // frames ever
+    std::uint64_t m_ulSent = 0;  // of them those in items that have left
 };
 
 #endif

@@ -10,15 +10,10 @@ namespace
 
 const std::uint64_t FLOWS_COUNT_MS = 15000;   // flows are counted for so long after somebody wanted them
 const std::uint64_t SLOW_AFTER_MS = 5000;     // a pipe that took nothing for so long, with something waiting
+const std::uint64_t ASK_AFTER_MS = 2000;      // without a byte from a process that was sent something
+const std::uint64_t SILENT_AFTER_MS = 3000;   // without an answer to a hello
 const std::size_t MOST_SUBSCRIPTIONS = 20000; // that are listed
 const std::uint64_t SLOW_QUEUE_SHARE = 2;     // a queue that is full to one of so many parts
-
-std::int64_t wallMs()
-{
-    timespec oNow{};
-    clock_gettime(CLOCK_REALTIME, &oNow);
-    return static_cast<std::int64_t>(oNow.tv_sec) * 1000 + oNow.tv_nsec / 1000000;
-}
 
 } // namespace
 
@@ -26,6 +21,13 @@ CZolVekReporter::CZolVekReporter(const SZolVekSettings &oSettings, const SZolVek
                                  const CZolVekRoutes &oRoutes, CZolVekRouter &oRouter)
     : m_oSettings(oSettings), m_oStatistics(oStatistics), m_oRoutes(oRoutes), m_oRouter(oRouter), m_lStartedMs(wallMs())
 {
+}
+
+std::int64_t CZolVekReporter::wallMs()
+{
+    timespec oNow{};
+    clock_gettime(CLOCK_REALTIME, &oNow);
+    return static_cast<std::int64_t>(oNow.tv_sec) * 1000 + oNow.tv_nsec / 1000000;
 }
 
 void CZolVekReporter::turnEnds()
@@ -104,6 +106,19 @@ bool CZolVekReporter::isSlow(const CZolVekSession &oSession, std::uint64_t ulNow
            (oSession.m_ulStuckSinceMs != 0 && ulNowMs - oSession.m_ulStuckSinceMs >= SLOW_AFTER_MS);
 }
 
+bool CZolVekReporter::wantsAnswer(const CZolVekSession &oSession, std::uint64_t ulNowMs) const
+{
+    return m_ulFlowsWantedMs != 0 && oSession.m_ulAskedMs == 0 && oSession.m_poWaitsFor == nullptr &&
+           oSession.m_ulSentMs > oSession.m_ulReceivedMs && ulNowMs - oSession.m_ulReceivedMs >= ASK_AFTER_MS;
+}
+
+// What waits in the kernel of a stopped process takes nothing from our queue for a long time, so it is not slow.
+bool CZolVekReporter::isSilent(const CZolVekSession &oSession, std::uint64_t ulNowMs)
+{
+    const bool bUnread = oSession.m_bReadable || oSession.m_poWaitsFor != nullptr || oSession.m_bThrottled;
+    return !bUnread && oSession.m_ulAskedMs != 0 && ulNowMs - oSession.m_ulAskedMs >= SILENT_AFTER_MS;
+}
+
 void CZolVekReporter::fillPipes(SZolGatewaySnapshot &oSnapshot, std::uint64_t ulNowMs) const
 {
     oSnapshot.m_oPipes.reserve(m_oRoutes.size());
@@ -116,8 +131,9 @@ void CZolVekReporter::fillPipes(SZolGatewaySnapshot &oSnapshot, std::uint64_t ul
             oPipe.m_ulAddress = poSession->m_uiAddress;
             oPipe.m_usPort = poSession->m_usPort;
             oPipe.m_bSlow = isSlow(*poSession, ulNowMs);
+            oPipe.m_bSilent = isSilent(*poSession, ulNowMs);
             oPipe.m_bHeld = poSession->m_poWaitsFor != nullptr || poSession->m_bThrottled;
-            oPipe.m_lSinceMs = oSnapshot.m_lTakenMs - static_cast<std::int64_t>(ulNowMs - poSession->m_ulSinceMs);
+            oPipe.m_lSinceMs = poSession->m_lSinceWallMs; // worked out here it would jump by a millisecond
             oPipe.m_lSilentMs = static_cast<std::int64_t>(ulNowMs - poSession->m_ulReceivedMs);
             oPipe.m_ulFramesIn = poSession->m_ulFramesIn;
             oPipe.m_ulBytesIn = poSession->m_ulBytesIn;

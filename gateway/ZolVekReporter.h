@@ -32,6 +32,13 @@ public:
     /// Once a second.
     void tick(std::uint64_t ulNowMs);
 
+    /// Somebody looks, and the process has said nothing since something was sent to it, for longer than a moment: a
+    /// hello finds out whether it has stopped or only has nothing to say.
+    bool wantsAnswer(const CZolVekSession &oSession, std::uint64_t ulNowMs) const;
+
+    /// Milliseconds since the epoch.
+    static std::int64_t wallMs();
+
 private:
     static std::uint64_t nanoseconds()
     {
@@ -44,6 +51,7 @@ private:
     void fillEdges(SZolGatewaySnapshot &oSnapshot) const;
     void fillSubscriptions(SZolGatewaySnapshot &oSnapshot) const;
     void fillSettings(SZolGatewaySnapshot &oSnapshot) const;
+    static bool isSilent(const CZolVekSession &oSession, std::uint64_t ulNowMs);
     bool isSlow(const CZolVekSession &oSession, std::uint64_t ulNowMs) const;
 
     const SZolVekSettings &m_oSettings;

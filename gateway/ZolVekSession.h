@@ -134,14 +134,17 @@ public:
     std::uint64_t m_ulBrokenMs = 0;     ///< when it broke
     std::uint64_t m_ulUnsent = 0;       ///< frames that waited for it when it broke
     std::uint64_t m_ulSinceMs = 0;      ///< connected
+    std::int64_t m_lSinceWallMs = 0;    ///< the same, milliseconds since the epoch
+    std::uint64_t m_ulAskedMs = 0;      ///< since when a hello of ours is not answered by any byte; 0 is none
     std::uint64_t m_ulReceivedMs = 0;   ///< last byte from the peer
     std::uint64_t m_ulSentMs = 0;       ///< last byte that the socket took
     std::uint64_t m_ulStuckSinceMs = 0; ///< since when a waiting frame has not moved; 0 is none
     std::uint64_t m_ulFramesIn = 0;
     std::uint64_t m_ulBytesIn = 0;
-    std::uint64_t m_ulFramesOut = 0;     ///< queued for it
+    std::uint64_t m_ulFramesOut = 0;     ///< taken by its socket, as far as they are counted
+    std::uint64_t m_ulFramesQueued = 0;  ///< for it
     std::uint64_t m_ulOwnIn = 0;         ///< of the frames in: hellos and questions, which go to nobody else
-    std::uint64_t m_ulOwnOut = 0;        ///< of the frames out: echoes and answers
+    std::uint64_t m_ulOwnOut = 0;        ///< of the queued ones: echoes and answers
     std::uint64_t m_ulFramesDropped = 0; ///< meant for it, and dropped because its queue was full
     std::uint64_t m_ulBytesOut = 0;
 

@@ -97,9 +97,8 @@ const std::vector<SZolVekKeyInfo> &zolVekKeys();
 
 /// Turns entries into settings.
 ///
-/// Errors: nothing is thrown. Every bad entry adds a line of the form "origin: key: what is wrong" to the faults, a
-/// line
-///         that cannot be one "origin: what is wrong", and settings() is to be used only if there is none.
+/// Errors: nothing is thrown. Every bad entry adds "origin: key: what is wrong" to the faults, a line that cannot be an
+///         entry "origin: what is wrong", and settings() is to be used only if there is none.
 class CZolVekSettingsReader
 {
 public:

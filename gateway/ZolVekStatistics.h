@@ -8,7 +8,7 @@ struct SZolVekStatistics
 {
     std::uint64_t m_ulFramesIn = 0;
     std::uint64_t m_ulBytesIn = 0;
-    std::uint64_t m_ulFramesOut = 0; ///< queued for a pipe; a publication counts once for each subscriber
+    std::uint64_t m_ulFramesOut = 0; ///< taken by sockets; a publication counts once for each subscriber
     std::uint64_t m_ulBytesOut = 0;  ///< taken by sockets
 
     std::uint64_t m_ulDropNoRoute = 0;   ///< no pipe to the destination

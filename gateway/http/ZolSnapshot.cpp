@@ -79,7 +79,8 @@ void CZolSnapshotExchange::end()
 const SZolGatewaySnapshot *CZolSnapshotExchange::get(std::chrono::milliseconds oMaxAge, std::chrono::milliseconds oWait,
                                                      bool bWatched)
 {
-    if (m_poPresent != nullptr && std::chrono::steady_clock::now() - m_oReceived < oMaxAge)
+    const auto hasAll = [this, bWatched] { return m_poPresent->m_bWatched || !bWatched; };
+    if (m_poPresent != nullptr && hasAll() && std::chrono::steady_clock::now() - m_oReceived < oMaxAge)
     {
         return m_poPresent;
     }
@@ -87,23 +88,35 @@ const SZolGatewaySnapshot *CZolSnapshotExchange::get(std::chrono::milliseconds o
     {
         (void)waitFilled(std::chrono::milliseconds(0)); // came after its asker had given up: too old by now
     }
-    if (!m_bOutstanding)
-    {
-        SZolGatewaySnapshot *const poFree = m_poPresent == &m_aoRecords[0] ? &m_aoRecords[1] : &m_aoRecords[0];
-        poFree->clear();
-        poFree->m_bWatched = bWatched;
-        m_poAsked.store(poFree, std::memory_order_release);
-        m_bOutstanding = true;
-        signalFd(m_iAskedFd);
-    }
+    ask(bWatched);
     const auto oNow = std::chrono::steady_clock::now();
     const bool bTriedJustNow = m_bSilent && oNow - m_oGivenUp < oMaxAge;
-    m_bSilent = !waitFilled(bTriedJustNow ? std::chrono::milliseconds(0) : oWait);
+    const auto oPatience = bTriedJustNow ? std::chrono::milliseconds(0) : oWait;
+    m_bSilent = !waitFilled(oPatience);
+    if (!m_bSilent && !hasAll()) // it was asked for less before
+    {
+        ask(bWatched);
+        m_bSilent = !waitFilled(oPatience);
+    }
     if (m_bSilent && !bTriedJustNow)
     {
         m_oGivenUp = std::chrono::steady_clock::now();
     }
     return m_bSilent ? nullptr : m_poPresent;
+}
+
+void CZolSnapshotExchange::ask(bool bWatched)
+{
+    if (m_bOutstanding)
+    {
+        return;
+    }
+    SZolGatewaySnapshot *const poFree = m_poPresent == &m_aoRecords[0] ? &m_aoRecords[1] : &m_aoRecords[0];
+    poFree->clear();
+    poFree->m_bWatched = bWatched;
+    m_poAsked.store(poFree, std::memory_order_release);
+    m_bOutstanding = true;
+    signalFd(m_iAskedFd);
 }
 
 // An answer that does not come in time is still owed: the next get() takes it from its slot or goes on waiting for it,

@@ -15,8 +15,9 @@ struct SZolPipeView
     std::uint32_t m_ulAddress = 0;   ///< IPv4 address of the peer, host order
     unsigned short m_usPort = 0;     ///< port of the peer, host order
     bool m_bSlow = false;            ///< takes its messages more slowly than they come
+    bool m_bSilent = false;          ///< does not answer a hello
     bool m_bHeld = false;            ///< not read at present: what it sends to is slow, or it exceeds its rate
-    std::int64_t m_lSinceMs = 0;     ///< when it registered, milliseconds since the epoch
+    std::int64_t m_lSinceMs = 0;     ///< when it connected, milliseconds since the epoch; never changes
     std::int64_t m_lSilentMs = 0;    ///< milliseconds since its last byte came in
     std::uint64_t m_ulFramesIn = 0;  ///< from the process to the gateway
     std::uint64_t m_ulBytesIn = 0;   ///< header bytes included, as all bytes here
@@ -162,13 +163,14 @@ public:
 
     /// A snapshot not older than oMaxAge, waiting for the routing thread for at most oWait; null if that does not
     /// answer in time. Belongs to the exchange and stays as it is until the next call.
-    /// bWatched asks for the lists behind the pipes too; they may be missing in one that was there already.
+    /// bWatched asks for the lists behind the pipes too.
     const SZolGatewaySnapshot *get(std::chrono::milliseconds oMaxAge, std::chrono::milliseconds oWait, bool bWatched);
 
     /// Counts the snapshots that get() has received: tells whether one that was rendered is still the present one.
     std::uint64_t number() const { return m_ulNumber; }
 
 private:
+    void ask(bool bWatched);
     bool waitFilled(std::chrono::milliseconds oWait);
 
     int m_iAskedFd;  // eventfd, written by get()

@@ -145,6 +145,7 @@ void appendPipe(CJsonText &oJson, const SZolPipeView &oPipe)
     oJson.number("queue_limit_bytes", oPipe.m_ulQueueLimitBytes);
     oJson.flag("slow", oPipe.m_bSlow);
     oJson.flag("held", oPipe.m_bHeld);
+    oJson.flag("silent", oPipe.m_bSilent);
     oJson.close('}');
 }
 

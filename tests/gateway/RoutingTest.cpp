@@ -201,7 +201,7 @@ TEST_F(RoutingTest, AnswersHellosAheadOfBulk)
     {
         ASSERT_TRUE(oA.send(frame(1, A, B, std::string(100000, 'x')).wire()));
     }
-    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulFramesOut >= ulFrames; }));
+    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulFramesIn >= ulFrames; }));
     SFrame oHello;
     oHello.m_ucType = 4;
     ASSERT_TRUE(oB.send(oHello.wire()));

@@ -80,6 +80,9 @@ TEST_F(GatewayStatusTest, CountsWhatPassed)
     subscribe(oB, 500, 5, 3);
     observe();
     EXPECT_TRUE(look().m_oEdges.empty()) << "nobody had looked before";
+    const std::int64_t lSinceMs = pipeOf(look(), A).m_lSinceMs;
+    gateway().pass(500ms);
+    EXPECT_EQ(lSinceMs, pipeOf(look(), A).m_lSinceMs) << "the page would take it for another one";
     for (int iNumber = 0; iNumber < 5; ++iNumber)
     {
         ASSERT_TRUE(oA.send(frame(1, A, B, "12345").wire()));
@@ -156,6 +159,60 @@ TEST_F(GatewayStatusTest, CountsDropsForWhomTheyWereMeant)
     const SZolGatewaySnapshot &oSnapshot = look();
     EXPECT_EQ(pipeOf(oSnapshot, B).m_ulFramesDropped, countOf(oSnapshot.m_oDrops, "slow_consumer"));
     EXPECT_EQ(0u, pipeOf(oSnapshot, A).m_ulFramesDropped);
+}
+
+// A frame counts as sent once it has left. Those that never do are dropped, and nothing else.
+TEST_F(GatewayStatusTest, CountsEachFrameAsSentOrDropped)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    observe();
+    const std::uint64_t ulFrames = 1200; // far more than sockets take
+    const std::uint64_t ulRead = 200;
+    for (std::uint64_t i = 0; i < ulFrames; ++i)
+    {
+        ASSERT_TRUE(oA.send(frame(1, A, B, std::string(i % 2 == 0 ? 60000 : 20, 'x')).wire()));
+    }
+    ASSERT_TRUE(waitUntil([&] { return look().m_ulFramesIn == ulFrames; }));
+    EXPECT_EQ(pipeOf(look(), B).m_ulFramesOut, look().m_ulFramesOut);
+    EXPECT_GT(look().m_ulFramesOut, 0u);
+    EXPECT_LT(look().m_ulFramesOut, ulFrames);
+    for (std::uint64_t i = 0; i < ulRead; ++i) // so that the backlog moves, chunk by chunk
+    {
+        (void)next(oB);
+    }
+    oB.close();
+    ASSERT_TRUE(waitUntil([&] { return look().m_oPipes.size() == 1; }));
+    const SZolGatewaySnapshot &oSnapshot = look();
+    EXPECT_GE(oSnapshot.m_ulFramesOut, ulRead);
+    EXPECT_GT(countOf(oSnapshot.m_oDrops, "pipe_closed"), 0u);
+    EXPECT_EQ(ulFrames, oSnapshot.m_ulFramesOut + countOf(oSnapshot.m_oDrops, "pipe_closed"));
+}
+
+// A stopped process takes what its kernel has room for. What tells it from one that has nothing to say is a hello.
+TEST_F(GatewayStatusTest, MarksWhoDoesNotAnswer)
+{
+    CRawPipe oA = pipe(7, 1);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oC = pipe(9, 1);
+    observe();
+    (void)look();
+    gateway().pass(50ms);
+    ASSERT_TRUE(oA.send(frame(1, A, B, "b").wire() + frame(1, A, C, "c").wire()));
+    EXPECT_EQ("c", next(oC).m_strBody);
+    EXPECT_FALSE(pipeOf(look(), B).m_bSilent);
+    gateway().pass(4s);
+    SFrame oHello;
+    ASSERT_TRUE(oC.readFrame(oHello));
+    EXPECT_EQ(4, oHello.m_ucType);
+    ASSERT_TRUE(oC.send(oHello.wire()));
+    expectSilence(oA);
+    gateway().pass(4s);
+    ASSERT_TRUE(waitUntil([&] { return pipeOf(look(), B).m_bSilent; }));
+    EXPECT_FALSE(pipeOf(look(), C).m_bSilent) << "it answers";
+    EXPECT_FALSE(pipeOf(look(), A).m_bSilent) << "nobody sends to it";
+    ASSERT_TRUE(oB.send(oHello.wire()));
+    EXPECT_TRUE(waitUntil([&] { return !pipeOf(look(), B).m_bSilent; }));
 }
 
 // What a scrape asks for is little, and whoever has gone is no longer pointed to.

@@ -74,7 +74,7 @@ TEST_F(VekHttpTest, TellsThatItDrains)
     {
         ASSERT_TRUE(oPipe.send(strFrame));
     }
-    ASSERT_TRUE(waitUntil([this] { return countOf(get("/metrics"), "zol_vek_frames_sent_total 4\n") == 1; }));
+    ASSERT_TRUE(waitUntil([this] { return countOf(get("/metrics"), "zol_vek_frames_received_total 4\n") == 1; }));
     m_poVek->signal(SIGTERM);
     EXPECT_TRUE(waitUntil([this] { return get("/healthz").find("\r\n\r\ndraining\n") != std::string::npos; }));
     m_poVek->signal(SIGTERM); // the second one does not wait

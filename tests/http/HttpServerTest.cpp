@@ -121,6 +121,11 @@ TEST(SnapshotExchangeTest, AsksOnceAndKeepsWhatIsYoung)
         EXPECT_EQ(1u, oExchange.number());
         EXPECT_NE(poFirst, oExchange.get(0ms, 20s, true));
         EXPECT_EQ(2u, oExchange.number());
+        EXPECT_TRUE(oExchange.get(0ms, 20s, false) != nullptr);
+        EXPECT_TRUE(oExchange.get(1h, 20s, true)->m_bWatched) << "one with less was young";
+        EXPECT_EQ(4u, oExchange.number());
+        (void)oExchange.get(1h, 20s, false);
+        EXPECT_EQ(4u, oExchange.number());
     }
     EXPECT_FALSE(isReadable(oExchange.askedFd())) << "a question was left that nobody asked";
 }

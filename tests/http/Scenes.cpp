@@ -157,6 +157,8 @@ void fillSlow(SZolGatewaySnapshot &oSnapshot, double dSeconds)
     {
         oSnapshot.m_oPipes[oEdge.m_uiFrom].m_bHeld |= oEdge.m_uiTo == 12;
     }
+    oSnapshot.m_oPipes[44].m_bSilent = true;
+    oSnapshot.m_oPipes[44].m_lSilentMs = 41000;
     SZolPipeView &oLosing = oSnapshot.m_oPipes[33];
     oLosing.m_ulFramesDropped = counted(14, dSeconds);
     oSnapshot.m_oDrops[1].m_ulCount = oLosing.m_ulFramesDropped;

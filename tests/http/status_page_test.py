@@ -88,6 +88,14 @@ class StatusPageTest(unittest.TestCase):
         self.assertEqual("No process has registered.", self.text("#none"))
         self.assertIn("nothing is being dropped", self.text("#attention"))
         self.picture("idle")
+        self.assertEqual(
+            ["No process has registered.", "Nobody has talked to anybody yet.",
+             "Nobody has talked to anybody since this page was opened."],
+            self.browser.run("""(() => {
+              const one = (frames) => { model.list = [{}]; map.edges = []; model.snapshot.totals.frames_in = frames;
+                                        showCaption(""); return byId("caption").textContent; };
+              return [byId("caption").textContent, one(0), one(11892)];
+            })()"""))
 
     def test_figures_live(self):
         self.show("load")
@@ -147,10 +155,11 @@ class StatusPageTest(unittest.TestCase):
 
     def test_shows_what_is_slow_first(self):
         self.show("slow")
-        self.assertEqual(["20.13", "36.34", "10.4"], self.keys()[:3])
-        self.assertEqual(["slow", "dropped", "held"], self.column("state")[:3])
+        self.assertEqual(["20.13", "36.34", "33.45", "10.4"], self.keys()[:4])
+        self.assertEqual(["slow", "dropped", "silent", "held"], self.column("state")[:4])
+        self.assertIn("33.45 does not answer", self.text("#attention"))
         self.assertIn("20.13 is slow", self.text("#attention"))
-        self.assertIn("slow or dropped", self.browser.run("document.title"))
+        self.assertIn("slow, dropped or silent", self.browser.run("document.title"))
         self.assertEqual("1", self.browser.run("figureParts.slow.value.textContent"))
         self.assertTrue(self.browser.run("document.querySelector('#map .edge.to-slow') != null"))
         self.picture("slow")

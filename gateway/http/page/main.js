@@ -16,8 +16,8 @@ function showTop() {
   setText(byId("uptime"), "up " + ageText(model.snapshot.uptime_seconds * 1000));
   setText(byId("version"), model.snapshot.version);
   setText(byId("clock"), clockText(model.snapshot.taken_ms));
-  const wrong = model.list.filter((pipe) => pipe.raw.slow || pipe.dropping).length;
-  document.title = silent ? "vek: no answer" : draining ? "vek: draining" : wrong ? `vek: ${wrong} slow or dropped` : "vek";
+  const wrong = model.list.filter((pipe) => pipe.raw.slow || pipe.raw.silent || pipe.dropping).length;
+  document.title = silent ? "vek: no answer" : draining ? "vek: draining" : wrong ? `vek: ${wrong} slow, dropped or silent` : "vek";
   const colour = silent || wrong ? "%23d1372c" : draining ? "%23c98a1b" : "%233c9a63";
   const href = `data:image/svg+xml,<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 16 16'><circle cx='8' cy='8' r='7' fill='${colour}'/></svg>`;
   if (byId("icon").getAttribute("href") !== href) byId("icon").setAttribute("href", href);

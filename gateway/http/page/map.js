@@ -19,7 +19,7 @@ function chooseNodes() {
   const rates = new Map();
   for (const pipe of model.list) {
     const id = String(pipe.raw.id);
-    rates.set(id, (rates.get(id) || 0) + pipe.inRate + pipe.outRate + (pipe.raw.slow || pipe.dropping ? 1e12 : 0));
+    rates.set(id, (rates.get(id) || 0) + pipe.inRate + pipe.outRate + (pipe.raw.slow || pipe.raw.silent || pipe.dropping ? 1e12 : 0));
   }
   const gone = [...map.chosen].some((id) => !rates.has(id));
   if (!gone && now - map.chosenAt < 10000 && map.chosen.size === Math.min(rates.size, rates.size > MOST_NODES ? MOST_NODES - 1 : MOST_NODES)) return;
@@ -51,7 +51,8 @@ function gatherEdges() {
     let sum = edges.get(name);
     if (!sum) edges.set(name, sum = { from, to, rate: 0, slow: false });
     sum.rate += edge.rate;
-    sum.slow = sum.slow || model.pipes.get(edge.to).raw.slow;
+    const { slow, silent } = model.pipes.get(edge.to).raw;
+    sum.slow = sum.slow || slow || silent;
   }
   return [...edges.values()].sort((a, b) => b.slow - a.slow || b.rate - a.rate).slice(0, MOST_EDGES);
 }
@@ -184,11 +185,16 @@ function line(title, words) {
   div.append(make("b", "", title), document.createTextNode(" " + words));
   return div;
 }
+// Who talks to whom is counted only while somebody looks, and this page may have been opened late.
+function nobodyText() {
+  return model.snapshot.totals.frames_in === 0 ? "Nobody has talked to anybody yet."
+    : "Nobody has talked to anybody since this page was opened.";
+}
 function showCaption(name) {
   const caption = byId("caption"), node = map.nodes.get(name);
   if (!node) {
     caption.replaceChildren(make("div", "", model.list.length === 0 ? "No process has registered."
-      : map.edges.length === 0 ? "Nobody has talked to anybody yet." : "An edge is wide where it leaves and pointed where it arrives. Select a process to see its neighbours."));
+      : map.edges.length === 0 ? nobodyText() : "An edge is wide where it leaves and pointed where it arrives. Select a process to see its neighbours."));
     return;
   }
   const lines = [];

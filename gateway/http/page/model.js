@@ -40,7 +40,7 @@ function takePipe(raw, now) {
   pipe.track.add(now, [raw.frames_in, raw.frames_out, raw.bytes_in + raw.bytes_out]);
   [pipe.inRate, pipe.outRate, pipe.byteRate] = pipe.track.rates();
   pipe.dropping = pipe.droppedAt > 0 && now - pipe.droppedAt < DROP_MARK_MS;
-  pipe.state = raw.slow ? "slow" : pipe.dropping ? "drop" : raw.held ? "held" : pipe.inRate + pipe.outRate > 0 ? "busy" : "idle";
+  pipe.state = raw.slow ? "slow" : pipe.dropping ? "drop" : raw.silent ? "silent" : raw.held ? "held" : pipe.inRate + pipe.outRate > 0 ? "busy" : "idle";
   return pipe;
 }
 

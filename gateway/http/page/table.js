@@ -2,8 +2,8 @@
 
 const ROW = 24; // height of a table row, as --row
 
-const STATE_RANK = { slow: 4, drop: 3, held: 2, busy: 1, idle: 0 };
-const STATE_TEXT = { slow: "slow", drop: "dropped", held: "held", busy: "busy", idle: "idle" };
+const STATE_RANK = { slow: 5, drop: 4, silent: 3, held: 2, busy: 1, idle: 0 };
+const STATE_TEXT = { slow: "slow", drop: "dropped", silent: "silent", held: "held", busy: "busy", idle: "idle" };
 const COLUMNS = [
   { name: "state", label: "state", css: "c-state w-mark", value: (p) => STATE_RANK[p.state], down: true },
   { name: "process", label: "process", css: "c-process w-process", value: (p) => p.raw.id * 65536 + p.raw.handle, down: false },
@@ -16,7 +16,7 @@ const COLUMNS = [
   { name: "silent", label: "silent", css: "c-silent n w-age", value: (p) => p.raw.silent_ms, down: true },
   { name: "since", label: "up", css: "c-since n w-age", value: (p) => model.snapshot.taken_ms - p.raw.since_ms, down: true },
 ];
-const CHOICES = [["", "all"], ["slow", "slow"], ["held", "held"], ["dropped", "dropped"], ["busy", "busy"]];
+const CHOICES = [["", "all"], ["slow", "slow"], ["silent", "silent"], ["held", "held"], ["dropped", "dropped"], ["busy", "busy"]];
 const view = { sort: "state", down: true, filter: "", selected: "", order: [], pointerInside: false, rows: [] };
 
 function addressRank(address) {
@@ -30,10 +30,11 @@ function matches(pipe, words) {
   return words.every((word) => {
     switch (word) {
     case "slow": return pipe.raw.slow;
+    case "silent": return pipe.raw.silent;
     case "held": return pipe.raw.held;
     case "dropped": return pipe.raw.dropped > 0;
     case "busy": return pipe.inRate + pipe.outRate > 0;
-    case "idle": return pipe.inRate + pipe.outRate === 0;
+    case "idle": return pipe.inRate + pipe.outRate === 0 && !pipe.raw.silent;
     default: return pipe.key.startsWith(word) || (word.includes(".") && pipe.raw.address.startsWith(word));
     }
   });
