@@ -23,6 +23,8 @@
 namespace
 {
 
+constexpr suseconds_t REST_USEC = 100000; // before callers that could be neither taken nor sent away are tried again
+
 // A descriptor for later, of a kind that costs nothing.
 int openReserve()
 {
@@ -117,14 +119,17 @@ CZolConnection *CZolAcceptorHandler::acceptConnection()
     const int iSocket = ::accept4(get_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (iSocket < 0)
     {
-        if (errno == EMFILE || errno == ENFILE)
+        const int iError = errno;
+        if (iError == EAGAIN || iError == EWOULDBLOCK)
         {
-            refuseForWantOfDescriptors();
+            return nullptr;
         }
-        if (errno != EAGAIN && errno != EWOULDBLOCK)
+        const bool bOutOfDescriptors = iError == EMFILE || iError == ENFILE;
+        if ((bOutOfDescriptors && !refuseForWantOfDescriptors()) || iError == ENOBUFS || iError == ENOMEM)
         {
-            CZolDebugInfo("CZolAcceptorHandler::handle_input").error("accept connection request failed.");
+            rest();
         }
+        CZolDebugInfo("CZolAcceptorHandler::handle_input").error("accept connection request failed.");
         return nullptr;
     }
     zolsocket::prepare(iSocket);
@@ -134,20 +139,37 @@ CZolConnection *CZolAcceptorHandler::acceptConnection()
 }
 
 // A caller that waits in the backlog keeps the listening socket readable, and the reactor would come back here at once
-// and for ever. So it is taken with the descriptor in reserve, and sent away.
-void CZolAcceptorHandler::refuseForWantOfDescriptors()
+// and for ever. So it is taken with the descriptor in reserve, and sent away. False: it is still there.
+bool CZolAcceptorHandler::refuseForWantOfDescriptors()
 {
+    int iSocket = -1;
     if (m_iReserve >= 0)
     {
         ::close(m_iReserve);
-        const int iSocket = ::accept4(get_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+        iSocket = ::accept4(get_handle(), nullptr, nullptr, SOCK_CLOEXEC);
         if (iSocket >= 0)
         {
             ::close(iSocket);
         }
     }
     m_iReserve = openReserve();
-    errno = EMFILE;
+    return iSocket >= 0;
+}
+
+// What nothing can be done about now is left alone for a moment, in which the pipes have the reactor to themselves.
+void CZolAcceptorHandler::rest()
+{
+    ACE_Reactor *poReactor = zolHost().getReactor();
+    if (poReactor->schedule_timer(this, nullptr, ACE_Time_Value(0, REST_USEC)) >= 0)
+    {
+        poReactor->remove_handler(this, ACE_Event_Handler::ACCEPT_MASK | ACE_Event_Handler::DONT_CALL);
+    }
+}
+
+int CZolAcceptorHandler::handle_timeout(const ACE_Time_Value & /*oNow*/, const void * /*pvArg*/)
+{
+    zolHost().getReactor()->register_handler(this, ACE_Event_Handler::ACCEPT_MASK);
+    return 0;
 }
 
 void CZolAcceptorHandler::readFirstMessage(CZolConnection *poConn)

@@ -23,7 +23,8 @@ public:
     ~CZolAcceptorHandler() override;
 
     ACE_HANDLE get_handle() const override;
-    int handle_input(ACE_HANDLE oHandle) override;     ///< 0 always, so that the port stays open
+    int handle_input(ACE_HANDLE oHandle) override; ///< 0 always, so that the port stays open
+    int handle_timeout(const ACE_Time_Value &oNow, const void *pvArg) override; ///< the end of a rest
     int handle_exception(ACE_HANDLE oHandle) override; ///< the reactor's answer to wakeForUnread(); 0
 
     /// Opens the port on all interfaces and registers with the reactor: 0 or -1. One port per process.
@@ -41,7 +42,8 @@ private:
     CZolAcceptorHandler() = default;
 
     CZolConnection *acceptConnection();
-    void refuseForWantOfDescriptors();
+    bool refuseForWantOfDescriptors();
+    void rest();
     void readFirstMessage(CZolConnection *poConn);
     static bool readBody(CZolConnection *poConn, CZolMsgPdu *poPdu);
     static void takeRequest(CZolConnRef oConn, const CZolMsgPdu &oHeader);
