@@ -294,7 +294,7 @@ TEST_F(PublicationTest, ClosesAPipeThatBeginsBigMessagesWithoutEnd)
         {
             strBlocks += block(ucType, 0x10000 + i, uiTo, 1, "").wire();
         }
-        oA.send(strBlocks, 1s);
+        oA.send(strBlocks);
         EXPECT_TRUE(oA.waitClosed());
     }
     EXPECT_TRUE(oB.isOpen());

@@ -193,10 +193,10 @@ TEST_F(RoutingTest, BroadcastsToAllButTheSender)
 
 TEST_F(RoutingTest, AnswersHellosAheadOfBulk)
 {
-    m_oSettings.m_ulPipeQueueBytes = 64 << 20;
+    const std::size_t ulFrames = 4 * kernelBuffers() / 100000;
+    m_oSettings.m_ulPipeQueueBytes = 2 * ulFrames * 100000;
     CRawPipe oA = pipe(7, 1);
     CRawPipe oB = pipe(8, 1);
-    const std::size_t ulFrames = 400;
     for (std::size_t i = 0; i < ulFrames; ++i)
     {
         ASSERT_TRUE(oA.send(frame(1, A, B, std::string(100000, 'x')).wire()));

@@ -2,6 +2,7 @@
 #include "gateway/http/ZolSnapshot.h"
 
 #include <algorithm>
+#include <sys/socket.h>
 
 using namespace zoltest;
 using namespace std::chrono_literals;
@@ -127,14 +128,23 @@ TEST_F(GatewayStatusTest, MarksWhoIsSlowAndWhoIsHeldBack)
     CRawPipe oC = pipe(9, 1);
     observe();
     const std::string strFrame = frame(1, A, B, std::string(60000, 'x')).wire();
-    ASSERT_TRUE(waitUntil(
+    std::thread oSender(
         [&]
         {
-            (void)oA.send(strFrame, 10ms); // until nobody takes any more
-            const SZolGatewaySnapshot &oSnapshot = look();
-            return pipeOf(oSnapshot, B).m_bSlow && pipeOf(oSnapshot, A).m_bHeld;
+            while (oA.send(strFrame)) // until nobody takes any more, and the test shuts it down
+            {
+            }
+        });
+    const SZolGatewaySnapshot *poSnapshot = nullptr;
+    EXPECT_TRUE(waitUntil(
+        [&]
+        {
+            poSnapshot = &look();
+            return pipeOf(*poSnapshot, B).m_bSlow && pipeOf(*poSnapshot, A).m_bHeld;
         }));
-    const SZolGatewaySnapshot &oSnapshot = look();
+    const SZolGatewaySnapshot &oSnapshot = *poSnapshot;
+    shutdown(oA.socket(), SHUT_RDWR);
+    oSender.join();
     EXPECT_GE(pipeOf(oSnapshot, B).m_ulQueueBytes, 1u << 20);
     EXPECT_GE(oSnapshot.m_ulQueueBytes, 1u << 20);
     EXPECT_FALSE(pipeOf(oSnapshot, A).m_bSlow);

@@ -136,9 +136,7 @@ TEST(SnapshotExchangeTest, OutlivesAThreadThatAnswersLate)
 {
     CZolSnapshotExchange oExchange;
     EXPECT_EQ(nullptr, oExchange.get(1h, 20ms, true));
-    const auto oStart = std::chrono::steady_clock::now();
-    EXPECT_EQ(nullptr, oExchange.get(1h, 60s, true));
-    EXPECT_LT(std::chrono::steady_clock::now() - oStart, 30s) << "the second asker waited although nobody answers";
+    EXPECT_EQ(nullptr, oExchange.get(1h, 1h, true)); // the second asker does not wait: nobody answers
 
     SZolGatewaySnapshot *const poLate = oExchange.takeAsked();
     ASSERT_NE(nullptr, poLate);

@@ -30,13 +30,13 @@ public:
     bool isRunning();
 
     /// Waits for the end: the exit code, 128 + n after signal n, or -1 if it still runs when the limit is over.
-    int exitCode(std::chrono::seconds oLimit = std::chrono::seconds(20));
+    int exitCode(std::chrono::seconds oLimit = std::chrono::seconds(60));
 
     std::string output() const; ///< what it has written to its standard output so far
     std::string errors() const; ///< the same for its standard error
 
     /// Waits until strText stands in output(); false if the process ends first or the limit is over.
-    bool waitForOutput(const std::string &strText, std::chrono::seconds oLimit = std::chrono::seconds(20));
+    bool waitForOutput(const std::string &strText, std::chrono::seconds oLimit = std::chrono::seconds(60));
 
 private:
     std::string m_strFolder;

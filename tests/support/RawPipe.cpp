@@ -1,6 +1,7 @@
 #include "support/RawPipe.h"
 
 #include <arpa/inet.h>
+#include <fstream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -10,6 +11,20 @@
 
 namespace zoltest
 {
+
+std::size_t kernelBuffers()
+{
+    std::size_t uiSum = 0;
+    for (const char *pcName : {"/proc/sys/net/ipv4/tcp_wmem", "/proc/sys/net/ipv4/tcp_rmem"})
+    {
+        std::size_t uiLeast = 0;
+        std::size_t uiUsual = 0;
+        std::size_t uiMost = 0;
+        std::ifstream(pcName) >> uiLeast >> uiUsual >> uiMost;
+        uiSum += uiMost;
+    }
+    return uiSum;
+}
 
 namespace
 {

@@ -9,7 +9,7 @@ namespace zoltest
 {
 
 using Milliseconds = std::chrono::milliseconds;
-constexpr Milliseconds PATIENCE{20000}; // wide enough for a busy machine under a sanitizer
+constexpr Milliseconds PATIENCE{60000}; // wide enough for a busy machine under a sanitizer
 
 /// A message as it stands on a pipe, built by hand and without the library, so that both can be held against each
 /// other.
@@ -44,6 +44,9 @@ unsigned int readWord32(const std::string &strText, std::size_t uiAt);
 
 /// A register request.
 SFrame registerFrame(unsigned short usProc, unsigned short usHandle, unsigned int uiBody = 0);
+
+/// The most that the kernel takes for one connection whose far end reads nothing, in both of its sockets together.
+std::size_t kernelBuffers();
 
 /// One end of a TCP connection that speaks the pipe protocol by hand.
 class CRawPipe

@@ -353,7 +353,7 @@ TEST_F(ConnMgrTest, ReopensManyPipesAtOnce)
     listen();
     std::vector<std::unique_ptr<CRawListener>> oSilent;
     std::vector<std::thread> oOpening;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 12; ++i)
     {
         oSilent.push_back(std::make_unique<CRawListener>());
         oOpening.emplace_back([&, usPort = oSilent.back()->port()]
@@ -375,16 +375,18 @@ TEST_F(ConnMgrTest, ReopensManyPipesAtOnce)
                     cycle();
                     bDone = true;
                 });
-            unsigned int uiSent = 0;
-            while (!bDone && uiSent < 100)
+            unsigned int uiMeanwhile = 0;
+            for (unsigned int uiSent = 0; !bDone && uiSent < 100; ++uiSent)
             {
-                ASSERT_TRUE(send(9, 1, uiSent++)); // and meanwhile messages flow
+                ASSERT_TRUE(send(9, 1, uiSent)); // and meanwhile messages flow
                 SFrame oFrame;
                 ASSERT_TRUE(oPeer.readFrame(oFrame));
+                uiMeanwhile += bDone ? 0 : 1;
             }
-            EXPECT_EQ(100U, uiSent);
+            EXPECT_GT(uiMeanwhile, 0U);
             oPoll.join();
-            EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(15)) << "they waited in turn";
+            EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(45))
+                << "they waited in turn: 60 s";
         });
 }
 
@@ -498,8 +500,7 @@ TEST_F(ConnMgrTest, LetsATaskControlPipesWhileItsOwnQueueIsFull)
             CZolTaskMgr *poManager = CZolAppMgr::instance()->findTaskMgr(COLLECTOR);
             ASSERT_TRUE(waitUntil([&] { return poManager->getBytesOfBufferMsg() >= 26214400; }));
             // what such a handler would do, on its thread's behalf
-            const auto oBegin = std::chrono::steady_clock::now();
-            mgr().shutVEKConnect();
+            mgr().shutVEKConnect(); // nothing makes room until all of this is done
             EXPECT_EQ(0, mgr().connect2VEK());
             const CZolConnRef oConn = pipeTo(9, 1);
             ACE_HANDLE oHandle = oConn->getHandle();
@@ -509,7 +510,6 @@ TEST_F(ConnMgrTest, LetsATaskControlPipesWhileItsOwnQueueIsFull)
             mgr().closeConnection(oHandle);
             ACE_HANDLE oForeign = 65000;
             mgr().recvMsg(oForeign); // of no pipe at all
-            EXPECT_LT(std::chrono::steady_clock::now() - oBegin, std::chrono::seconds(5));
             EXPECT_TRUE(logHas("can not find connection by handle. Handle: 65000"));
             EXPECT_EQ(1U, logCount("can not find connection by handle.")) << "an error line for a close of our own";
             oClosed.unlock();

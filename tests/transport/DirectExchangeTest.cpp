@@ -19,7 +19,7 @@ enum EnumListenerCommand : unsigned int
     ECHO = 1,
     STAY_SILENT = 2,
     THROW = 3,
-    LARGE = 4, // 64 MB, whether the caller reads them or not
+    LARGE = 4, // more than the kernel takes, whether the caller reads it or not
     HOLD = 5   // until the test lets it go
 };
 
@@ -38,7 +38,8 @@ public:
         }
         if (poRequest->m_ulCmdID != STAY_SILENT)
         {
-            const std::string strBody = poRequest->m_ulCmdID == LARGE ? std::string(64 << 20, 'l') : bodyOf(*poRequest);
+            const std::string strBody =
+                poRequest->m_ulCmdID == LARGE ? std::string(2 * kernelBuffers(), 'l') : bodyOf(*poRequest);
             poResponse = newMessage(9, 1, poRequest->m_ulCmdID, strBody, CZolMsgPdu::MSG_RESPONSE);
         }
         return 0;
@@ -51,8 +52,8 @@ class DirectExchangeTest : public TransportTest
 {
 protected:
     // One exchange with the port usPort of this machine.
-    static int exchange(unsigned short usPort, CZolMsgPdu *poRequest, std::string *pstrBody, int iConn = 5000,
-                        int iRecv = 5000)
+    static int exchange(unsigned short usPort, CZolMsgPdu *poRequest, std::string *pstrBody, int iConn = 60000,
+                        int iRecv = 60000)
     {
         CZolMsgPdu *poResponse = nullptr;
         const int iResult = CZolConnMgr::instance()->sendP2PMsg(
@@ -73,7 +74,7 @@ protected:
     }
 
     // An exchange against a server that does fnServe with the connection that comes.
-    static int exchangeWith(const std::function<void(CRawPipe &)> &fnServe, std::string *pstrBody, int iRecv = 5000)
+    static int exchangeWith(const std::function<void(CRawPipe &)> &fnServe, std::string *pstrBody, int iRecv = 60000)
     {
         CRawListener oListener;
         std::thread oServer(
@@ -82,7 +83,7 @@ protected:
                 CRawPipe oPipe = oListener.accept();
                 fnServe(oPipe);
             });
-        const int iResult = exchange(oListener.port(), request(ECHO, "question"), pstrBody, 5000, iRecv);
+        const int iResult = exchange(oListener.port(), request(ECHO, "question"), pstrBody, 60000, iRecv);
         oServer.join();
         return iResult;
     }
@@ -195,7 +196,8 @@ TEST_F(DirectExchangeTest, TellsTimeOutsFromFailures)
     EXPECT_EQ(ZOL_ERR_TIMEOUT, exchange(oSilent.port(), request(ECHO), &strAnswer, 1500, 50));
     EXPECT_EQ(ZOL_OK, exchange(oSilent.port(), request(ECHO), nullptr, 1500, 0)) << "one way: sent is all";
     // more than two socket buffers take, to a peer that reads nothing
-    EXPECT_EQ(ZOL_ERR_TIMEOUT, exchange(oSilent.port(), request(ECHO, std::string(64 << 20, 'x')), nullptr, 300, 0));
+    EXPECT_EQ(ZOL_ERR_TIMEOUT,
+              exchange(oSilent.port(), request(ECHO, std::string(2 * kernelBuffers(), 'x')), nullptr, 300, 0));
     EXPECT_TRUE(logHas("send msg to remote (16777343: " + std::to_string(oSilent.port()) + ") failed, error: 62, "));
 }
 
@@ -226,7 +228,7 @@ TEST_F(DirectExchangeTest, LimitsTheAnswerByLengthAndTime)
     ASSERT_EQ(0, start());
     SFrame oAnswer = toSink(ECHO);
     std::string strAnswer;
-    const auto fnAnnounce = [&](unsigned int uiLength, Milliseconds oStay)
+    const auto fnAnnounce = [&](unsigned int uiLength, int iRecv)
     {
         oAnswer.m_ulData = uiLength;
         return exchangeWith(
@@ -235,13 +237,13 @@ TEST_F(DirectExchangeTest, LimitsTheAnswerByLengthAndTime)
                 SFrame oRequest;
                 EXPECT_TRUE(oPipe.readFrame(oRequest));
                 oPipe.send(oAnswer.wire());
-                oPipe.waitClosed(oStay);
+                oPipe.waitClosed();
             },
-            &strAnswer, 300);
+            &strAnswer, iRecv);
     };
-    EXPECT_EQ(ZOL_ERR_FAILED, fnAnnounce(536608769, PATIENCE));
+    EXPECT_EQ(ZOL_ERR_FAILED, fnAnnounce(536608769, 60000));
     EXPECT_TRUE(logHas("the message data size (536608769) is too big, which was received from (16777343: "));
-    EXPECT_EQ(ZOL_ERR_TIMEOUT, fnAnnounce(536608768, PATIENCE)) << "announced at the limit, and never sent";
+    EXPECT_EQ(ZOL_ERR_TIMEOUT, fnAnnounce(536608768, 300)) << "announced at the limit, and never sent";
     // dripped: the limit is for the whole of it
     EXPECT_EQ(ZOL_ERR_TIMEOUT, exchangeWith(
                                    [&](CRawPipe &oPipe)
@@ -272,7 +274,7 @@ TEST_F(DirectExchangeTest, RegistersPeersWhileAnAnswerIsNotRead)
             }
             EXPECT_EQ(0U, logCount("send response msg failed.")) << "nobody else waits for it to end";
             std::string strAnswer;
-            EXPECT_EQ(ZOL_OK, exchange(m_usPort, request(ECHO, "next"), &strAnswer, 60000, 60000));
+            EXPECT_EQ(ZOL_OK, exchange(m_usPort, request(ECHO, "next"), &strAnswer));
             EXPECT_TRUE(logHas("CZolAcceptorHandler::sendP2PResponse send response msg failed."));
         });
 }
