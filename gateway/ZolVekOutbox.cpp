@@ -20,6 +20,19 @@ std::uint32_t frameLength(const char *pcFrame)
     return zolVekRead16(pcFrame + VEK_AT_HEADER_LENGTH) + zolVekRead32(pcFrame + VEK_AT_DATA_LENGTH);
 }
 
+/// What the frames at pcFrames take of uiRoom, as many as fit whole, and how many those are; together they are longer.
+std::uint32_t wholeFrames(const char *pcFrames, std::uint32_t uiRoom, std::uint32_t &uiFrames)
+{
+    std::uint32_t uiWhole = 0;
+    uiFrames = 0;
+    for (std::uint32_t uiNext = frameLength(pcFrames); uiNext <= uiRoom; uiNext += frameLength(pcFrames + uiNext))
+    {
+        uiWhole = uiNext;
+        ++uiFrames;
+    }
+    return uiWhole;
+}
+
 } // namespace
 
 /// Collects the next bytes of the queue for one writev: large pieces from where they lie, small and patched ones side
@@ -190,24 +203,30 @@ void CZolVekOutbox::addCopy(const char *pcData, std::uint32_t uiLength)
 void CZolVekOutbox::copyIn(const char *pcData, std::uint32_t uiLength, std::uint32_t uiFrames)
 {
     // A chunk begins as large as its first frames and doubles, so that a list of records with little between them takes
-    // no more than it holds; a backlog that has filled a chunk fills another.
+    // no more than it holds; a backlog that has filled a chunk, to the last frame that fits, fills another.
     std::uint32_t uiCapacity = uiLength;
     if (hasItems() && m_oItems.back().m_eKind == KIND_CHUNK)
     {
         SItem &oLast = m_oItems.back();
-        const std::uint32_t uiTogether = oLast.m_uiLength + uiLength;
-        if (uiTogether > oLast.m_uiCapacity && uiTogether <= CHUNK_BYTES)
+        const std::uint32_t uiRoom = std::max(CHUNK_BYTES, oLast.m_uiCapacity) - oLast.m_uiLength;
+        std::uint32_t uiFramesIn = uiFrames;
+        const std::uint32_t uiFits = uiLength <= uiRoom ? uiLength : wholeFrames(pcData, uiRoom, uiFramesIn);
+        const std::uint32_t uiTogether = oLast.m_uiLength + uiFits;
+        if (uiTogether > oLast.m_uiCapacity)
         {
             grow(oLast, std::min(CHUNK_BYTES, std::max(2 * oLast.m_uiCapacity, uiTogether)));
         }
-        if (uiTogether <= oLast.m_uiCapacity)
+        std::memcpy(oLast.m_pcChunk + oLast.m_uiLength, pcData, uiFits);
+        oLast.m_uiLength = uiTogether;
+        oLast.m_uiFrames += uiFramesIn;
+        m_ulBytes += uiFits;
+        if (uiFits == uiLength)
         {
-            std::memcpy(oLast.m_pcChunk + oLast.m_uiLength, pcData, uiLength);
-            oLast.m_uiLength = uiTogether;
-            oLast.m_uiFrames += uiFrames;
-            m_ulBytes += uiLength;
             return;
         }
+        pcData += uiFits;
+        uiLength -= uiFits;
+        uiFrames -= uiFramesIn;
         uiCapacity = std::max(CHUNK_BYTES, uiLength);
     }
     SItem oItem = item(KIND_CHUNK, uiLength);

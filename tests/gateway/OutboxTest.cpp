@@ -175,4 +175,37 @@ TEST_F(OutboxTest, TakesNoMoreThanItCounts)
     EXPECT_LT(m_oOutbox.bytes(), 1000 * 300u);
 }
 
+// A backlog whose source is read in large steps: of a chunk that the next step does not fit in nothing is left empty
+// but what the next frame is too large for.
+TEST_F(OutboxTest, FillsAChunkBeforeTheNextOne)
+{
+    std::string strStep;
+    for (std::uint32_t i = 0; i < 37; ++i)
+    {
+        strStep += frame(1, i, 1000);
+    }
+    for (int i = 0; i < 100; ++i)
+    {
+        for (std::uint32_t uiAt = 0; uiAt < sizeOf(strStep); uiAt += sizeOf(strStep) / 37)
+        {
+            m_oOutbox.addBytes(strStep.data() + uiAt, sizeOf(strStep) / 37);
+        }
+        m_oOutbox.settle();
+    }
+    EXPECT_EQ(3700u, m_oOutbox.frames());
+    EXPECT_LT(m_oMemory.m_ulBytes, m_oOutbox.bytes() * 11 / 10);
+    while (flush() == VEK_FLUSH_BLOCKED)
+    {
+        readSome(1 << 20);
+    }
+    readSome(1 << 20);
+    std::string strAll;
+    for (int i = 0; i < 100; ++i)
+    {
+        strAll += strStep;
+    }
+    EXPECT_TRUE(m_strGot == strAll);
+    EXPECT_EQ(3700u, m_oOutbox.sent());
+}
+
 } // namespace
