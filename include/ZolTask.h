@@ -112,6 +112,8 @@ public:
 private:
     friend class CZolTaskMgr;
     friend class CZolTaskTable;
+    friend class CZolTaskRunner;
+    friend class CZolSynWaiters;
 
     int checkSynRequest(const CZolMsgPdu *poRequest) const;
     EnumTaskState beginSynCall();

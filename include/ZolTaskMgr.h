@@ -5,7 +5,6 @@
 #include "ZolTask.h"
 
 #include <ace/Condition_Thread_Mutex.h>
-#include <ace/Manual_Event.h>
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Task.h>
 #include <ace/Thread_Mutex.h>
@@ -15,7 +14,6 @@
 #include <string>
 #include <unordered_map>
 
-class ACE_Mutex;
 class CZolMemBlock;
 class CZolMemList;
 class CZolMsgPdu;
@@ -66,19 +64,11 @@ private:
     std::uint64_t m_arrTaken[ALL_IDS / 64] = {};                      // one bit for each id in use
 };
 
-struct SZolQueueReader;
-
-/// What one thread of a manager is doing.
+/// A thread of a manager, and the task that it runs.
 struct SZolThreadEntry
 {
-    ACE_thread_t m_ulThreadID;                  ///< fixed
-    std::atomic<CZolTask *> m_poTask{nullptr};  ///< the task that the thread runs; written by the thread itself
-    std::atomic<std::uint32_t> m_uiRun{0};      ///< grows when a handler begins and when it ends: odd while it runs
-    std::atomic<std::uint32_t> m_ulRunCmd{0};   ///< command of its message
-    std::atomic<unsigned short> m_usRunTask{0}; ///< id of its task
-    std::uint32_t m_uiWatchedRun = 0;           ///< the watchdog's own: m_uiRun as last seen,
-    std::uint64_t m_ulWatchedSinceMs = 0;       ///< when it was first seen,
-    bool m_bNamed = false;                      ///< and whether it has been named in the log
+    ACE_thread_t m_ulThreadID = 0;             ///< fixed
+    std::atomic<CZolTask *> m_poTask{nullptr}; ///< or null; written by the thread itself
 };
 
 /// One addressable place in a process, named by a one-byte id: a queue of messages, threads, a table of tasks. An
@@ -92,8 +82,6 @@ struct SZolThreadEntry
 class ZOL_EXPORT CZolTaskMgr : public ACE_Task_Base
 {
 public:
-    static constexpr unsigned int CACHE_LINE = 64; ///< bytes that processors hand to each other as a whole
-
     /// Ids 0 to 200 are the application's. A manager with less than one thread serves nothing.
     explicit CZolTaskMgr(unsigned char ucTaskMgrID = 0, int iThreadNum = 1);
     CZolTaskMgr(const CZolTaskMgr &) = delete;
@@ -162,78 +150,34 @@ private:
     friend class CZolAppMgr;
     friend class CZolTask;
 
-    enum EnumDispatch
-    {
-        DISPATCH_NONE = 0,  // the message has found its place, or its end
-        DISPATCH_RUN = 1,   // the calling thread is to run the task, whose list holds the message
-        DISPATCH_FIRST = 3, // the same, and the message, which stays the caller's, goes ahead of the list
-        DISPATCH_DELETE = 2 // the calling thread is to delete the task, which nobody else touches any more
-    };
-
-    using MsgHandler = void (CZolTask::*)(const CZolMsgPdu *);
-    using PduHolder = std::unique_ptr<CZolMsgPdu>; // gives the message up also when the thread is cancelled
+    class CZolInside; // a class for each job of the manager: task/ZolTaskMgrInside.h
 
     unsigned short acquireTaskID(unsigned short usTaskID); // the caller holds m_oTaskLock for writing
-    unsigned short addTask(CZolTask *poTask, unsigned short usTaskID, EnumTaskType eType, EnumTaskState eState);
-    void removeTask(CZolTask *poTask);
-    void delClaimedTask(CZolTask *poTask);
-
     int putq(CZolMemBlock *poBlock, bool bPriority);
-    void append(const CZolMemList &oBlocks, std::uint64_t ulBytes, bool bPriority);
-    int getq(CZolMemBlock *&poBlock);
-    void fillBatch();
-    bool isFull() const;
-    void waitForRoom();
-    bool deliverResponse(CZolMemBlock *poBlock);
-
-    bool serveOneMsg(unsigned long ulThreadID);
+    int getq(CZolMemBlock *&poBlock); // the caller holds the dispatch mutex
     int existTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID);
-    int decideTaskMsg(CZolMsgPdu *poMsg, CZolTask &oTask, unsigned long ulThreadID);
-    int startTask(PduHolder &oHolder, CZolTask &oTask, unsigned long ulThreadID);
     int unknownTaskMsg(CZolMsgPdu *poMsg, CZolTask *&poTask, unsigned long ulThreadID);
-    CZolTask *callCreateTask(CZolMsgPdu *poMsg);
-    void runTask(CZolTask *poTask, unsigned long ulThreadID, CZolMsgPdu *poFirst);
     int processTaskMsg(CZolTask *poTask, unsigned long ulThreadID, EnumTaskState &eState);
-    CZolMsgPdu *nextMsgOf(CZolTask &oTask, unsigned long ulThreadID, EnumTaskState &eState);
-    void processOneMsg(CZolTask &oTask, CZolMsgPdu *poMsg);
-    void processRequest(CZolTask &oTask, const CZolMsgPdu &oMsg, MsgHandler pfnHandler, const char *pcScope);
-    void processTimer(CZolTask &oTask, PduHolder &oHolder);
-    template <typename Handler>
-    void callHandler(CZolTask &oTask, std::uint32_t ulCmdID, Handler fnHandler);
-    void logThrown(unsigned short usTaskID, std::uint32_t ulCmdID, const char *pcWhat) const;
     void delTask(CZolTask *poTask, unsigned long ulThreadID);
-
-    SZolThreadEntry *findThread(unsigned long ulThreadID) const;
     void setTaskOfThread(unsigned long ulThreadID, CZolTask *poTask);
-    bool isRunByThread(const CZolTask *poTask) const;
     void addTaskToSynWaitList(CZolTask *poTask);
     void removeTaskFromSynWaitList(CZolTask *poTask);
-    void endEventLoops();
 
+    CZolInside *const m_poInside;      // owned
     const unsigned char m_ucTaskMgrID; // also the group of the threads
     const int m_iThreadNum;
     unsigned short m_usNextTaskID = 33;          // guarded by m_oTaskLock
     CZolTaskTable m_oTaskTable;                  // guarded by m_oTaskLock
     ACE_RW_Thread_Mutex m_oTaskLock;             // after the dispatch mutex, before a task's m_oStatusMutex
-    SZolThreadEntry **m_ppThreadTable = nullptr; // owned; sorted by thread id; fixed once m_oTableReady is set
-    // what senders write stands apart, by cache lines, from what the reading thread writes
-    alignas(CACHE_LINE) CZolMemList *m_poMsgQueue; // guarded by m_oQueueMutex
-    std::uint64_t m_ulQueuedBytes = 0;             // guarded by m_oQueueMutex: queue and batch, when that was taken
-    ACE_Thread_Mutex m_oQueueMutex;                // leaf
-    ACE_Condition<ACE_Thread_Mutex> m_oNotFull;    // with m_oQueueMutex; monotonic
-    ACE_Condition<ACE_Thread_Mutex> m_oNotEmpty;   // with m_oQueueMutex
+    SZolThreadEntry **m_ppThreadTable = nullptr; // owned; sorted by thread id; fixed once the threads have started
+    CZolMemList *m_poMsgQueue;                   // owned; guarded by m_oQueueMutex
+    // senders write what follows for every message; apart from what the threads of the manager write
+    alignas(64) std::uint64_t m_ulQueuedBytes = 0;                 // guarded by m_oQueueMutex
+    ACE_Thread_Mutex m_oQueueMutex;                                // leaf
+    ACE_Condition<ACE_Thread_Mutex> m_oNotFull;                    // with m_oQueueMutex; monotonic
+    ACE_Condition<ACE_Thread_Mutex> m_oNotEmpty;                   // with m_oQueueMutex
     std::unordered_map<unsigned short, CZolTask *> m_oSynWaitList; // guarded by m_oSynWaitMutex: tasks in sendSynMsg
     ACE_Thread_Mutex m_oSynWaitMutex;                              // before a task's m_oStatusMutex
-
-    ACE_Mutex *m_poDispatchMutex = nullptr; // set when the manager is added; see g_mapDispatchMutex
-    ACE_Manual_Event m_oTableReady;         // set by open() when the table of threads is complete
-    std::atomic<int> m_iTableSize{0};       // entries of m_ppThreadTable; its store publishes the table
-    SZolQueueReader *m_poReader;            // owned; guarded by the dispatch mutex: the reading side of the queue
-
-    // the rest of what senders write, see m_poMsgQueue
-    alignas(CACHE_LINE) CZolMemList m_oOwnQueue; // what m_poMsgQueue points to
-    std::atomic<unsigned int> m_uiQueued{0};     // written under m_oQueueMutex: its length
-    int m_iEmptyWaiters = 0;                     // guarded by m_oQueueMutex: threads in m_oNotEmpty
 };
 
 #endif

@@ -16,6 +16,7 @@
 #include "task/ZolProcessHost.h"
 #include "task/ZolProcessReactor.h"
 #include "task/ZolSigHandler.h"
+#include "task/ZolTaskMgrInside.h"
 #include "task/ZolThreadSelf.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolRecvMsgHandler.h"
@@ -188,8 +189,9 @@ void CZolAppMgr::registerTaskMgr(CZolTaskMgr *poTaskMgr)
 {
     const unsigned char ucTaskMgrID = poTaskMgr->getTaskMgrID();
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oListLock);
-    poTaskMgr->m_poDispatchMutex = new ACE_Mutex;
-    g_mapDispatchMutex[ucTaskMgrID] = poTaskMgr->m_poDispatchMutex;
+    ACE_Mutex *poDispatchMutex = new ACE_Mutex;
+    poTaskMgr->m_poInside->m_poDispatchMutex = poDispatchMutex;
+    g_mapDispatchMutex[ucTaskMgrID] = poDispatchMutex;
     m_oTaskMgrList.push_back(poTaskMgr);
     m_arrTaskMgr[ucTaskMgrID].store(poTaskMgr, std::memory_order_release);
 }
@@ -287,7 +289,7 @@ void CZolAppMgr::stopTaskMgrs()
         poExitMsg->m_ucMsgType = CZolMsgPdu::MSG_REQUEST;
         poExitMsg->m_ucDestModule = poTaskMgr->getTaskMgrID();
         poTaskMgr->enqueueMsg(zolBlockOf(poExitMsg), true);
-        poTaskMgr->endEventLoops();
+        poTaskMgr->m_poInside->endEventLoops();
     }
     for (CZolTaskMgr *poTaskMgr : oTaskMgrs)
     {

@@ -6,6 +6,7 @@
 #include "log/ZolHeldLines.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolTaskLog.h"
+#include "task/ZolTaskMgrInside.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Reactor.h>
@@ -115,12 +116,13 @@ int CZolTask::setTaskStatus(EnumTaskState eState)
         {
             endEventLoop(); // no message will do it any more
         }
-        bDelete = m_eTaskType == TASK_ASSIST && !m_bDeleting && !m_bSynCall && !poTaskMgr->isRunByThread(this);
+        bDelete = m_eTaskType == TASK_ASSIST && !m_bDeleting && !m_bSynCall &&
+                  !poTaskMgr->m_poInside->m_oThreads.isRun(*this);
         m_bDeleting = m_bDeleting || bDelete;
     }
     if (bDelete)
     {
-        poTaskMgr->delClaimedTask(this);
+        poTaskMgr->m_poInside->deleteClaimed(this);
     }
     return ZOL_OK;
 }

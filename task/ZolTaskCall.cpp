@@ -200,7 +200,7 @@ int CZolTask::recvNonZolMsg()
             m_oTask.m_eTaskStatus.store(TASK_NONZOLWAIT, std::memory_order_release);
             if (CZolAppMgr::instance()->getStatus() == APPMGR_EXIT)
             {
-                m_oTask.endEventLoop(); // CZolTaskMgr::endEventLoops() may have passed already
+                m_oTask.endEventLoop(); // the end of the process may have passed already
             }
         }
         ~CLeave()

@@ -2,14 +2,16 @@
 #define ZOL_TASK_ZOLTHREADSELF_H
 
 class CZolTaskMgr;
-struct SZolThreadEntry;
+class CZolTaskThreads;
+struct SZolThreadRecord;
 
-/// Which manager the calling thread belongs to, and its entry in that manager's table; both null for other threads.
-/// Set by svc(), so that a thread finds its own entry without a search.
+/// Which manager the calling thread belongs to, and its record in that manager's table; all null for other threads. Set
+/// by CZolTaskThreads::enter(), so that a thread finds its own record without a search.
 struct SZolThreadSelf
 {
     CZolTaskMgr *m_poTaskMgr = nullptr;
-    SZolThreadEntry *m_poEntry = nullptr;
+    const CZolTaskThreads *m_poThreads = nullptr;
+    SZolThreadRecord *m_poRecord = nullptr;
 };
 
 inline SZolThreadSelf &zolThreadSelf()
