@@ -307,21 +307,10 @@ int CZolAcceptorHandler::registPipe(CZolMsgPdu *poPdu, CZolConnection *poConn)
             zoltext("the process is register already, procID: ", usProcID, ", procHandle: ", usProcHandle).c_str());
         return -1;
     }
-    bool bEntered = false;
-    {
-        // Answer and entry in one hold: whoever has seen the answer finds the pipe in the tables. The answer does not
-        // wait for anything, 32 bytes to a fresh socket.
-        ACE_WRITE_GUARD_RETURN(ACE_RW_Mutex, oGuard, poMgr->m_oConnLock, -1);
-        poMgr->pipesChanged(); // ends what threads know, before anybody can have seen the answer
-        if (sendRegisterResponse(poConn->getStream(), poPdu, 0) == 0)
-        {
-            poConn->setOppProc(usProcID, usProcHandle);
-            poConn->addRef(); // the table's
-            poMgr->addConnection(poConn);
-            bEntered = true;
-        }
-    }
-    if (!bEntered)
+    // Answer and entry in one step: whoever has seen the answer finds the pipe in the table. The answer does not wait
+    // for anything, 32 bytes to a fresh socket.
+    if (poMgr->pipes().addAnswered(CZolConnRef(poConn), usProcID, usProcHandle,
+                                   [&] { return sendRegisterResponse(poConn->getStream(), poPdu, 0); }) != 0)
     {
         oDebug.error(
             zoltext("send register response failed. ProcID: ", usProcID, " ProcHandle: ", usProcHandle).c_str());

@@ -1,16 +1,22 @@
 #include "transport/ZolConnMgr.h"
 
+#include "ZolErrors.h"
+#include "ZolListener.h"
 #include "ZolResMgr.h"
 #include "ZolRunLog.h"
 #include "transport/ZolAssert.h"
+#include "transport/ZolDirectClient.h"
 #include "transport/ZolHost.h"
+#include "transport/ZolPipeOpener.h"
 #include "transport/ZolPipeProtocol.h"
 #include "transport/ZolSendMsgTask.h"
 #include "transport/ZolSocket.h"
 #include "transport/ZolText.h"
 
-#include <ace/Guard_T.h>
+#include <ace/OS_NS_unistd.h>
 #include <cstdlib>
+#include <cxxabi.h>
+#include <exception>
 
 namespace
 {
@@ -29,14 +35,14 @@ CZolConnMgr *CZolConnMgr::instance()
     return poInstance;
 }
 
-CZolConnMgr::CZolConnMgr() : m_lLastHelloTime(zolsocket::wallSeconds()) {}
-
-CZolConnMgr::~CZolConnMgr()
+CZolConnMgr::CZolConnMgr()
+    : m_oPoll(m_oTable,
+              {[] { return zolHost().isRunning(); },
+               [this](unsigned short usProcID, unsigned short usProcHandle)
+               { sendHandshakeMsg(usProcID, usProcHandle); },
+               &CZolPipeOpener::openAll},
+              zolsocket::wallSeconds())
 {
-    for (const auto &oEntry : m_oHandleMap)
-    {
-        oEntry.second->release();
-    }
 }
 
 int CZolConnMgr::open(void * /*pvArg*/)
@@ -51,7 +57,9 @@ int CZolConnMgr::open(void * /*pvArg*/)
 
 int CZolConnMgr::initConn2Vek(unsigned short usProcID, unsigned short usProcHandle, bool bNoHandle)
 {
-    forgetGateway();
+    // Of a start that was refused, or failed later on, and is tried again: the poll would open both connections, and
+    // each registration would be the other's refusal.
+    m_oTable.removeGateway();
     initIdentity(usProcID, usProcHandle, bNoHandle);
     int iLength = 0;
     if (zol::getResByKey("RcvBufferLength", iLength, zolpipe::MAX_RECV_BUFFER, zolpipe::MIN_RECV_BUFFER) == 0)
@@ -101,38 +109,12 @@ void CZolConnMgr::initIdentity(unsigned short usProcID, unsigned short usProcHan
     m_bOwnHandle.store(!bNoHandle && usProcHandle != 0, std::memory_order_relaxed);
 }
 
-// Of a start that was refused, or failed later on, and is tried again: the poll would open both connections, and each
-// registration would be the other's refusal.
-void CZolConnMgr::forgetGateway()
-{
-    CZolConnRef oOld;
-    bool bClosing = false;
-    {
-        ACE_WRITE_GUARD(ACE_RW_Mutex, oGuard, m_oConnLock);
-        oOld = CZolConnRef(findProc(0, 0));
-        if (!oOld)
-        {
-            return;
-        }
-        bClosing = static_cast<bool>(unlinkDown(oOld.get()));
-        m_oProcMap[0].erase(0);
-        leave(oOld.get());
-        oOld->release(); // the table's
-    }
-    if (bClosing)
-    {
-        oOld->disconnect();
-    }
-}
-
 // The gateway's place in the tables, for setVEKAddress to fill.
 void CZolConnMgr::enterWithoutGateway()
 {
-    auto *poConn = new CZolConnection(CZolConnection::CONN_VEK);
-    poConn->setPipeStatus(false);
-    ACE_WRITE_GUARD(ACE_RW_Mutex, oGuard, m_oConnLock);
-    m_oProcMap[0][0] = poConn;
-    enter(poConn, ACE_INVALID_HANDLE);
+    const CZolConnRef oConn = CZolConnRef::adopt(new CZolConnection(CZolConnection::CONN_VEK));
+    oConn->setPipeStatus(false);
+    m_oTable.add(oConn, true);
 }
 
 int CZolConnMgr::initConn(const std::string &strHost, unsigned short usPort, CZolConnection::EnumPipeType ePipeType)
@@ -147,17 +129,9 @@ int CZolConnMgr::initConn(const std::string &strHost, unsigned short usPort, CZo
                          .c_str());
         return -1;
     }
-    CZolConnRef oConn = CZolConnRef::adopt(new CZolConnection(ePipeType, strHost, usPort));
+    const CZolConnRef oConn = CZolConnRef::adopt(new CZolConnection(ePipeType, strHost, usPort));
     const int iResult = oConn->connect();
-    {
-        ACE_WRITE_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, -1);
-        if (iResult == 0 || ePipeType == CZolConnection::CONN_VEK)
-        {
-            m_oProcMap[oConn->getOppProcID()][oConn->getOppProcHandle()] = oConn.get();
-        }
-        oConn->addRef();
-        enter(oConn.get(), oConn->getHandle());
-    }
+    m_oTable.add(oConn, iResult == 0 || ePipeType == CZolConnection::CONN_VEK);
     if (iResult == 0)
     {
         oConn->registerEvent();
@@ -167,13 +141,12 @@ int CZolConnMgr::initConn(const std::string &strHost, unsigned short usPort, CZo
 
 CZolConnRef CZolConnMgr::vekConnection(const char *pcScope)
 {
-    ACE_READ_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, CZolConnRef());
-    CZolConnection *poConn = findProc(0, 0);
-    if (poConn == nullptr)
+    CZolConnRef oConn = m_oTable.find(0, 0);
+    if (!oConn)
     {
         CZolDebugInfo(pcScope).warning("can not find the vEK connection.");
     }
-    return CZolConnRef(poConn);
+    return oConn;
 }
 
 int CZolConnMgr::setVEKAddress(const std::string &strHost, unsigned short usPort)
@@ -203,16 +176,11 @@ int CZolConnMgr::connect2VEK()
     {
         return iResult;
     }
-    bool bEntered = false;
-    {
-        ACE_WRITE_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, -1);
-        bEntered = rekey(oConn.get());
-    }
-    // whoever entered the new life in the tables, here or in the poll, also sees to the rest
-    if (bEntered)
+    // whoever entered the new life in the table, here or in the poll, also sees to the rest
+    if (m_oTable.rekey(oConn.get()))
     {
         oConn->registerEvent();
-        replaySubscribe(false);
+        m_oSubscriptions.replay(zolHost(), false);
     }
     return 0;
 }
@@ -233,37 +201,16 @@ bool CZolConnMgr::isConnected(unsigned short usProcID, unsigned short usProcHand
     thread_local std::uint64_t ulKnownVersion = 0;
     thread_local std::uint32_t uiKnownKey = 0;
     thread_local bool bKnown = false;
-    const std::uint64_t ulVersion = m_ulVersion.load(std::memory_order_acquire);
+    const std::uint64_t ulVersion = m_oTable.getVersion();
     const std::uint32_t uiKey = (static_cast<std::uint32_t>(usProcID) << 16) | usProcHandle;
     if (ulVersion == ulKnownVersion && uiKey == uiKnownKey)
     {
         return bKnown;
     }
-    bool bUp = false;
-    {
-        ACE_READ_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, false);
-        const CZolConnection *poDirect = findProc(usProcID, usProcHandle);
-        const CZolConnection *poVek = findProc(0, 0);
-        bUp = (poDirect != nullptr && poDirect->getPipeStatus()) || (poVek != nullptr && poVek->getPipeStatus());
-    }
     ulKnownVersion = ulVersion;
     uiKnownKey = uiKey;
-    bKnown = bUp;
-    return bUp;
-}
-
-CZolConnRef CZolConnMgr::chooseConnection(const CZolMsgPdu *poPdu)
-{
-    ACE_READ_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, CZolConnRef());
-    if (!zolpipe::goesToGateway(*poPdu))
-    {
-        CZolConnection *poDirect = findProc(poPdu->m_usDestProcID, poPdu->m_usDestProcHandle);
-        if (poDirect != nullptr && poDirect->getPipeStatus())
-        {
-            return CZolConnRef(poDirect);
-        }
-    }
-    return CZolConnRef(findProc(0, 0));
+    bKnown = m_oTable.isConnected(usProcID, usProcHandle);
+    return bKnown;
 }
 
 int CZolConnMgr::sendOn(CZolConnection *poConn, const void *pvBuf, unsigned int uiLen)
@@ -276,12 +223,6 @@ int CZolConnMgr::sendOn(CZolConnection *poConn, const void *pvBuf, unsigned int 
         closePipe(poConn, oOutcome.m_uiLife);
     }
     return iResult;
-}
-
-bool CZolConnMgr::isProcRegistered(unsigned short usProcID, unsigned short usProcHandle)
-{
-    ACE_READ_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, false);
-    return findProc(usProcID, usProcHandle) != nullptr;
 }
 
 void CZolConnMgr::setProcIDAndHandle(unsigned short usProcID, unsigned short usProcHandle)
@@ -301,66 +242,105 @@ void CZolConnMgr::sendHandshakeMsg(unsigned short usProcID, unsigned short usPro
     CZolSendMsgTask::instance()->sendMsg(zolBlockOf(poHello), false);
 }
 
-void CZolConnMgr::addSubscribe(unsigned long ulCmd, unsigned char ucModule, unsigned short usTask)
+int CZolConnMgr::svc()
 {
-    ACE_GUARD(ACE_Thread_Mutex, oGuard, m_oSubscribeLock);
-    m_oSubscribeMap[static_cast<std::uint32_t>(ulCmd)].insert((std::uint32_t(ucModule) << 16) + usTask);
+    m_oStart.arrived();
+    long lLastPoll = 0;
+    for (;;)
+    {
+        ACE_OS::sleep(static_cast<unsigned int>(zolpipe::POLL_SECONDS));
+        runPollCycle(zolsocket::wallSeconds(), lLastPoll);
+    }
 }
 
-void CZolConnMgr::delSubscribe(unsigned long ulCmd, unsigned char ucModule, unsigned short usTask)
+void CZolConnMgr::runPollCycle(long lNow, long &lLastPoll)
 {
-    ACE_GUARD(ACE_Thread_Mutex, oGuard, m_oSubscribeLock);
-    const auto itFound = m_oSubscribeMap.find(static_cast<std::uint32_t>(ulCmd));
-    if (itFound != m_oSubscribeMap.end())
+    std::vector<CZolConnRef> oReconnected;
+    std::vector<SZolPipeLife> oDead;
+    pollConnectons(oReconnected, oDead, lNow, lLastPoll);
+    for (const SZolPipeLife &oPipe : oDead)
     {
-        itFound->second.erase((std::uint32_t(ucModule) << 16) + usTask);
-        if (itFound->second.empty())
+        closePipe(oPipe.m_oConn.get(), oPipe.m_uiLife);
+    }
+    finishReconnect(oReconnected);
+}
+
+// The name lacks a letter; the scopes of log lines carry it.
+void CZolConnMgr::pollConnectons(std::vector<CZolConnRef> &oReconnected, std::vector<SZolPipeLife> &oDead, long lNow,
+                                 long &lLastPoll)
+{
+    m_oPoll.run(oReconnected, oDead, lNow, lLastPoll);
+}
+
+void CZolConnMgr::finishReconnect(const std::vector<CZolConnRef> &oReconnected)
+{
+    std::vector<CZolConnRef> oEntered;
+    for (const CZolConnRef &oConn : oReconnected)
+    {
+        if (m_oTable.rekey(oConn.get()))
         {
-            m_oSubscribeMap.erase(itFound);
+            oEntered.push_back(oConn);
+        }
+    }
+    for (const CZolConnRef &oConn : oEntered)
+    {
+        oConn->registerEvent();
+        if (oConn->getPipeType() == CZolConnection::CONN_VEK)
+        {
+            m_oSubscriptions.replay(zolHost(), true);
         }
     }
 }
 
-// No lock is held while a subscription goes out and its answer is waited for.
-void CZolConnMgr::replaySubscribe(bool bStopAtFailure)
+int CZolConnMgr::recvMsg(ACE_HANDLE &oHandle)
 {
-    SubscribeMap oSubscriptions;
+    const CZolConnRef oConn = m_oTable.find(oHandle);
+    if (!oConn || !oConn->getPipeStatus())
     {
-        ACE_GUARD(ACE_Thread_Mutex, oGuard, m_oSubscribeLock);
-        oSubscriptions = m_oSubscribeMap;
+        return 0;
     }
-    for (const auto &[uiCmd, oTasks] : oSubscriptions)
+    const unsigned int uiLife = oConn->getLife();
+    if (oConn->receive() < 0)
     {
-        for (const std::uint32_t uiTask : oTasks)
-        {
-            const int iResult = zolHost().subscribe(uiCmd, static_cast<unsigned char>(uiTask >> 16),
-                                                    static_cast<unsigned short>(uiTask & 0xFFFF));
-            if (bStopAtFailure && iResult != ZOL_OK && iResult != ZOL_ERR_TIMEOUT)
-            {
-                return;
-            }
-        }
+        m_oTable.close(oConn.get(), uiLife);
     }
+    return 0;
 }
 
-std::string CZolConnMgr::dumpConnections()
+int CZolConnMgr::sendP2PMsg(unsigned int uiAddr, unsigned short usPort, CZolMsgPdu *&poRequest,
+                            CZolMsgPdu **ppoResponse, int iConnTimeout, int iRecvTimeout)
 {
-    std::string strText = "\nzOL Connection List: \n";
-    ACE_WRITE_GUARD_RETURN(ACE_RW_Mutex, oGuard, m_oConnLock, strText);
-    for (const auto &oEntry : m_oHandleMap)
+    const int iResult = CZolDirectClient(uiAddr, usPort).exchange(poRequest, ppoResponse, iConnTimeout, iRecvTimeout);
+    if (iResult == ZOL_OK && ppoResponse != nullptr)
     {
-        strText += oEntry.second->toString() + "\n";
+        (*ppoResponse)->printf();
     }
-    return strText;
+    return iResult;
 }
 
-void CZolConnMgr::countPipes(unsigned int &uiUp, unsigned int &uiAll)
+void CZolConnMgr::recvP2PMsg(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse)
 {
-    ACE_READ_GUARD(ACE_RW_Mutex, oGuard, m_oConnLock);
-    uiUp = 0;
-    uiAll = static_cast<unsigned int>(m_oHandleMap.size());
-    for (const auto &oEntry : m_oHandleMap)
+    CZolDebugInfo oDebug("CZolConnMgr::recvP2PMsg");
+    CZolListener *poListener = m_poListener.load(std::memory_order_acquire);
+    if (poListener == nullptr)
     {
-        uiUp += oEntry.second->getPipeStatus() ? 1U : 0U;
+        oDebug.warning("there is no P2P listener.");
+        return;
+    }
+    try
+    {
+        poListener->handleP2PMsg(poRequest, poResponse);
+    }
+    catch (const abi::__forced_unwind &)
+    {
+        throw; // a cancelled thread, not a fault
+    }
+    catch (const std::exception &oException)
+    {
+        oDebug.fatal(zoltext("the listener threw an exception: ", oException.what()).c_str());
+    }
+    catch (...)
+    {
+        oDebug.fatal("the listener threw an exception.");
     }
 }

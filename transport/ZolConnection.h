@@ -29,12 +29,12 @@ struct SZolBigMsgItem
 ///
 /// Threads:   connect() and the address operations from any thread; send() from the send thread; receive() from the
 ///            thread that runs the reactor. A pipe may be taken down by any thread while others use it.
-/// Lifetime:  counted. A connection begins with one reference, the creator's; the table of the manager holds one for
-///            each connection in it, and whoever uses a connection outside m_oConnLock holds one (CZolConnRef).
+/// Lifetime:  counted. A connection begins with one reference, the creator's; the table holds one for each
+///            connection in it, and whoever uses a connection outside m_oConnLock holds one (CZolConnRef).
 /// Errors:    results of the operations; a log line where the operation says so. Nothing is thrown.
 ///
 /// How a pipe goes down while others are inside:
-///   1. CZolConnMgr, under m_oConnLock, takes it out of its key and calls takeDown(). The one thread that turns the
+///   1. CZolPipeTable, under m_oConnLock, takes it out of its key and calls takeDown(). The one thread that turns the
 ///      status from true to false shuts the socket down in that hold, which ends a running send at once.
 ///   2. That thread calls disconnect() with no lock held. m_oPipeLock waits for the senders to leave; the descriptor
 ///      leaves the reactor and is closed, so its number cannot come back before that.
@@ -130,7 +130,7 @@ public:
     int processBigMsgBlock(CZolMsgPdu *poPdu); ///< takes a block over; 0 or a failure
     int saveBigMsgBlock(CZolMsgPdu *poPdu);    ///< 0: block kept; -1: still the caller's
 
-    // The key under which the connection stands in CZolConnMgr::m_oHandleMap; guarded by its m_oConnLock.
+    // The key under which the connection stands in CZolPipeTable::m_oHandleMap; guarded by its m_oConnLock.
     ACE_HANDLE m_oTableKey = ACE_INVALID_HANDLE;
 
 private:

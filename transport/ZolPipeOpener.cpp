@@ -241,7 +241,7 @@ void CZolPipeOpener::succeed()
     oConn.m_uiLife.fetch_add(1, std::memory_order_acq_rel);
     oConn.m_bPipeStatus.store(true, std::memory_order_release);
     oConn.m_oStatusLock.release();
-    poMgr->pipesChanged();
+    poMgr->pipes().pipesChanged();
     CZolDebugInfo oDebug(SCOPE);
     oDebug.info(zoltext("register successful. OppProcID: ", usOppProcID, " OppProcHandle: ", usOppProcHandle).c_str());
     finish(0);
@@ -270,6 +270,26 @@ void CZolPipeOpener::finish(int iResult)
     }
     m_iResult = iResult;
     m_eState = DONE;
+}
+
+std::vector<CZolConnRef> CZolPipeOpener::openAll(const std::vector<CZolConnRef> &oConns)
+{
+    std::vector<std::unique_ptr<CZolPipeOpener>> oOpeners;
+    for (const CZolConnRef &oConn : oConns)
+    {
+        oOpeners.push_back(std::make_unique<CZolPipeOpener>(oConn));
+        oOpeners.back()->start(true);
+    }
+    run(oOpeners);
+    std::vector<CZolConnRef> oOpened;
+    for (const auto &poOpener : oOpeners)
+    {
+        if (poOpener->getResult() == 0)
+        {
+            oOpened.push_back(poOpener->getConnection());
+        }
+    }
+    return oOpened;
 }
 
 void CZolPipeOpener::run(const std::vector<std::unique_ptr<CZolPipeOpener>> &oOpeners)

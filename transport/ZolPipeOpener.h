@@ -40,6 +40,9 @@ public:
     short getEvents() const;
     zolsocket::Deadline getDeadline() const { return m_oDeadline; }
 
+    /// Opens all of these at once, so that peers that do not answer cost one wait and not one each. Those that came up.
+    static std::vector<CZolConnRef> openAll(const std::vector<CZolConnRef> &oConns);
+
     /// Drives all of them to their end.
     static void run(const std::vector<std::unique_ptr<CZolPipeOpener>> &oOpeners);
 
