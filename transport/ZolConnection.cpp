@@ -29,24 +29,23 @@ bool resolve(const std::string &strHost, unsigned short usPort, ACE_INET_Addr &o
 
 CZolConnection::CZolConnection(EnumPipeType ePipeType, const std::string &strHost, unsigned short usPort)
     : m_ePipeType(ePipeType), m_bPipeStatus(false), m_bAddrValid(true), m_oOppAddr(static_cast<u_short>(0), 0U),
-      m_lLastRecvTime(zolsocket::wallSeconds()), m_uiRecvBufferLength(sm_uiRecvBufferLength)
+      m_lLastRecvTime(zolsocket::wallSeconds()), m_oDispatcher(m_oEnd, zolInbox(), zolHost()),
+      m_oReader(sm_uiRecvBufferLength, m_oDispatcher)
 {
-    m_pcRecvBuf = new char[m_uiRecvBufferLength];
     m_bAddrValid = resolve(strHost, usPort, m_oOppAddr);
 }
 
 CZolConnection::CZolConnection(EnumPipeType ePipeType)
     : m_ePipeType(ePipeType), m_bPipeStatus(true), m_bAddrValid(false), m_oOppAddr(static_cast<u_short>(0), 0U),
-      m_lLastRecvTime(zolsocket::wallSeconds()), m_uiLife(1), m_uiRecvBufferLength(sm_uiRecvBufferLength)
+      m_lLastRecvTime(zolsocket::wallSeconds()), m_oDispatcher(m_oEnd, zolInbox(), zolHost()),
+      m_oReader(sm_uiRecvBufferLength, m_oDispatcher), m_uiLife(1)
 {
-    m_pcRecvBuf = new char[m_uiRecvBufferLength];
 }
 
 CZolConnection::~CZolConnection()
 {
     reset();
     closeSocket();
-    delete[] m_pcRecvBuf;
 }
 
 void CZolConnection::release()

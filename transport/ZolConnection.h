@@ -1,8 +1,8 @@
 #ifndef ZOL_TRANSPORT_ZOLCONNECTION_H
 #define ZOL_TRANSPORT_ZOLCONNECTION_H
 
-#include "ZolMemMan.h"
 #include "ZolMsgPdu.h"
+#include "transport/ZolPduReader.h"
 
 #include <ace/INET_Addr.h>
 #include <ace/RW_Mutex.h>
@@ -10,22 +10,11 @@
 #include <ace/Thread_Mutex.h>
 #include <atomic>
 #include <cstdint>
-#include <list>
 #include <string>
-#include <unordered_map>
+#include <utility>
 
-/// A big message being joined: its blocks so far, oldest first, each a whole PDU in a block of its own.
-struct SZolBigMsgItem
-{
-    CZolMemList *m_poBlockList;   ///< owned
-    unsigned short m_usSrcProcID; ///< with the handle: the source, of which one message is joined at a time
-    unsigned short m_usSrcProcHandle;
-    unsigned short m_usLastSegment; ///< number of the block at the tail
-    std::uint64_t m_ulDataBytes;    ///< sum of the data lengths; 64 bits, since a peer chooses the summands
-};
-
-/// One TCP connection to one remote end: socket, identity of the far end, receive buffer, the message being read and
-/// the big messages being joined. When to open and to close is decided by CZolConnMgr.
+/// One TCP connection to one remote end: socket, identity of the far end, and the receive side, which is a reader and a
+/// dispatcher. When to open and to close is decided by CZolConnMgr.
 ///
 /// Threads:   connect() and the address operations from any thread; send() from the send thread; receive() from the
 ///            thread that runs the reactor. A pipe may be taken down by any thread while others use it.
@@ -121,14 +110,11 @@ public:
     ACE_SOCK_Stream &getStream() { return m_oStream; }
     ACE_HANDLE getHandle() const { return m_oStream.get_handle(); }
 
-    /// Acts on a whole message in host order, which it takes over.
-    void dispatchMsg(CZolMsgPdu *poPdu);
-
-    /// Queues to the task manager named by the message: ZOL_OK with the PDU gone, or a failure with it the caller's.
-    int deliverMsg(CZolMsgPdu *poPdu);
-
-    int processBigMsgBlock(CZolMsgPdu *poPdu); ///< takes a block over; 0 or a failure
-    int saveBigMsgBlock(CZolMsgPdu *poPdu);    ///< 0: block kept; -1: still the caller's
+    /// The receive side, as CZolMsgDispatcher tells.
+    void dispatchMsg(CZolMsgPdu *poPdu) { m_oDispatcher.dispatchMsg(poPdu); }
+    int deliverMsg(CZolMsgPdu *poPdu) { return m_oDispatcher.deliverMsg(poPdu); }
+    int processBigMsgBlock(CZolMsgPdu *poPdu) { return m_oDispatcher.processBigMsgBlock(poPdu); }
+    int saveBigMsgBlock(CZolMsgPdu *poPdu) { return m_oDispatcher.saveBigMsgBlock(poPdu); }
 
     // The key under which the connection stands in CZolPipeTable::m_oHandleMap; guarded by its m_oConnLock.
     ACE_HANDLE m_oTableKey = ACE_INVALID_HANDLE;
@@ -138,30 +124,22 @@ private:
 
     ~CZolConnection();
 
-    using BigMsgList = std::list<SZolBigMsgItem *>;
+    // What the dispatcher has to do with this pipe.
+    class CEnd : public IZolPipeEnd
+    {
+    public:
+        explicit CEnd(CZolConnection &oConn) : m_oConn(oConn) {}
+        void noteMessage(const CZolMsgPdu &oPdu) override;
+        void noteHello() override;
+
+    private:
+        CZolConnection &m_oConn;
+    };
 
     int recvInLife(void *pvBuf, unsigned int uiLen, unsigned int uiLife); // -1 also in another life than uiLife
     int readAndCut(unsigned int uiLife);
-    bool cutMessages();                  // false: the pipe must go down
-    bool startPdu(const char *pcHeader); // false: impossible length, or no memory
-
-    // Requests that are to enter the queue of one task manager together.
-    struct SRun
-    {
-        unsigned char m_ucModule = 0;
-        CZolMemList m_oRequests; // empty whenever the run leaves cutMessages()
-    };
-
-    bool joinsRun(CZolMsgPdu *poPdu, SRun &oRun); // true: the PDU is taken over
-    static void deliverRun(SRun &oRun);
-    void keepPartOfHeader(std::uint32_t uiAt);
     void resetIfDue();
-    void closeSocket();                                        // caller: m_oPipeLock exclusive, or alone
-    int deliverOrDrop(CZolMsgPdu *poPdu, const char *pcScope); // takes the PDU over
-    int joinBlocks(SZolBigMsgItem *poItem, CZolMsgPdu *poLast);
-    static void freeBlocks(SZolBigMsgItem *poItem);
-    static bool isForgedRequest(const CZolMsgPdu &oPdu);
-    static void dropForgedRequest(CZolMsgPdu *poPdu);
+    void closeSocket(); // caller: m_oPipeLock exclusive, or alone
 
     unsigned short m_usOppProcID = 0;     // guarded by m_oStatusLock
     unsigned short m_usOppProcHandle = 0; // guarded by m_oStatusLock
@@ -173,13 +151,9 @@ private:
     bool m_bNonBlock = false;        // guarded by m_oRecvLock
     std::atomic<long> m_lLastRecvTime;
 
-    CZolMsgPdu *m_poCurPdu = nullptr; // from here to m_oBigMsgIndex guarded by m_oRecvLock; owned
-    std::uint32_t m_ulPduFilled = 0;
-    char *m_pcRecvBuf = nullptr; // owned
-    std::uint32_t m_ulRecvLen = 0;
-    std::uint32_t m_ulPduLeft = 0;
-    BigMsgList m_oBigMsgList;                                               // owned; in the order of first blocks
-    std::unordered_map<std::uint32_t, BigMsgList::iterator> m_oBigMsgIndex; // by source process id and handle
+    CEnd m_oEnd{*this};
+    CZolMsgDispatcher m_oDispatcher; // guarded by m_oRecvLock
+    CZolPduReader m_oReader;         // guarded by m_oRecvLock
 
     // Order: m_oRecvLock, m_oPipeLock, m_oStatusLock.
     mutable ACE_RW_Mutex m_oPipeLock;   // shared: use of the socket; exclusive: changing it
@@ -189,7 +163,6 @@ private:
     std::atomic<bool> m_bResetDue{false}; // pairs with the try of m_oRecvLock in resetIfDue()
     std::atomic<unsigned int> m_uiLife{0};
     std::atomic<unsigned int> m_uiRefs{1};
-    const unsigned int m_uiRecvBufferLength;
 
     static unsigned int sm_uiRecvBufferLength;
 };

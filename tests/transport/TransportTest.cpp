@@ -27,7 +27,7 @@ private:
 
 } // namespace
 
-void CInbox::add(const CZolMsgPdu &oMsg)
+SFrame frameOf(const CZolMsgPdu &oMsg)
 {
     SFrame oFrame;
     oFrame.m_ucVersion = oMsg.m_ucVersion;
@@ -43,7 +43,15 @@ void CInbox::add(const CZolMsgPdu &oMsg)
     oFrame.m_usSrcTask = oMsg.m_usSrcSubModuleId;
     oFrame.m_usDestTask = oMsg.m_usDestSubModuleId;
     oFrame.m_usHeader = oMsg.m_usHeaderLength;
-    oFrame.body(bodyOf(oMsg));
+    oFrame.m_ulData = oMsg.m_ulDataLength;
+    const char *pcBehind = reinterpret_cast<const char *>(&oMsg) + 28;
+    oFrame.m_strBody.assign(pcBehind, oMsg.m_usHeaderLength - 28U + oMsg.m_ulDataLength);
+    return oFrame;
+}
+
+void CInbox::add(const CZolMsgPdu &oMsg)
+{
+    SFrame oFrame = frameOf(oMsg);
     const std::lock_guard<std::mutex> oGuard(m_oLock);
     m_oFrames.push_back(std::move(oFrame));
 }

@@ -95,6 +95,9 @@ SFrame toSink(unsigned int uiCmd, const std::string &strBody = "");
 CZolMsgPdu *newMessage(unsigned short usProc, unsigned short usHandle, unsigned int uiCmd, const std::string &strBody,
                        unsigned char ucType = CZolMsgPdu::MSG_REQUEST);
 
+/// A message of the library as a frame; what its header has beyond 28 bytes heads the body.
+SFrame frameOf(const CZolMsgPdu &oMsg);
+
 /// Bytes of which no two neighbouring stretches are alike.
 std::string pattern(std::size_t uiLength);
 

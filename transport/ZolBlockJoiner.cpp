@@ -1,10 +1,7 @@
-// Joining the blocks of a big message: numbered 1, 2, 3 and so on, and 0 for the last, one message of a source
-// (process id and handle) at a time on each pipe. Blocks of other sources and whole messages may come in between.
+#include "transport/ZolBlockJoiner.h"
 
-#include "ZolErrors.h"
 #include "ZolRunLog.h"
 #include "config/ZolCounters.h"
-#include "transport/ZolConnection.h"
 #include "transport/ZolFieldTail.h"
 
 #include <cstring>
@@ -13,6 +10,8 @@
 namespace
 {
 
+const char *const JOIN_SCOPE = "CZolConnection::processBigMsgBlock"; // as readers of the log know it
+
 std::uint32_t sourceOf(const CZolMsgPdu &oPdu)
 {
     return (static_cast<std::uint32_t>(oPdu.m_usSrcProcID) << 16) | oPdu.m_usSrcProcHandle;
@@ -20,9 +19,9 @@ std::uint32_t sourceOf(const CZolMsgPdu &oPdu)
 
 } // namespace
 
-int CZolConnection::processBigMsgBlock(CZolMsgPdu *poPdu)
+int CZolBlockJoiner::add(CZolMsgPdu *poPdu, CZolMsgPdu *&poWhole)
 {
-    const char *const pcScope = "CZolConnection::processBigMsgBlock";
+    poWhole = nullptr;
     if (poPdu->m_usSegmentNo != 0)
     {
         if (saveBigMsgBlock(poPdu) == 0)
@@ -32,24 +31,25 @@ int CZolConnection::processBigMsgBlock(CZolMsgPdu *poPdu)
         delete poPdu;
         return -1;
     }
-    logWithFields(&CZolDebugInfo::info, pcScope, "big message last block receive, ", *poPdu);
+    logWithFields(&CZolDebugInfo::info, JOIN_SCOPE, "big message last block receive, ", *poPdu);
     const auto itFound = m_oBigMsgIndex.find(sourceOf(*poPdu));
     if (itFound == m_oBigMsgIndex.end())
     {
         zolCount(zolCounters().m_ulBigMsgBroken);
-        logWithFields(&CZolDebugInfo::fatal, pcScope, "only find one block of big message, ", *poPdu);
+        logWithFields(&CZolDebugInfo::fatal, JOIN_SCOPE, "only find one block of big message, ", *poPdu);
         delete poPdu;
         return -1;
     }
     SZolBigMsgItem *poItem = *itFound->second;
     m_oBigMsgList.erase(itFound->second);
     m_oBigMsgIndex.erase(itFound);
-    return joinBlocks(poItem, poPdu);
+    poWhole = join(poItem, poPdu);
+    return poWhole != nullptr ? 0 : -1;
 }
 
-int CZolConnection::joinBlocks(SZolBigMsgItem *poItem, CZolMsgPdu *poLast)
+// Takes both over; null when it cannot be held.
+CZolMsgPdu *CZolBlockJoiner::join(SZolBigMsgItem *poItem, CZolMsgPdu *poLast)
 {
-    const char *const pcScope = "CZolConnection::processBigMsgBlock";
     const std::uint64_t ulTotal =
         std::uint64_t(poLast->m_usHeaderLength) + poItem->m_ulDataBytes + poLast->m_ulDataLength;
     CZolMsgPdu *poWhole = nullptr;
@@ -60,10 +60,10 @@ int CZolConnection::joinBlocks(SZolBigMsgItem *poItem, CZolMsgPdu *poLast)
     if (poWhole == nullptr)
     {
         zolCount(zolCounters().m_ulBigMsgBroken);
-        logWithFields(&CZolDebugInfo::error, pcScope, "alloc memory failed when process message, ", *poLast);
+        logWithFields(&CZolDebugInfo::error, JOIN_SCOPE, "alloc memory failed when process message, ", *poLast);
         delete poLast;
         freeBlocks(poItem);
-        return -1;
+        return nullptr;
     }
     // the header of the last block heads the whole
     char *pcTo = reinterpret_cast<char *>(poWhole);
@@ -82,11 +82,11 @@ int CZolConnection::joinBlocks(SZolBigMsgItem *poItem, CZolMsgPdu *poLast)
     poWhole->m_ulDataLength = static_cast<ACE_UINT32>(ulTotal - poWhole->m_usHeaderLength);
     poWhole->m_ucMsgType =
         poWhole->m_ucMsgType == CZolMsgPdu::MSG_BIG_REQUEST ? CZolMsgPdu::MSG_REQUEST : CZolMsgPdu::MSG_RESPONSE;
-    logWithFields(&CZolDebugInfo::info, pcScope, "big message all block receive, ", *poWhole);
-    return deliverOrDrop(poWhole, pcScope);
+    logWithFields(&CZolDebugInfo::info, JOIN_SCOPE, "big message all block receive, ", *poWhole);
+    return poWhole;
 }
 
-int CZolConnection::saveBigMsgBlock(CZolMsgPdu *poPdu)
+int CZolBlockJoiner::saveBigMsgBlock(CZolMsgPdu *poPdu)
 {
     const char *const pcScope = "CZolConnection::saveBigMsgBlock";
     const auto itFound = m_oBigMsgIndex.find(sourceOf(*poPdu));
@@ -118,9 +118,19 @@ int CZolConnection::saveBigMsgBlock(CZolMsgPdu *poPdu)
 }
 
 // Frees an item that stands on no list any more, with the blocks that it still has.
-void CZolConnection::freeBlocks(SZolBigMsgItem *poItem)
+void CZolBlockJoiner::freeBlocks(SZolBigMsgItem *poItem)
 {
     poItem->m_poBlockList->deleteAll();
     delete poItem->m_poBlockList;
     delete poItem;
+}
+
+void CZolBlockJoiner::reset()
+{
+    for (SZolBigMsgItem *poItem : m_oBigMsgList)
+    {
+        freeBlocks(poItem);
+    }
+    m_oBigMsgList.clear();
+    m_oBigMsgIndex.clear();
 }
