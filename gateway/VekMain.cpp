@@ -253,12 +253,14 @@ int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
     oExchange.end(); // so that a client who waits for a snapshot does not hold up the end
     oHttp.stop();
     const SZolVekStatistics &oStatistics = oGateway.statistics();
-    CZolVekLog::line(CZolRunLog::LEVEL_INFO, "run",
-                     "end, %llu frames in, %llu out, %llu without a route, %llu dropped for slow receivers",
-                     static_cast<unsigned long long>(oStatistics.m_ulFramesIn),
-                     static_cast<unsigned long long>(oStatistics.m_ulFramesOut),
-                     static_cast<unsigned long long>(oStatistics.m_ulDropNoRoute),
-                     static_cast<unsigned long long>(oStatistics.m_ulDropSlow));
+    CZolVekLog::line(
+        CZolRunLog::LEVEL_INFO, "run",
+        "end, %llu frames in, %llu out, %llu without a route, %llu dropped for slow receivers, %llu too late",
+        static_cast<unsigned long long>(oStatistics.m_ulFramesIn),
+        static_cast<unsigned long long>(oStatistics.m_ulFramesOut),
+        static_cast<unsigned long long>(oStatistics.m_ulDropNoRoute),
+        static_cast<unsigned long long>(oStatistics.m_ulDropSlow),
+        static_cast<unsigned long long>(oStatistics.m_ulDropDraining));
     CZolVekLog::flush();
     return EXIT_SUCCESS;
 }

@@ -268,7 +268,7 @@ bool CZolVekGateway::mayRead(const CZolVekSession &oSession) const
         return false;
     }
     return oSession.m_eState == VEK_UNREGISTERED || oSession.m_eState == VEK_REFUSED ||
-           (oSession.m_eState == VEK_UP && !m_bDraining);
+           (oSession.m_eState == VEK_UP && (!m_bDraining || oSession.m_bFinished));
 }
 
 void CZolVekGateway::turn(CZolVekSession &oSession)
@@ -333,6 +333,11 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         {
             return true;
         }
+        if (oSession.m_bFinished && eRead == VEK_READ_DAMAGED)
+        {
+            oSession.m_bReadable = false; // to close it now would lose what the kernel has still to send
+            return false;
+        }
         if (eRead == VEK_READ_DAMAGED)
         {
             m_oAgenda.doom(oSession, "a frame announced " + std::to_string(oSession.m_oReader.announcedBytes()) +
@@ -353,7 +358,7 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         }
         if (oSession.m_bDiscard)
         {
-            ++m_oStatistics.m_ulDropSlow;
+            ++(oSession.m_bFinished ? m_oStatistics.m_ulDropDraining : m_oStatistics.m_ulDropSlow);
         }
         else if (m_oRouter.route(oSession, oFrame) == VEK_STALLED)
         {
@@ -368,8 +373,8 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
 
 bool CZolVekGateway::isThrottled(CZolVekSession &oSession)
 {
-    if ((m_oSettings.m_ulMaxFramesPerSecond | m_oSettings.m_ulMaxBytesPerSecond) == 0 || oSession.m_bBroken ||
-        oSession.m_bDiscard ||
+    if ((m_oSettings.m_ulMaxFramesPerSecond | m_oSettings.m_ulMaxBytesPerSecond) == 0 || m_bDraining ||
+        oSession.m_bBroken || oSession.m_bDiscard ||
         oSession.m_oRate.mayTake(m_oSettings.m_ulMaxFramesPerSecond, m_oSettings.m_ulMaxBytesPerSecond,
                                  m_oAgenda.m_ulNowMs))
     {
@@ -632,6 +637,10 @@ void CZolVekGateway::sweep()
     m_oRoutes.forEach(
         [&](CZolVekSession *poSession)
         {
+            if (poSession->m_bFinished)
+            {
+                return; // checkDrained() waits for it
+            }
             if (poSession->m_bBroken)
             {
                 if (ulNow - poSession->m_ulBrokenMs >= std::uint64_t{1000} * m_oSettings.m_uiProbeSeconds)
@@ -681,6 +690,11 @@ void CZolVekGateway::sweepLargeFrame(CZolVekSession &oSession)
 }
 
 // ---- The end ------------------------------------------------------------------------------------------------------
+//
+// Nothing more is read, what has been read is routed, and outboxes leave. Then each pipe is closed in the direction to
+// the process, and only when its kernel has acknowledged all, the end included, is it left: a socket that is closed
+// while something in it is unread resets the connection, and the kernel throws away what it still had to send. So what
+// comes after the half-close is read, dropped and counted.
 
 void CZolVekGateway::drain()
 {
@@ -688,29 +702,71 @@ void CZolVekGateway::drain()
     m_oRegistrar.drain();
     m_ulDrainUntilMs = m_oAgenda.m_ulNowMs + std::uint64_t{1000} * m_oSettings.m_uiDrainSeconds;
     CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::drain", "draining, %zu pipes are up", m_oRoutes.size());
+    m_oRouter.beginTurn();
+    m_oRouter.endGrace();
+    flushDirty();
+    m_oRouter.endTurn();
 }
 
-void CZolVekGateway::checkDrained()
+bool CZolVekGateway::isSettled() const
+{
+    bool bWaiting = !m_oAgenda.m_oReady.empty() || !m_oThrottled.empty();
+    m_oRoutes.forEach([&](const CZolVekSession *poSession)
+                      { bWaiting = bWaiting || poSession->m_poWaitsFor != nullptr; });
+    return !bWaiting;
+}
+
+bool CZolVekGateway::finishAll()
+{
+    bool bAll = true;
+    m_oRoutes.forEach(
+        [&](CZolVekSession *poSession)
+        {
+            if (!poSession->m_bFinished && poSession->m_oOutbox.isEmpty())
+            {
+                shutdown(poSession->m_iSocket, SHUT_WR);
+                poSession->m_bFinished = true;
+                poSession->m_bReadable = true;
+                m_oAgenda.giveUp(*poSession);
+            }
+            bAll = bAll && poSession->m_bFinished && (poSession->m_bBroken || poSession->unacknowledged() == 0);
+        });
+    return bAll;
+}
+
+void CZolVekGateway::dropRest()
 {
     std::uint64_t ulLeft = 0;
     std::size_t ulWaiting = 0;
     m_oRoutes.forEach(
         [&](CZolVekSession *poSession)
         {
-            ulLeft += poSession->m_oOutbox.bytes();
+            ulLeft += poSession->m_oOutbox.bytes() + poSession->unacknowledged();
             ulWaiting += poSession->m_poWaitsFor != nullptr ? 1 : 0;
+            m_oStatistics.m_ulDropDraining += poSession->m_oOutbox.frames();
+            poSession->m_bFinished = true;
+            poSession->m_bDiscard = true;
+            poSession->m_oReader.begin(m_oBuffer);
+            takeFrames(*poSession); // those that had to wait
+            poSession->m_oReader.end();
         });
-    if (ulLeft > 0 || ulWaiting > 0 || !m_oAgenda.m_oReady.empty() || !m_oThrottled.empty())
+    CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::dropRest",
+                     "the time to drain is over, %" PRIu64 " bytes are lost, %zu sources had to wait", ulLeft,
+                     ulWaiting);
+}
+
+void CZolVekGateway::checkDrained()
+{
+    m_bFinishing = m_bFinishing || isSettled();
+    if (m_bFinishing && finishAll())
     {
-        if (m_oAgenda.m_ulNowMs < m_ulDrainUntilMs)
-        {
-            return;
-        }
-        CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::checkDrained",
-                         "the time to drain is over, %" PRIu64 " bytes are lost, %zu sources had to wait", ulLeft,
-                         ulWaiting);
+        m_bDone = true;
     }
-    m_bDone = true;
+    else if (!m_bDone && m_oAgenda.m_ulNowMs >= m_ulDrainUntilMs)
+    {
+        dropRest();
+        m_bDone = true;
+    }
 }
 
 void CZolVekGateway::reload(const SZolVekSettings &oSettings)

@@ -111,6 +111,9 @@ private:
     bool isThrottled(CZolVekSession &oSession);
     void wakeThrottled();
     void checkDrained();
+    bool isSettled() const;
+    bool finishAll();
+    void dropRest();
     unsigned int unregistered() const { return static_cast<unsigned int>(m_oSessions.size() - m_oRoutes.size()); }
 
     SZolVekSettings m_oSettings;
@@ -145,6 +148,7 @@ private:
     std::uint64_t m_ulLastTickMs = 0;
     std::uint64_t m_ulNextSweepMs = 0;
     bool m_bDraining = false;
+    bool m_bFinishing = false; // draining, and nothing is left to be routed
     bool m_bDone = false;
     std::uint64_t m_ulDrainUntilMs = 0;
 };

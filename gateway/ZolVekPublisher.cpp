@@ -233,7 +233,7 @@ EnumZolVekVerdict CZolVekPublisher::hold(CZolVekSession &oFrom, const CZolVekFra
     return VEK_TAKEN;
 }
 
-void CZolVekPublisher::releaseHeld()
+void CZolVekPublisher::releaseHeld(std::uint64_t *pulUnheard)
 {
     std::deque<SHeld> oHeld;
     oHeld.swap(m_oHeld);
@@ -243,6 +243,10 @@ void CZolVekPublisher::releaseHeld()
         CZolVekFrame oFrame(oOne.m_poRecord->m_pcData, oOne.m_poRecord->m_uiLength);
         oFrame.m_poRecord = oOne.m_poRecord;
         const std::vector<SZolVekSubscriber> *const poSubscribers = m_oSubscriptions.find(oFrame.command());
+        if (pulUnheard != nullptr && (poSubscribers == nullptr || (!isWhole(oFrame) && oOne.m_poFrom == nullptr)))
+        {
+            ++*pulUnheard;
+        }
         if (isWhole(oFrame) && poSubscribers != nullptr)
         {
             publishTo(oOne.m_poFrom, oFrame, *poSubscribers, true);
@@ -261,8 +265,14 @@ void CZolVekPublisher::tick()
     if (m_ulGraceUntilMs != 0 && m_oAgenda.m_ulNowMs >= m_ulGraceUntilMs)
     {
         m_ulGraceUntilMs = 0;
-        releaseHeld();
+        releaseHeld(nullptr);
     }
+}
+
+void CZolVekPublisher::endGrace()
+{
+    m_ulGraceUntilMs = 0;
+    releaseHeld(&m_oStatistics.m_ulDropDraining);
 }
 
 // ---- A pipe has gone ----------------------------------------------------------------------------------------------

@@ -27,6 +27,9 @@ public:
     /// Publications are held back until then, so that subscribers that come back after a start miss nothing.
     void graceUntil(std::uint64_t ulUntilMs) { m_ulGraceUntilMs = ulUntilMs; }
 
+    /// Those that are held back go to the subscribers that there are; what reaches nobody is counted.
+    void endGrace();
+
     EnumZolVekVerdict toAll(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
     EnumZolVekVerdict toSubscribers(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
 
@@ -52,7 +55,7 @@ private:
     void keepBlock(CZolVekSession &oFrom, SZolVekPublication &oPublication, SZolVekRecord *poRecord);
     void finish(CZolVekSession &oFrom, TZolVekKey uiSource, SZolVekPublication &oPublication);
     EnumZolVekVerdict hold(CZolVekSession &oFrom, const CZolVekFrame &oFrame);
-    void releaseHeld();
+    void releaseHeld(std::uint64_t *pulUnheard);
     static void forget(const CZolVekSession &oSession, std::vector<SZolVekSubscriber> &oSubscribers);
 
     const SZolVekSettings &m_oSettings;

@@ -90,7 +90,8 @@ void CZolVekReporter::fillTotals(SZolGatewaySnapshot &oSnapshot) const
                           {"unknown_type", m_oStatistics.m_ulDropType},
                           {"forbidden_command", m_oStatistics.m_ulDropForbidden},
                           {"debug_not_allowed", m_oStatistics.m_ulDropDebug},
-                          {"foreign_source", m_oStatistics.m_ulDropSource}};
+                          {"foreign_source", m_oStatistics.m_ulDropSource},
+                          {"draining", m_oStatistics.m_ulDropDraining}};
     oSnapshot.m_oRegistrations = {{"0", m_oStatistics.m_ulRegistered},
                                   {"-1", m_oStatistics.m_ulRefusedDrain},
                                   {"-8", m_oStatistics.m_ulRefusedId},

@@ -42,6 +42,9 @@ public:
     /// Publications are held back until then.
     void graceUntil(std::uint64_t ulUntilMs) { m_oPublisher.graceUntil(ulUntilMs); }
 
+    /// Publications that are held back go to the subscribers that there are.
+    void endGrace() { m_oPublisher.endGrace(); }
+
     /// To be called before the frames of a turn.
     void beginTurn() { m_oBackPressure.beginTurn(); }
 

@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -86,6 +88,12 @@ int CZolVekSession::receive(std::size_t ulMost, std::string &strReason)
     }
     strReason = acReason;
     return -1;
+}
+
+std::uint64_t CZolVekSession::unacknowledged() const
+{
+    int iBytes = 0;
+    return ioctl(m_iSocket, SIOCOUTQ, &iBytes) == 0 && iBytes > 0 ? static_cast<std::uint64_t>(iBytes) : 0;
 }
 
 void CZolVekSession::fillHello(char *pcHello) const

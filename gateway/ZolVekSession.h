@@ -91,6 +91,9 @@ public:
         return *m_poFlows;
     }
 
+    /// Bytes that the kernel of the peer has not acknowledged, the end of the stream included.
+    std::uint64_t unacknowledged() const;
+
     /// The hello of the gateway to this process.
     void fillHello(char *pcHello) const;
 
@@ -129,6 +132,7 @@ public:
     bool m_bDirty = false;              ///< on the list of outboxes to flush
     bool m_bEnded = false;              ///< the peer sends no more
     bool m_bBroken = false;             ///< the connection is gone: it gets nothing more, what it sent is still read
+    bool m_bFinished = false;           ///< it has got everything, and that it is the end; draining only
     bool m_bDiscard = false;            ///< what it sent is read and dropped
     int m_iError = 0;                   ///< that broke it, if a write met that
     std::uint64_t m_ulBrokenMs = 0;     ///< when it broke

@@ -19,6 +19,7 @@ struct SZolVekStatistics
     std::uint64_t m_ulDropSource = 0;    ///< named another source than its pipe is registered under
     std::uint64_t m_ulForeignSource = 0; ///< the same, and went on
     std::uint64_t m_ulDropQueued = 0;    ///< waited for a pipe that went down
+    std::uint64_t m_ulDropDraining = 0;  ///< came too late before the end, or had not left by then
 
     std::uint64_t m_ulAccepted = 0;     ///< connections
     std::uint64_t m_ulRegistered = 0;   ///< accepted registrations

@@ -68,6 +68,39 @@ protected:
     };
 };
 
+// The end comes when the kernels of the receivers have everything: the publications of the grace too. What comes after
+// it has begun, and what nobody is there for, is counted.
+TEST_F(BackPressureTest, DrainsIntoTheKernelsOfTheReceivers)
+{
+    m_oSettings.m_uiGraceSeconds = 600;
+    CRawPipe oTo = narrowPipe(8, 1);
+    CRawPipe oA = pipe(7, 1);
+    subscribe(oTo, 5, 1, 40);
+    ASSERT_TRUE(oA.send(frame(13, A, 0, "held", 5).wire() + frame(13, A, 0, "to nobody", 6).wire() +
+                        frame(1, A, B, std::string(1000, 'd')).wire() + frame(1, A, A, "done").wire()));
+    EXPECT_EQ("done", next(oA).m_strBody);
+    bool bDone = false;
+    gateway().run([](CZolVekGateway &oGateway) { oGateway.drain(); });
+    ASSERT_TRUE(oTo.send(frame(1, B, A, "too late").wire()));
+    for (int i = 0; i < 20; ++i)
+    {
+        gateway().pass(30ms);
+        gateway().run([&](CZolVekGateway &oGateway) { bDone = oGateway.isDone(); });
+    }
+    EXPECT_FALSE(bDone) << "nothing has been read yet";
+    EXPECT_EQ(1000u, next(oTo).m_strBody.size());
+    EXPECT_EQ("held", next(oTo).m_strBody);
+    EXPECT_TRUE(oTo.waitClosed());
+    EXPECT_TRUE(oA.waitClosed());
+    EXPECT_TRUE(waitUntil(
+        [&]
+        {
+            gateway().run([&](CZolVekGateway &oGateway) { bDone = oGateway.isDone(); });
+            return bDone;
+        }));
+    EXPECT_EQ(2u, gateway().statistics().m_ulDropDraining);
+}
+
 // A source that is reset while it waits for a slow receiver: what it has sent comes first, at most to twice the bound
 // of the queue, then its key is free, at once or within seconds.
 TEST_F(BackPressureTest, RoutesWhatAResetPipeHasLeftBehind)

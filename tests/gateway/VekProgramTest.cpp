@@ -149,6 +149,7 @@ TEST_F(VekProgramTest, LosesNothingThatIsQueuedWhenItEnds)
     ASSERT_TRUE(oA.send(oSelf.wire()));
     ASSERT_TRUE(oA.readFrame(oSelf));
     m_poVek->signal(SIGTERM);
+    ASSERT_TRUE(oSlow.send(oSelf.wire())) << "unread input must not reset the connection";
     for (int i = 0; i < 30; ++i)
     {
         ASSERT_TRUE(oSlow.readFrame(oFrame)) << i;
