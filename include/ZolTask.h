@@ -120,7 +120,7 @@ private:
     void awaitDelivery(int iSeconds);
     void endSynCall(EnumTaskState eBefore);
     int takeResponse(CZolMsgPdu *&poResponse);
-    CZolTaskMgr *findLocalDest(const CZolMsgPdu &oMsg, const char *pcScope) const;
+    void refuseLocal(CZolMsgPdu *poMsg, const char *pcScope) const;
 
     void buffer(CZolMsgPdu *poMsg); // the caller holds m_oStatusMutex
     CZolMsgPdu *popMsg();           // null when there is none

@@ -7,6 +7,7 @@
 #include "config/ZolCounters.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolInlineTask.h"
+#include "task/ZolRoute.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolSendMsgTask.h"
 
@@ -124,14 +125,17 @@ int CZolAppMgr::sendAsynMsg(CZolMsgPdu *&poMsg)
         oDebug.error("invalid parameter, null pointer!");
         return ZOL_ERR_FAILED;
     }
-    if (isThisProcess(*poTaken))
+    const SZolRoute oRoute = zolRoute(*poTaken);
+    const unsigned char ucTaskMgrID = poTaken->m_ucDestModule;
+    switch (oRoute.m_eWay)
     {
-        const unsigned char ucTaskMgrID = poTaken->m_ucDestModule;
-        return sendLocalAsynMsg(poTaken, ucTaskMgrID);
-    }
-    if (CZolConnMgr::instance()->isConnected(poTaken->m_usDestProcID, poTaken->m_usDestProcHandle))
-    {
-        return CZolSendMsgTask::instance()->sendMsg(zolBlockOf(poTaken));
+    case WAY_LOCAL:
+    case WAY_NO_TASKMGR:
+        return sendLocalAsynMsg(poTaken, ucTaskMgrID); // which has refusals of its own
+    case WAY_PIPE:
+        return oRoute.send(poTaken);
+    case WAY_NO_PIPE:
+        break;
     }
     oDebug.error("the connection to vEK is interrupted !");
     zolCount(zolCounters().m_ulNoConnection);

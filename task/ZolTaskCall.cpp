@@ -14,8 +14,7 @@
 #include "log/ZolHeldLines.h"
 #include "message/ZolMonotonic.h"
 #include "task/ZolPoll.h"
-#include "transport/ZolConnMgr.h"
-#include "transport/ZolSendMsgTask.h"
+#include "task/ZolRoute.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Thread.h>
@@ -33,17 +32,13 @@ int CZolTask::sendSynMsg(CZolMsgPdu *&poRequest, CZolMsgPdu *&poResponse, int iS
     poMsg->m_ucSrcModule = m_poTaskMgr->getTaskMgrID();
     poMsg->m_usSrcSubModuleId = m_usTaskID;
 
-    CZolTaskMgr *poLocalMgr = nullptr;
-    if (CZolAppMgr::instance()->isThisProcess(*poMsg))
+    const SZolRoute oRoute = zolRoute(*poMsg);
+    if (oRoute.m_eWay == WAY_NO_TASKMGR)
     {
-        poLocalMgr = findLocalDest(*poMsg, "CZolTask::sendSynMsg");
-        if (poLocalMgr == nullptr)
-        {
-            delete poMsg;
-            return ZOL_ERR_NO_DEST;
-        }
+        refuseLocal(poMsg, "CZolTask::sendSynMsg");
+        return ZOL_ERR_NO_DEST;
     }
-    else if (!CZolConnMgr::instance()->isConnected(poMsg->m_usDestProcID, poMsg->m_usDestProcHandle))
+    if (oRoute.m_eWay == WAY_NO_PIPE)
     {
         poResponse = nullptr;
         zolCount(zolCounters().m_ulNoConnection);
@@ -52,9 +47,7 @@ int CZolTask::sendSynMsg(CZolMsgPdu *&poRequest, CZolMsgPdu *&poResponse, int iS
     }
 
     const EnumTaskState eBefore = beginSynCall();
-    CZolMemBlock *poBlock = zolBlockOf(poMsg);
-    const int iResult =
-        poLocalMgr != nullptr ? poLocalMgr->enqueueMsg(poBlock, true) : CZolSendMsgTask::instance()->sendMsg(poBlock);
+    const int iResult = oRoute.send(poMsg);
     if (iResult == ZOL_OK)
     {
         awaitDelivery(iSeconds);

@@ -7,9 +7,8 @@
 #include "ZolTaskMgr.h"
 #include "ZolTimer.h"
 #include "config/ZolCounters.h"
+#include "task/ZolRoute.h"
 #include "task/ZolTaskLog.h"
-#include "transport/ZolConnMgr.h"
-#include "transport/ZolSendMsgTask.h"
 
 #include <limits>
 
@@ -29,24 +28,21 @@ int CZolTask::sendAsynMsg(CZolMsgPdu *&poMsg)
         delete poTaken;
         return ZOL_ERR_FAILED;
     }
-    CZolMemBlock *poBlock = zolBlockOf(poTaken);
-    if (!CZolAppMgr::instance()->isThisProcess(*poTaken))
+    const SZolRoute oRoute = zolRoute(*poTaken);
+    switch (oRoute.m_eWay)
     {
-        if (CZolConnMgr::instance()->isConnected(poTaken->m_usDestProcID, poTaken->m_usDestProcHandle))
-        {
-            return CZolSendMsgTask::instance()->sendMsg(poBlock);
-        }
+    case WAY_NO_TASKMGR:
+        refuseLocal(poTaken, "CZolTask::sendAsynMsg");
+        return ZOL_ERR_NO_DEST;
+    case WAY_NO_PIPE:
         zolCount(zolCounters().m_ulNoConnection);
         delete poTaken;
         return ZOL_ERR_INTERRUPTED;
+    case WAY_LOCAL:
+    case WAY_PIPE:
+        break;
     }
-    CZolTaskMgr *poTaskMgr = findLocalDest(*poTaken, "CZolTask::sendAsynMsg");
-    if (poTaskMgr == nullptr)
-    {
-        delete poTaken;
-        return ZOL_ERR_NO_DEST;
-    }
-    const int iResult = poTaskMgr->enqueueMsg(poBlock, true);
+    const int iResult = oRoute.send(poTaken);
     if (iResult != ZOL_OK)
     {
         delete poTaken;
@@ -54,19 +50,15 @@ int CZolTask::sendAsynMsg(CZolMsgPdu *&poMsg)
     return iResult;
 }
 
-CZolTaskMgr *CZolTask::findLocalDest(const CZolMsgPdu &oMsg, const char *pcScope) const
+void CZolTask::refuseLocal(CZolMsgPdu *poMsg, const char *pcScope) const
 {
-    CZolTaskMgr *poTaskMgr = CZolAppMgr::instance()->findTaskMgr(oMsg.m_ucDestModule);
-    if (poTaskMgr == nullptr)
-    {
-        zolCount(zolCounters().m_ulNoManager);
-        zolFormatError(pcScope,
-                       "taskmgr %u task %u send message to local process failed, task not found, Dest: Mod=%u, "
-                       "SubMod=%u, cmd=%d",
-                       m_poTaskMgr->getTaskMgrID(), m_usTaskID, oMsg.m_ucDestModule, oMsg.m_usDestSubModuleId,
-                       oMsg.m_ulCmdID);
-    }
-    return poTaskMgr;
+    zolCount(zolCounters().m_ulNoManager);
+    zolFormatError(pcScope,
+                   "taskmgr %u task %u send message to local process failed, task not found, Dest: Mod=%u, "
+                   "SubMod=%u, cmd=%d",
+                   m_poTaskMgr->getTaskMgrID(), m_usTaskID, poMsg->m_ucDestModule, poMsg->m_usDestSubModuleId,
+                   poMsg->m_ulCmdID);
+    delete poMsg;
 }
 
 unsigned long CZolTask::setTimer(unsigned long ulInterval)
