@@ -106,15 +106,15 @@ int CZolAcceptorHandler::bindPort(unsigned short usPort)
 
 int CZolAcceptorHandler::handle_input(ACE_HANDLE /*oHandle*/)
 {
-    CZolConnection *poConn = acceptConnection();
-    if (poConn != nullptr)
+    const int iSocket = acceptSocket();
+    if (iSocket >= 0)
     {
-        readFirstMessage(poConn);
+        takeConnection(iSocket);
     }
     return 0;
 }
 
-CZolConnection *CZolAcceptorHandler::acceptConnection()
+int CZolAcceptorHandler::acceptSocket()
 {
     const int iSocket = ::accept4(get_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (iSocket < 0)
@@ -122,7 +122,7 @@ CZolConnection *CZolAcceptorHandler::acceptConnection()
         const int iError = errno;
         if (iError == EAGAIN || iError == EWOULDBLOCK)
         {
-            return nullptr;
+            return -1;
         }
         const bool bOutOfDescriptors = iError == EMFILE || iError == ENFILE;
         if ((bOutOfDescriptors && !refuseForWantOfDescriptors()) || iError == ENOBUFS || iError == ENOMEM)
@@ -130,12 +130,9 @@ CZolConnection *CZolAcceptorHandler::acceptConnection()
             rest();
         }
         CZolDebugInfo("CZolAcceptorHandler::handle_input").error("accept connection request failed.");
-        return nullptr;
+        return -1;
     }
-    zolsocket::prepare(iSocket);
-    auto *poConn = new CZolConnection(CZolConnection::CONN_PASSIVE);
-    poConn->getStream().set_handle(iSocket);
-    return poConn;
+    return iSocket;
 }
 
 // A caller that waits in the backlog keeps the listening socket readable, and the reactor would come back here at once
@@ -172,10 +169,13 @@ int CZolAcceptorHandler::handle_timeout(const ACE_Time_Value & /*oNow*/, const v
     return 0;
 }
 
-void CZolAcceptorHandler::readFirstMessage(CZolConnection *poConn)
+void CZolAcceptorHandler::takeConnection(ACE_HANDLE oSocket)
 {
     CZolDebugInfo oDebug("CZolAcceptorHandler::handle_input");
+    zolsocket::prepare(oSocket);
+    auto *poConn = new CZolConnection(CZolConnection::CONN_PASSIVE);
     CZolConnRef oConn = CZolConnRef::adopt(poConn);
+    poConn->getStream().set_handle(oSocket);
     alignas(CZolMsgPdu) char acLocal[zolpipe::REGISTER_LENGTH];
     if (!readWithin(poConn, acLocal, zolpipe::HEADER_LENGTH))
     {

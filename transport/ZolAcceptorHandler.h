@@ -30,6 +30,9 @@ public:
     /// Opens the port on all interfaces and registers with the reactor: 0 or -1. One port per process.
     int bindPort(unsigned short usPort);
 
+    /// Reads the first message of a connected socket, which it takes over, and acts on it. On the reactor's thread.
+    void takeConnection(ACE_HANDLE oSocket);
+
     /// Sends the response of a direct request: within 200 s, until the process is told to end, or until the peer has
     /// taken no byte for 5 s while something else waits for the built-in task. The PDU, turned to wire order, stays the
     /// caller's.
@@ -41,10 +44,9 @@ public:
 private:
     CZolAcceptorHandler() = default;
 
-    CZolConnection *acceptConnection();
+    int acceptSocket();
     bool refuseForWantOfDescriptors();
     void rest();
-    void readFirstMessage(CZolConnection *poConn);
     static bool readBody(CZolConnection *poConn, CZolMsgPdu *poPdu);
     static void takeRequest(CZolConnRef oConn, const CZolMsgPdu &oHeader);
     static void readRequest(CZolConnRef oConn, const CZolMsgPdu &oHeader);

@@ -138,13 +138,10 @@ void CZolPipeOpener::connected()
     CZolConnMgr *poMgr = CZolConnMgr::instance();
     m_eState = SENDING;
     m_oDeadline = zolsocket::in(std::chrono::seconds(zolpipe::REGISTER_SECONDS));
-    m_poPdu = zolpipe::newRegisterRequest(poMgr->getProcID(), poMgr->isOwnHandle() ? poMgr->getProcHandle() : 0,
-                                          poMgr->isNoHandle());
-    if (m_poPdu == nullptr)
+    if (!m_oExchange.begin(poMgr->getProcID(), poMgr->isOwnHandle() ? poMgr->getProcHandle() : 0, poMgr->isNoHandle()))
     {
         return fail("send register msg failed, error: ");
     }
-    htonPdu(m_poPdu);
     transfer();
 }
 
@@ -153,7 +150,6 @@ void CZolPipeOpener::transfer()
     if (m_eState == SENDING && send())
     {
         m_eState = READING;
-        m_uiDone = 0;
     }
     if (m_eState == READING && read())
     {
@@ -169,54 +165,44 @@ void CZolPipeOpener::transfer()
 // True when all has gone out.
 bool CZolPipeOpener::send()
 {
-    const ssize_t iSent = ::send(getHandle(), reinterpret_cast<char *>(m_poPdu) + m_uiDone,
-                                 zolpipe::REGISTER_LENGTH - m_uiDone, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t iSent =
+        ::send(getHandle(), m_oExchange.getNext(), m_oExchange.getLeft(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (iSent > 0)
     {
-        m_uiDone += static_cast<unsigned int>(iSent);
+        return m_oExchange.advance(static_cast<unsigned int>(iSent));
     }
-    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+    if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
     {
         fail("send register msg failed, error: ");
     }
-    return m_uiDone == zolpipe::REGISTER_LENGTH;
+    return false;
 }
 
-// True when all has come in, into the PDU of the request.
+// True when all has come in.
 bool CZolPipeOpener::read()
 {
-    const ssize_t iRead = ::recv(getHandle(), reinterpret_cast<char *>(m_poPdu) + m_uiDone,
-                                 zolpipe::REGISTER_LENGTH - m_uiDone, MSG_DONTWAIT);
+    const ssize_t iRead = ::recv(getHandle(), m_oExchange.getNext(), m_oExchange.getLeft(), MSG_DONTWAIT);
     if (iRead > 0)
     {
-        m_uiDone += static_cast<unsigned int>(iRead);
+        return m_oExchange.advance(static_cast<unsigned int>(iRead));
     }
-    else if (iRead == 0)
+    if (iRead == 0)
     {
         errno = ECONNRESET;
-        fail("recv response of register failed, error: ");
     }
-    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+    if (iRead == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
     {
         fail("recv response of register failed, error: ");
     }
-    return m_eState == READING && m_uiDone == zolpipe::REGISTER_LENGTH;
+    return false;
 }
 
 void CZolPipeOpener::answered()
 {
-    CZolDebugInfo oDebug(SCOPE);
-    ntohPdu(m_poPdu);
-    if (m_poPdu->m_ucMsgType != CZolMsgPdu::MSG_REGISTER)
+    const int iResult = m_oExchange.conclude();
+    if (iResult != 0)
     {
-        oDebug.error("Unknown type of response message for register process!");
-        return finish(-1);
-    }
-    const auto iStatus = static_cast<int>(zolpipe::load32(reinterpret_cast<char *>(m_poPdu) + zolpipe::HEADER_LENGTH));
-    if (iStatus != 0)
-    {
-        oDebug.info(zoltext("Register failed! Error: ", iStatus).c_str());
-        return finish(iStatus);
+        return finish(iResult);
     }
     succeed();
 }
@@ -225,15 +211,16 @@ void CZolPipeOpener::succeed()
 {
     CZolConnMgr *poMgr = CZolConnMgr::instance();
     CZolConnection &oConn = *m_oConn.get();
+    const CZolMsgPdu &oAnswer = m_oExchange.getAnswer();
     oConn.m_oStatusLock.acquire_write();
     if (oConn.getPipeType() == CZolConnection::CONN_INITIATIVE)
     {
-        oConn.m_usOppProcID = m_poPdu->m_usSrcProcID;
-        oConn.m_usOppProcHandle = m_poPdu->m_usSrcProcHandle;
+        oConn.m_usOppProcID = oAnswer.m_usSrcProcID;
+        oConn.m_usOppProcHandle = oAnswer.m_usSrcProcHandle;
     }
     else if (!poMgr->isNoHandle() && !poMgr->isOwnHandle())
     {
-        CZolIdentity::own().setProcHandle(m_poPdu->m_usDestProcHandle);
+        CZolIdentity::own().setProcHandle(oAnswer.m_usDestProcHandle);
     }
     const unsigned short usOppProcID = oConn.m_usOppProcID;
     const unsigned short usOppProcHandle = oConn.m_usOppProcHandle;
@@ -257,8 +244,7 @@ void CZolPipeOpener::fail(const char *pcText)
 
 void CZolPipeOpener::finish(int iResult)
 {
-    delete m_poPdu;
-    m_poPdu = nullptr;
+    m_oExchange.end();
     if (m_bLocked)
     {
         if (iResult != 0 && !m_oConn->getPipeStatus())

@@ -2,6 +2,7 @@
 #define ZOL_TRANSPORT_ZOLPIPEOPENER_H
 
 #include "transport/ZolConnection.h"
+#include "transport/ZolRegisterExchange.h"
 #include "transport/ZolSocket.h"
 
 #include <memory>
@@ -74,8 +75,7 @@ private:
     bool m_bLocked = false;
     int m_iResult = -1;
     zolsocket::Deadline m_oDeadline{};
-    CZolMsgPdu *m_poPdu = nullptr; // owned: the request, then the response
-    unsigned int m_uiDone = 0;     // bytes of it that have passed
+    CZolRegisterExchange m_oExchange;
 };
 
 #endif
