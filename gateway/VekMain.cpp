@@ -1,8 +1,8 @@
 #include "ZolRunLog.h"
-#include "ZolVekGateway.h"
-#include "ZolVekLog.h"
-#include "ZolVekSettings.h"
-#include "gateway/http/ZolHttpServer.h"
+#include "gateway/config/ZolVekSettings.h"
+#include "gateway/loop/ZolVekGateway.h"
+#include "gateway/watch/ZolVekLog.h"
+#include "gateway/watch/http/ZolHttpServer.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -240,13 +240,13 @@ int run(const SZolVekSettings &oSettings, const SOptions &oOptions)
 
     std::uint64_t ulWatchdogUs = 0;
     const bool bWatchdog = sd_watchdog_enabled(0, &ulWatchdogUs) > 0;
-    std::uint64_t ulBarkedMs = 0;
+    std::uint64_t ulWatchdogMs = 0;
     while (!oGateway.isDone() && !oSignals.endsAtOnce())
     {
         oGateway.runOnce(-1);
-        if (bWatchdog && oGateway.nowMs() - ulBarkedMs >= 1000)
+        if (bWatchdog && oGateway.nowMs() - ulWatchdogMs >= 1000)
         {
-            ulBarkedMs = oGateway.nowMs();
+            ulWatchdogMs = oGateway.nowMs();
             sd_notify(0, "WATCHDOG=1"); // from the loop itself: a loop that hangs is restarted
         }
     }

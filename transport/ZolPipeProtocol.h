@@ -3,8 +3,9 @@
 
 #include "ZolMsgPdu.h"
 
+#include "wire/ZolWire.h"
+
 #include <cstdint>
-#include <cstring>
 
 /// What goes over a pipe, as constants and as the two fixed messages of it. A pipe carries PDUs back to back, the
 /// multi-byte fields of each header big-endian, the payload as it stands:
@@ -18,7 +19,7 @@
 namespace zolpipe
 {
 
-constexpr unsigned int HEADER_LENGTH = 28;
+constexpr unsigned int HEADER_LENGTH = zolwire::HEADER_BYTES;
 constexpr unsigned int REGISTER_LENGTH = 32;     ///< header and one word
 constexpr unsigned int REGISTER_BODY_LENGTH = 4; ///< of the request and of the response
 constexpr unsigned int BLOCK_LIMIT = 8188;       ///< most bytes of one send; larger messages are cut into blocks
@@ -47,41 +48,19 @@ constexpr unsigned char INITIAL_MODULE = 255; ///< with INITIAL_TASK: a call of 
 constexpr unsigned short INITIAL_TASK = 65535;
 constexpr unsigned char BUILT_IN_MODULE = 254;
 
-/// Big-endian words at any alignment.
-inline std::uint16_t load16(const void *pvFrom)
-{
-    unsigned char aBytes[2];
-    std::memcpy(aBytes, pvFrom, sizeof aBytes);
-    return static_cast<std::uint16_t>((aBytes[0] << 8) | aBytes[1]);
-}
-
-inline std::uint32_t load32(const void *pvFrom)
-{
-    std::uint32_t uiWord;
-    std::memcpy(&uiWord, pvFrom, sizeof uiWord);
-    return __builtin_bswap32(uiWord);
-}
-
-inline void store16(void *pvTo, std::uint16_t usWord)
-{
-    usWord = __builtin_bswap16(usWord);
-    std::memcpy(pvTo, &usWord, sizeof usWord);
-}
-
-inline void store32(void *pvTo, std::uint32_t uiWord)
-{
-    uiWord = __builtin_bswap32(uiWord);
-    std::memcpy(pvTo, &uiWord, sizeof uiWord);
-}
+using zolwire::load16;
+using zolwire::load32;
+using zolwire::store16;
+using zolwire::store32;
 
 /// Header length and data length of the header at pcHeader, which is in wire order.
 inline std::uint16_t wireHeaderLength(const char *pcHeader)
 {
-    return load16(pcHeader + 22);
+    return load16(pcHeader + zolwire::AT_HEADER_LENGTH);
 }
 inline std::uint32_t wireDataLength(const char *pcHeader)
 {
-    return load32(pcHeader + 24);
+    return load32(pcHeader + zolwire::AT_DATA_LENGTH);
 }
 
 /// Whether a message goes to the gateway whatever its destination says.

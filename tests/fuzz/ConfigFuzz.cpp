@@ -1,7 +1,7 @@
 // Any text as a configuration: it is read or refused. What is accepted says the same when its effective values are read
 // again.
 
-#include "ZolVekSettings.h"
+#include "gateway/config/ZolVekSettings.h"
 
 #include <cstdlib>
 

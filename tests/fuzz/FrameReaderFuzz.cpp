@@ -2,7 +2,7 @@
 //
 // Input: one byte that seeds the sizes of the reads, then the stream.
 
-#include "ZolVekFrameReader.h"
+#include "gateway/pipe/ZolVekFrameReader.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -25,11 +25,11 @@ void require(bool bHolds)
 /// The frames of a stream, and whether it is damaged, found without any state.
 bool walk(const std::string &strStream, std::vector<std::string> &oFrames)
 {
-    for (std::size_t ulAt = 0; strStream.size() - ulAt >= VEK_HEADER_BYTES;)
+    for (std::size_t ulAt = 0; strStream.size() - ulAt >= zolwire::HEADER_BYTES;)
     {
-        const std::uint64_t ulHeader = zolVekRead16(strStream.data() + ulAt + VEK_AT_HEADER_LENGTH);
-        const std::uint64_t ulTotal = ulHeader + zolVekRead32(strStream.data() + ulAt + VEK_AT_DATA_LENGTH);
-        if (ulHeader < VEK_HEADER_BYTES || ulTotal > LIMIT)
+        const std::uint64_t ulHeader = zolwire::load16(strStream.data() + ulAt + zolwire::AT_HEADER_LENGTH);
+        const std::uint64_t ulTotal = ulHeader + zolwire::load32(strStream.data() + ulAt + zolwire::AT_DATA_LENGTH);
+        if (ulHeader < zolwire::HEADER_BYTES || ulTotal > LIMIT)
         {
             return true;
         }

@@ -4,7 +4,7 @@
 // Input: steps of an operation byte (low 2 bits the pipe, the rest the operation) and what that needs.
 
 #include "ZolRunLog.h"
-#include "ZolVekGateway.h"
+#include "gateway/loop/ZolVekGateway.h"
 
 #include <cstdlib>
 #include <fcntl.h>
@@ -100,11 +100,11 @@ public:
         const ssize_t lRead = recv(m_iSocket, strPart.data(), strPart.size(), MSG_DONTWAIT);
         m_strUnread.append(strPart, 0, lRead > 0 ? static_cast<std::size_t>(lRead) : 0);
         std::size_t ulAt = 0;
-        while (m_strUnread.size() - ulAt >= VEK_HEADER_BYTES)
+        while (m_strUnread.size() - ulAt >= zolwire::HEADER_BYTES)
         {
-            const std::size_t ulHeader = zolVekRead16(m_strUnread.data() + ulAt + VEK_AT_HEADER_LENGTH);
-            const std::size_t ulTotal = ulHeader + zolVekRead32(m_strUnread.data() + ulAt + VEK_AT_DATA_LENGTH);
-            require(ulHeader >= VEK_HEADER_BYTES && ulTotal < 1u << 24); // else a frame was cut
+            const std::size_t ulHeader = zolwire::load16(m_strUnread.data() + ulAt + zolwire::AT_HEADER_LENGTH);
+            const std::size_t ulTotal = ulHeader + zolwire::load32(m_strUnread.data() + ulAt + zolwire::AT_DATA_LENGTH);
+            require(ulHeader >= zolwire::HEADER_BYTES && ulTotal < 1u << 24); // else a frame was cut
             if (m_strUnread.size() - ulAt < ulTotal)
             {
                 break;
@@ -122,35 +122,35 @@ private:
 /// A frame whose fields are likely ones, from nine bytes of input.
 std::string frameOf(CInput &oInput)
 {
-    char acHeader[VEK_HEADER_BYTES] = {1};
+    char acHeader[zolwire::HEADER_BYTES] = {1};
     const std::uint8_t ucKind = oInput.byte();
-    acHeader[VEK_AT_TYPE] = static_cast<char>(ucKind & 15);
-    zolVekWrite16(acHeader + VEK_AT_SEGMENT, oInput.byte() % 5);
-    zolVekWrite32(acHeader + VEK_AT_COMMAND, oInput.byte() % 3);
+    acHeader[zolwire::AT_TYPE] = static_cast<char>(ucKind & 15);
+    zolwire::store16(acHeader + zolwire::AT_SEGMENT, oInput.byte() % 5);
+    zolwire::store32(acHeader + zolwire::AT_COMMAND, oInput.byte() % 3);
     const std::uint8_t ucTo = oInput.byte();
-    zolVekWrite16(acHeader + VEK_AT_DEST_PROC, ucTo > 250 ? 65535 : ucTo % 3);
-    zolVekWrite16(acHeader + VEK_AT_DEST_HANDLE, ucTo > 250 ? 65535 : ucTo / 3 % 3);
+    zolwire::store16(acHeader + zolwire::AT_DEST_PROC, ucTo > 250 ? 65535 : ucTo % 3);
+    zolwire::store16(acHeader + zolwire::AT_DEST_HANDLE, ucTo > 250 ? 65535 : ucTo / 3 % 3);
     const std::uint8_t ucFrom = oInput.byte();
-    zolVekWrite16(acHeader + VEK_AT_SRC_PROC, ucFrom % 3);
-    zolVekWrite16(acHeader + VEK_AT_SRC_HANDLE, ucFrom / 3 % 3);
-    zolVekWrite16(acHeader + VEK_AT_HEADER_LENGTH, VEK_HEADER_BYTES + (ucKind >> 6));
+    zolwire::store16(acHeader + zolwire::AT_SRC_PROC, ucFrom % 3);
+    zolwire::store16(acHeader + zolwire::AT_SRC_HANDLE, ucFrom / 3 % 3);
+    zolwire::store16(acHeader + zolwire::AT_HEADER_LENGTH, zolwire::HEADER_BYTES + (ucKind >> 6));
     std::string strBody = oInput.bytes(oInput.byte() % 32);
     if ((ucKind & 0x30) == 0x30)
     {
         strBody.resize(std::size_t{1} << (8 + oInput.byte() % 10), 'b');
     }
-    zolVekWrite32(acHeader + VEK_AT_DATA_LENGTH, static_cast<std::uint32_t>(strBody.size()));
+    zolwire::store32(acHeader + zolwire::AT_DATA_LENGTH, static_cast<std::uint32_t>(strBody.size()));
     return std::string(acHeader, sizeof acHeader) + std::string(ucKind >> 6, 'h') + strBody;
 }
 
 std::string registration(std::uint8_t ucWho)
 {
-    char acRequest[VEK_HEADER_BYTES + 4] = {1, 3};
-    zolVekWrite16(acRequest + VEK_AT_SRC_PROC, ucWho % 3);
-    zolVekWrite16(acRequest + VEK_AT_SRC_HANDLE, ucWho / 3 % 3);
-    zolVekWrite16(acRequest + VEK_AT_HEADER_LENGTH, VEK_HEADER_BYTES);
-    zolVekWrite32(acRequest + VEK_AT_DATA_LENGTH, 4);
-    zolVekWrite32(acRequest + VEK_HEADER_BYTES, ucWho / 9 % 2);
+    char acRequest[zolwire::HEADER_BYTES + 4] = {1, 3};
+    zolwire::store16(acRequest + zolwire::AT_SRC_PROC, ucWho % 3);
+    zolwire::store16(acRequest + zolwire::AT_SRC_HANDLE, ucWho / 3 % 3);
+    zolwire::store16(acRequest + zolwire::AT_HEADER_LENGTH, zolwire::HEADER_BYTES);
+    zolwire::store32(acRequest + zolwire::AT_DATA_LENGTH, 4);
+    zolwire::store32(acRequest + zolwire::HEADER_BYTES, ucWho / 9 % 2);
     return std::string(acRequest, sizeof acRequest);
 }
 

@@ -1,4 +1,4 @@
-#include "ZolVekFrameReader.h"
+#include "gateway/pipe/ZolVekFrameReader.h"
 #include "support/RawPipe.h"
 
 #include <gtest/gtest.h>

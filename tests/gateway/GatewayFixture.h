@@ -1,7 +1,7 @@
 #ifndef ZOL_TESTS_GATEWAY_GATEWAYFIXTURE_H
 #define ZOL_TESTS_GATEWAY_GATEWAYFIXTURE_H
 
-#include "ZolVekGateway.h"
+#include "gateway/loop/ZolVekGateway.h"
 #include "support/RawPipe.h"
 #include "support/WaitUntil.h"
 

@@ -1,4 +1,4 @@
-// Two thousand strangers that send garbage, half a header, nothing, or announce a gigabyte, while a hundred processes
+// Two thousand clients that send garbage, half a header, nothing, or announce a gigabyte, while a hundred processes
 // exchange messages: these lose none and keep their order.
 
 #include "gateway/GatewayFixture.h"
@@ -14,7 +14,7 @@ namespace
 {
 
 const unsigned short GOOD = 100;
-const unsigned int STRANGERS = 2000;
+const unsigned int HOSTILE = 2000;
 const unsigned int ROUNDS = 50;
 
 class HostileTest : public GatewayTest
@@ -58,27 +58,27 @@ protected:
     }
 };
 
-TEST_F(HostileTest, StrangersCostTheGoodPipesNothing)
+TEST_F(HostileTest, HostileClientsCostTheGoodPipesNothing)
 {
     std::vector<CRawPipe> oGood;
     for (unsigned short i = 1; i <= GOOD; ++i)
     {
         oGood.push_back(pipe(7, i));
     }
-    std::vector<CRawPipe> oStrangers(256); // open until the end
+    std::vector<CRawPipe> oClients(256); // open until the end
     std::atomic<bool> bAllCame{false};
     std::thread oHostile(
         [&]
         {
-            for (unsigned int i = 0; i < STRANGERS; ++i)
+            for (unsigned int i = 0; i < HOSTILE; ++i)
             {
-                CRawPipe &oStranger = oStrangers[i % oStrangers.size()];
-                if (i % 3 == 0 && oStranger.isOpen())
+                CRawPipe &oClient = oClients[i % oClients.size()];
+                if (i % 3 == 0 && oClient.isOpen())
                 {
-                    oStranger.resetOnClose();
+                    oClient.resetOnClose();
                 }
-                oStranger = CRawPipe::connectTo(gateway().port());
-                oStranger.send(poison(i), 1s);
+                oClient = CRawPipe::connectTo(gateway().port());
+                oClient.send(poison(i), 1s);
             }
             bAllCame = true;
         });
@@ -104,7 +104,7 @@ TEST_F(HostileTest, StrangersCostTheGoodPipesNothing)
     }
     oHostile.join();
     EXPECT_EQ(std::uint64_t{GOOD} * uiRounds * 2, gateway().statistics().m_ulFramesOut);
-    oStrangers.clear();
+    oClients.clear();
     EXPECT_TRUE(waitUntil([&] { return gateway().connections() == GOOD && gateway().memoryBytes() == 0; }))
         << gateway().connections() << " " << gateway().memoryBytes();
 }

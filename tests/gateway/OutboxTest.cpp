@@ -1,4 +1,4 @@
-#include "ZolVekOutbox.h"
+#include "gateway/pipe/ZolVekOutbox.h"
 #include "support/RawPipe.h"
 
 #include <deque>

@@ -1,5 +1,5 @@
-#include "ZolVekLog.h"
 #include "gateway/GatewayFixture.h"
+#include "gateway/watch/ZolVekLog.h"
 
 using namespace zoltest;
 using namespace std::chrono_literals;

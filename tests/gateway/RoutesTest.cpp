@@ -1,4 +1,4 @@
-#include "ZolVekRoutes.h"
+#include "gateway/route/ZolVekRoutes.h"
 
 #include <gtest/gtest.h>
 

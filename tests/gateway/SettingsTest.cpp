@@ -1,6 +1,6 @@
-#include "ZolVekMemoryLimit.h"
-#include "ZolVekPolicy.h"
-#include "ZolVekSettings.h"
+#include "gateway/config/ZolVekMemoryLimit.h"
+#include "gateway/config/ZolVekSettings.h"
+#include "gateway/route/ZolVekPolicy.h"
 #include "support/Installation.h"
 
 #include <cstdlib>

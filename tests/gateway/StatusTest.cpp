@@ -1,5 +1,5 @@
 #include "gateway/GatewayFixture.h"
-#include "gateway/http/ZolSnapshot.h"
+#include "gateway/watch/http/ZolSnapshot.h"
 
 #include <algorithm>
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "gateway/http/ZolHttpServer.h"
+#include "gateway/watch/http/ZolHttpServer.h"
 #include "http/Scenes.h"
 #include "support/Installation.h"
 #include "support/WaitUntil.h"

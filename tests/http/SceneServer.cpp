@@ -1,7 +1,7 @@
 // Serves the status page of a gateway that does not exist: scene-server SCENE [address:]PORT. Prints the port and runs
 // until its input ends. The browser test looks at it, and so may whoever works on the page.
 
-#include "gateway/http/ZolHttpServer.h"
+#include "gateway/watch/http/ZolHttpServer.h"
 #include "http/Scenes.h"
 
 #include <cstdio>

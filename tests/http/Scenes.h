@@ -1,7 +1,7 @@
 #ifndef ZOL_TESTS_HTTP_SCENES_H
 #define ZOL_TESTS_HTTP_SCENES_H
 
-#include "gateway/http/ZolSnapshot.h"
+#include "gateway/watch/http/ZolSnapshot.h"
 
 #include <atomic>
 #include <string>

@@ -1,4 +1,4 @@
-#include "gateway/http/ZolStatusText.h"
+#include "gateway/watch/http/ZolStatusText.h"
 #include "http/Scenes.h"
 #include "support/Installation.h"
 

@@ -1,0 +1,18 @@
+# cmake -DFOLDER=page -DSCRIPTS=names -DOUTPUT=file.cpp -P EmbedPage.cmake: puts status.html, status.css and the scripts, in
+# their order, together to the one file that is served, and writes it as a C++ string literal.
+file(READ ${FOLDER}/status.html page)
+file(READ ${FOLDER}/status.css style)
+set(script "\"use strict\";\n")
+foreach(name ${SCRIPTS})
+    file(READ ${FOLDER}/${name}.js part)
+    string(APPEND script "\n${part}")
+endforeach()
+string(REPLACE "@STYLE@" "${style}" page "${page}")
+string(REPLACE "@SCRIPT@" "${script}" page "${page}")
+if(page MATCHES "\\)zolpage\"")
+    message(FATAL_ERROR "the page contains the mark that ends the literal")
+endif()
+set(code "#include \"gateway/watch/http/ZolStatusPage.h\"\n\nstd::string_view zolStatusPage()\n{\n    return R\"zolpage(")
+string(APPEND code "${page}")
+string(APPEND code ")zolpage\";\n}\n")
+file(WRITE ${OUTPUT} "${code}")
