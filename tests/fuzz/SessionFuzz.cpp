@@ -194,6 +194,7 @@ SZolVekSettings settingsOf(std::uint8_t ucChoice)
     oSettings.m_uiMaxFrameBytes = 1 << 19;
     oSettings.m_eSlowConsumer = static_cast<EnumZolVekSlowConsumer>(ucChoice % 3);
     oSettings.m_uiGraceSeconds = ucChoice / 3 % 2 * 10;
+    oSettings.m_ulMaxBytesPerSecond = ucChoice / 6 % 2 * 1000;
     oSettings.m_oPortsById[1] = 1000;
     return oSettings;
 }

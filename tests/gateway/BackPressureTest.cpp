@@ -220,29 +220,6 @@ TEST_F(BackPressureTest, HoldsTheTotalBoundAndLetsHealthyPipesGoOn)
     }
 }
 
-TEST_F(BackPressureTest, DropsForASlowReceiverIfToldTo)
-{
-    m_oSettings.m_eSlowConsumer = VEK_SLOW_DROP;
-    CRawPipe oSlow = slowPipe(8, 1);
-    CRawPipe oA = pipe(7, 1);
-    const unsigned int uiCount = moreThanFits();
-    {
-        const SFlood oFlood(oA, A, B, uiCount, 1000);
-    }
-    ASSERT_TRUE(oA.send(frame(1, A, A, "done").wire()));
-    EXPECT_EQ("done", next(oA).m_strBody) << "the source was never held";
-    const std::uint64_t ulDropped = gateway().statistics().m_ulDropSlow;
-    EXPECT_GT(ulDropped, 0u);
-    unsigned int uiLast = 0;
-    for (std::uint64_t i = 0; i < uiCount - ulDropped; ++i)
-    {
-        const unsigned int uiNow = readWord32(next(oSlow).m_strBody, 0);
-        ASSERT_TRUE(i == 0 || uiNow > uiLast) << "what came is in order";
-        uiLast = uiNow;
-    }
-    expectSilence(oSlow);
-}
-
 // A big message of which a block was dropped is dropped to its end, and the receiver is told to free its part.
 TEST_F(BackPressureTest, DropsBigMessagesWhole)
 {

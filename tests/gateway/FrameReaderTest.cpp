@@ -70,39 +70,6 @@ protected:
     EnumZolVekRead m_eLast = VEK_READ_MORE;
 };
 
-TEST_F(FrameReaderTest, RefusesDamagedHeaders)
-{
-    const struct
-    {
-        const char *pcName;
-        std::uint16_t usHeader;
-        std::uint32_t uiData;
-        bool bDamaged;
-    } aCases[] = {
-        {"no header at all", 0, 0, true},          {"one byte of header", 1, 100, true},
-        {"a header short of one", 27, 1, true},    {"a sum that wraps", 65535, 0xFFFFFFFF, true},
-        {"four gigabytes", 28, 0xFFFFFFFF, true},  {"one byte above the limit", 28, LIMIT - 27, true},
-        {"just the limit", 28, LIMIT - 28, false}, {"a longer header", 29, 4, false},
-        {"the longest header", 65535, 0, false},   {"no payload", 28, 0, false},
-    };
-    for (const auto &oCase : aCases)
-    {
-        SCOPED_TRACE(oCase.pcName);
-        SZolVekMemory oMemory;
-        CZolVekFrameReader oReader(&oMemory);
-        SFrame oFrame;
-        oFrame.m_usHeader = oCase.usHeader;
-        oFrame.m_ulData = oCase.uiData;
-        const std::string strHeader = oFrame.header();
-        oReader.begin(m_oBuffer);
-        memcpy(oReader.space(), strHeader.data(), strHeader.size());
-        oReader.filled(strHeader.size());
-        CZolVekFrame oGot;
-        EXPECT_EQ(oCase.bDamaged, oReader.next(oGot, LIMIT) == VEK_READ_DAMAGED);
-        oReader.end();
-    }
-}
-
 // Whatever the sizes of frames and reads, and however often frames have to wait: the same frames in the same order.
 TEST_F(FrameReaderTest, GivesTheSameFramesHoweverTheyArrive)
 {

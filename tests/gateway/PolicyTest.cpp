@@ -58,17 +58,6 @@ TEST_F(GatewayPolicyTest, DebugCommandsComeOnlyFromWhoIsNamed)
     EXPECT_EQ(6u, gateway().statistics().m_ulDropDebug);
 }
 
-TEST_F(GatewayPolicyTest, NobodySubscribesTheBuiltInManagerToItsCommands)
-{
-    CRawPipe oA = pipe(7, 1);
-    for (const std::uint32_t ulCmd : {0x10001u, 0x10003u, 0x10004u})
-    {
-        ASSERT_TRUE(oA.send(frame(11, A, 0, word32(254) + word32(1) + word32(ulCmd), ulCmd).wire()));
-        EXPECT_EQ(-1, next(oA).status()) << ulCmd;
-    }
-    subscribe(oA, 0x10001, 5, 1);
-}
-
 TEST_F(GatewayPolicyTest, HoldsTheSourceAgainstTheRegistration)
 {
     CRawPipe oA = pipe(7, 1);
@@ -176,28 +165,6 @@ TEST_F(GatewayPolicyTest, BeginsAnewWithANewRate)
         fnSet(oCase.aulAfter);
         ASSERT_TRUE(oFrom.send(frame(1, A, B, "on").wire()));
         ASSERT_EQ("on", next(oTo).m_strBody);
-    }
-}
-
-// A pipe that goes while it waits for its rate leaves nothing behind that would be touched later.
-TEST_F(GatewayPolicyTest, ForgetsAPipeThatGoesWhileItWaits)
-{
-    m_oSettings.m_ulMaxBytesPerSecond = 10;
-    CRawPipe oTo = pipe(8, 1);
-    {
-        CRawPipe oFast = pipe(7, 1);
-        ASSERT_TRUE(oFast.send(frame(1, A, B, std::string(5000, 'x')).wire() + frame(1, A, B, "behind").wire()));
-        EXPECT_EQ(5000u, next(oTo).m_strBody.size());
-        ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulThrottled > 0; }));
-        oFast.resetOnClose();
-    }
-    gateway().pass(std::chrono::seconds(600));
-    ASSERT_TRUE(waitUntil([&] { return gateway().connections() == 1; }));
-    CRawPipe oAgain = pipe(7, 1);
-    ASSERT_TRUE(oAgain.send(frame(1, A, B, "again").wire()));
-    while (next(oTo).m_strBody != "again")
-    {
-        ASSERT_FALSE(HasFailure());
     }
 }
 

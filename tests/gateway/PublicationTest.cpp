@@ -86,30 +86,25 @@ TEST_F(PublicationTest, ReachesEverySubscriberOfItsCommandOnce)
     expectSilence(oA);
 }
 
-TEST_F(PublicationTest, GoesWithoutThePipesThatHaveGone)
-{
-    CRawPipe oA = pipe(7, 1);
-    {
-        CRawPipe oB = pipe(8, 1);
-        subscribe(oB, NEWS, 1, 40);
-    }
-    ASSERT_TRUE(waitUntil([&] { return gateway().pipes() == 1; }));
-    CRawPipe oB = pipe(8, 1);
-    ASSERT_TRUE(oA.send(publication(13, "for nobody").wire() + frame(1, A, B, "direct").wire()));
-    EXPECT_EQ("direct", next(oB).m_strBody);
-}
-
 TEST_F(PublicationTest, RefusesSubscriptionsThatNameNoTask)
 {
     CRawPipe oA = pipe(7, 1);
-    for (const std::string &strBody : {word32(256) + word32(1) + word32(NEWS), word32(1) + word32(65536) + word32(NEWS),
-                                       word32(1) + word32(1), std::string()})
+    const std::string strBuiltIn = word32(254) + word32(1); // what it does, no process has done to another one
+    for (const std::string &strBody :
+         {word32(256) + word32(1) + word32(NEWS), word32(1) + word32(65536) + word32(NEWS), word32(1) + word32(1),
+          std::string(), strBuiltIn + word32(0x10001), strBuiltIn + word32(0x10003), strBuiltIn + word32(0x10004)})
     {
         ASSERT_TRUE(oA.send(frame(11, A, 0, strBody, NEWS).wire()));
         EXPECT_NE(0, next(oA).status());
     }
     ASSERT_TRUE(oA.send(publication(13, "x").wire()));
     expectSilence(oA);
+    subscribe(oA, 0x10001, 5, 1);
+    oA.close();
+    ASSERT_TRUE(waitUntil([&] { return gateway().pipes() == 0; }));
+    oA = pipe(7, 1);
+    ASSERT_TRUE(oA.send(publication(13, "x", 0x10001).wire()));
+    expectSilence(oA); // the subscription has gone with its pipe
 }
 
 // The blocks of a big publication reach those who had subscribed at its first block, all of them or none. Two tasks of
@@ -135,26 +130,6 @@ TEST_F(PublicationTest, KeepsTheBlocksOfABigOneTogether)
         expectSilence(oLate);
         subscribe(oLate, NEWS, 1, 1, 12);
     }
-}
-
-TEST_F(PublicationTest, FreesWhatABigOneLeftBehind)
-{
-    CRawPipe oB = pipe(8, 1);
-    subscribe(oB, NEWS, 1, 40);
-    subscribe(oB, NEWS, 2, 50);
-    for (int i = 0; i < 3; ++i)
-    {
-        CRawPipe oA = pipe(7, 1);
-        ASSERT_TRUE(oA.send(block(14, A, 0, 1, std::string(8000, 'x')).wire()));
-        expectDelivered(oB, 6, 1, 40, std::string(8000, 'x'), 1);
-        oA.close();
-        const SFrame oAbort = next(oB);
-        EXPECT_EQ(6, oAbort.m_ucType);
-        EXPECT_EQ(0u, oAbort.m_ulData);
-        EXPECT_GT(oAbort.m_usSegment, 2);
-        EXPECT_EQ(40, oAbort.m_usDestTask);
-    }
-    EXPECT_TRUE(waitUntil([&] { return gateway().memoryBytes() == 0; }));
 }
 
 // Blocks are joined by their source fields alone: while a big message of one pipe is under way to a process, blocks of

@@ -56,6 +56,35 @@ protected:
         return iCode;
     }
 
+    /// Process usProc, handle 1.
+    static CRawPipe up(unsigned short usPort, unsigned short usProc)
+    {
+        CRawPipe oPipe = CRawPipe::connectTo(usPort);
+        EXPECT_EQ(0, oPipe.registerAs(usProc, 1));
+        return oPipe;
+    }
+
+    static SFrame toHandleOne(unsigned short usProc)
+    {
+        SFrame oFrame;
+        oFrame.m_usDestProc = usProc;
+        oFrame.m_usDestHandle = 1;
+        return oFrame;
+    }
+
+    /// What the status port answers.
+    std::string get(const std::string &strPath) const
+    {
+        const std::string strMark = "status on port ";
+        EXPECT_TRUE(
+            waitUntil([&] { return countOf(m_poVek->output(), strMark) == 1 && m_poVek->output().back() == '\n'; }));
+        const std::string strText = m_poVek->output();
+        const int iPort = std::stoi(strText.substr(strText.find(strMark) + strMark.size()));
+        CRawPipe oClient = CRawPipe::connectTo(static_cast<unsigned short>(iPort));
+        EXPECT_TRUE(oClient.send("GET " + strPath + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"));
+        return oClient.read(10 << 20);
+    }
+
     std::string write(const std::string &strName, const std::string &strText) const
     {
         std::ofstream(m_oInstallation.root() + "/" + strName) << strText;
@@ -84,6 +113,9 @@ TEST_F(VekProgramTest, LeavesWithTheCodeThatTellsWhy)
     EXPECT_EQ(1, run({"--listen", "127.0.0.1:" + std::to_string(oTaken.port())}, &strErrors));
     EXPECT_EQ(1u, countOf(strErrors, "\n")) << strErrors;
     EXPECT_NE(std::string::npos, strErrors.find("cannot listen on 127.0.0.1:")) << strErrors;
+    const std::string strTaken = std::to_string(oTaken.port());
+    EXPECT_EQ(1, run({"--listen", "127.0.0.1:0", "--log-level", "0", "--http", strTaken}, &strErrors));
+    EXPECT_EQ("vek: " + strTaken + ": cannot listen: Address already in use\n", strErrors);
 }
 
 TEST_F(VekProgramTest, PrintsEverySettingAndWhereItIsFrom)
@@ -103,68 +135,53 @@ TEST_F(VekProgramTest, PrintsEverySettingAndWhereItIsFrom)
     EXPECT_EQ(0, run({"--config", ZOL_PACKAGED_CONFIG, "--check-config"}));
 }
 
+// What waits for a process that does not read keeps the gateway draining, as a load balancer sees, until the process
+// has it or a second signal ends the wait.
 TEST_F(VekProgramTest, DrainsOnTheFirstSignalAndEndsOnTheSecond)
 {
-    const unsigned short usPort = start({"--drain-seconds", "600"});
-    CRawPipe oSlow = CRawPipe::connectTo(usPort);
-    ASSERT_EQ(0, oSlow.registerAs(8, 1));
-    CRawPipe oA = CRawPipe::connectTo(usPort);
-    ASSERT_EQ(0, oA.registerAs(7, 1));
-    SFrame oFrame;
-    oFrame.m_usDestProc = 8;
-    oFrame.m_usDestHandle = 1;
-    for (int i = 0; i < 40; ++i)
+    for (const bool bReads : {true, false})
     {
-        ASSERT_TRUE(oA.send(oFrame.body(std::string(1 << 20, 'x')).wire()));
+        SCOPED_TRACE(bReads);
+        const unsigned short usPort = start({"--drain-seconds", "600", "--http", "0"});
+        CRawPipe oSlow = up(usPort, 8);
+        CRawPipe oA = up(usPort, 7);
+        SFrame oFrame = toHandleOne(8);
+        for (int i = 0; i < 30; ++i)
+        {
+            ASSERT_TRUE(oA.send(oFrame.body(std::string(1 << 20, static_cast<char>(i))).wire()));
+        }
+        SFrame oSelf = toHandleOne(7);
+        ASSERT_TRUE(oA.send(oSelf.wire()));
+        ASSERT_TRUE(oA.readFrame(oSelf)) << "the gateway has read all that came before";
+        EXPECT_NE(std::string::npos, get("/").find("<title>vek</title>"));
+        EXPECT_TRUE(waitUntil([this] { return countOf(get("/metrics"), "\nzol_vek_pipes 2\n") == 1; }));
+        EXPECT_NE(std::string::npos, get("/status.json").find(R"("id":7,"handle":1,"address":"127.0.0.1:)"));
+        EXPECT_NE(std::string::npos, get("/healthz").find("\r\n\r\nrouting\n"));
+        m_poVek->signal(SIGTERM);
+        EXPECT_EQ(-1, CRawPipe::connectTo(usPort).registerAs(9, 1));
+        EXPECT_TRUE(waitUntil([this] { return get("/healthz").find("\r\n\r\ndraining\n") != std::string::npos; }));
+        EXPECT_EQ(0u, get("/healthz").find("HTTP/1.1 503 "));
+        EXPECT_TRUE(m_poVek->isRunning()) << "the slow one has not got everything";
+        ASSERT_TRUE(oSlow.send(oSelf.wire())) << "unread input must not reset the connection";
+        for (int i = 0; bReads && i < 30; ++i)
+        {
+            ASSERT_TRUE(oSlow.readFrame(oFrame)) << i;
+            ASSERT_EQ(std::string(1 << 20, static_cast<char>(i)), oFrame.m_strBody);
+        }
+        if (!bReads)
+        {
+            m_poVek->signal(SIGTERM);
+        }
+        EXPECT_TRUE(!bReads || oSlow.waitClosed());
+        EXPECT_EQ(0, m_poVek->exitCode());
     }
-    SFrame oSelf;
-    oSelf.m_usDestProc = 7;
-    oSelf.m_usDestHandle = 1;
-    ASSERT_TRUE(oA.send(oSelf.wire()));
-    ASSERT_TRUE(oA.readFrame(oSelf)) << "the gateway has read all that came before";
-    m_poVek->signal(SIGTERM);
-    EXPECT_EQ(-1, CRawPipe::connectTo(usPort).registerAs(9, 1));
-    EXPECT_TRUE(m_poVek->isRunning()) << "the slow one has not got everything";
-    m_poVek->signal(SIGTERM);
-    EXPECT_EQ(0, m_poVek->exitCode());
-}
-
-TEST_F(VekProgramTest, LosesNothingThatIsQueuedWhenItEnds)
-{
-    const unsigned short usPort = start({});
-    CRawPipe oSlow = CRawPipe::connectTo(usPort);
-    ASSERT_EQ(0, oSlow.registerAs(8, 1));
-    CRawPipe oA = CRawPipe::connectTo(usPort);
-    ASSERT_EQ(0, oA.registerAs(7, 1));
-    SFrame oFrame;
-    oFrame.m_usDestProc = 8;
-    oFrame.m_usDestHandle = 1;
-    for (int i = 0; i < 30; ++i)
-    {
-        ASSERT_TRUE(oA.send(oFrame.body(std::string(1 << 20, static_cast<char>(i))).wire()));
-    }
-    SFrame oSelf;
-    oSelf.m_usDestProc = 7;
-    oSelf.m_usDestHandle = 1;
-    ASSERT_TRUE(oA.send(oSelf.wire()));
-    ASSERT_TRUE(oA.readFrame(oSelf));
-    m_poVek->signal(SIGTERM);
-    ASSERT_TRUE(oSlow.send(oSelf.wire())) << "unread input must not reset the connection";
-    for (int i = 0; i < 30; ++i)
-    {
-        ASSERT_TRUE(oSlow.readFrame(oFrame)) << i;
-        ASSERT_EQ(std::string(1 << 20, static_cast<char>(i)), oFrame.m_strBody);
-    }
-    EXPECT_TRUE(oSlow.waitClosed());
-    EXPECT_EQ(0, m_poVek->exitCode());
 }
 
 TEST_F(VekProgramTest, ReadsItsFileAgainAllOrNothing)
 {
     const std::string strConfig = write("vek.cfg", "MaxConnections = 1\n");
     const unsigned short usPort = start({"--config", strConfig});
-    CRawPipe oA = CRawPipe::connectTo(usPort);
-    ASSERT_EQ(0, oA.registerAs(7, 1));
+    CRawPipe oA = up(usPort, 7);
     EXPECT_EQ(-10, CRawPipe::connectTo(usPort).registerAs(8, 1));
     write("vek.cfg", "MaxConnections = 2\nDrainSeconds = none\n");
     m_poVek->signal(SIGHUP);
@@ -188,8 +205,7 @@ TEST_F(VekProgramTest, LogsToTheFolderAndKeepsTheLastLines)
 {
     const unsigned short usPort = start({"--log-path", m_oInstallation.logFolder()});
     {
-        CRawPipe oA = CRawPipe::connectTo(usPort);
-        ASSERT_EQ(0, oA.registerAs(7, 1));
+        CRawPipe oA = up(usPort, 7);
     }
     m_poVek->signal(SIGTERM);
     EXPECT_EQ(0, m_poVek->exitCode());
@@ -210,8 +226,7 @@ TEST_F(VekProgramTest, SaysWhereItLogsWhenItsFolderOrAFileCannotBeUsed)
     for (const auto &astrCase : astrCases)
     {
         const unsigned short usPort = start({"--log-path", astrCase[0]});
-        CRawPipe oA = CRawPipe::connectTo(usPort);
-        EXPECT_EQ(0, oA.registerAs(7, 1));
+        CRawPipe oA = up(usPort, 7);
         EXPECT_EQ(1u, countOf(m_poVek->errors(), astrCase[1] + "; the log goes to standard error\n"));
         EXPECT_EQ(1u, countOf(m_poVek->errors(), ") is up, 1 in all")) << "what goes to the log goes there";
         m_poVek->signal(SIGTERM);
@@ -247,8 +262,7 @@ TEST_F(VekProgramTest, SurvivesHavingNoDescriptorLeft)
     const unsigned short usPort = start({});
     ASSERT_EQ(0, prlimit(m_poVek->pid(), RLIMIT_NOFILE, &oFew, nullptr));
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &oOld));
-    CRawPipe oGood = CRawPipe::connectTo(usPort);
-    ASSERT_EQ(0, oGood.registerAs(7, 1));
+    CRawPipe oGood = up(usPort, 7);
     std::vector<CRawPipe> oPipes;
     unsigned int uiRefused = 0;
     for (unsigned short i = 1; i <= 60; ++i)
@@ -260,9 +274,7 @@ TEST_F(VekProgramTest, SurvivesHavingNoDescriptorLeft)
         }
     }
     EXPECT_GT(uiRefused, 20u);
-    SFrame oSelf;
-    oSelf.m_usDestProc = 7;
-    oSelf.m_usDestHandle = 1;
+    SFrame oSelf = toHandleOne(7);
     ASSERT_TRUE(oGood.send(oSelf.wire()));
     EXPECT_TRUE(oGood.readFrame(oSelf));
     oPipes.clear();

@@ -2,7 +2,6 @@
 #include "http/Scenes.h"
 #include "support/Installation.h"
 
-#include <cstdlib>
 #include <gtest/gtest.h>
 
 using zoltest::countOf;
@@ -80,22 +79,4 @@ TEST(StatusTextTest, MetricsDoNotGrowWithTheProcesses)
     ASSERT_TRUE(zoltest::fillScene("many", 90, oMany));
     EXPECT_EQ(countOf(zolMetricsText(oFew), "\n"), countOf(zolMetricsText(oMany), "\n"));
     EXPECT_EQ(1u, countOf(zolMetricsText(oMany), "zol_vek_pipes 2000\n"));
-}
-
-TEST(StatusTextTest, PromtoolAcceptsTheMetrics)
-{
-    if (system("command -v promtool >/dev/null") != 0) // NOLINT: one thread, no foreign text
-    {
-        GTEST_SKIP() << "promtool is not installed (package prometheus)";
-    }
-    for (const char *pcScene : {"idle", "slow"})
-    {
-        SZolGatewaySnapshot oSnapshot;
-        ASSERT_TRUE(zoltest::fillScene(pcScene, 90, oSnapshot));
-        const std::string strText = zolMetricsText(oSnapshot);
-        FILE *const poPipe = popen("promtool check metrics", "w"); // NOLINT: as above
-        ASSERT_NE(nullptr, poPipe);
-        EXPECT_EQ(strText.size(), fwrite(strText.data(), 1, strText.size(), poPipe));
-        EXPECT_EQ(0, pclose(poPipe)) << strText;
-    }
 }
