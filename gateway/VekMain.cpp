@@ -38,32 +38,23 @@ void addKeyOptions(CLI::App &oApp, SOptions &oOptions)
 {
     for (const SZolVekKeyInfo &oKey : zolVekKeys())
     {
-        const std::string strKey = oKey.m_pcKey;
-        const std::string strOption = oKey.m_pcOption;
-        const bool bById = strKey.find('<') != std::string::npos;
         CLI::Option *const poOption = oApp.add_option_function<std::vector<std::string>>(
-            strOption,
-            [&oOptions, strKey, strOption, bById](const std::vector<std::string> &oValues)
+            oKey.m_pcOption,
+            [&oOptions, &oKey](const std::vector<std::string> &oValues)
             {
                 for (const std::string &strValue : oValues)
                 {
-                    const std::size_t ulEquals = strValue.find('=');
-                    if (!bById)
-                    {
-                        oOptions.m_oEntries.push_back({strKey, strValue, strOption});
-                    }
-                    else
-                    {
-                        oOptions.m_oEntries.push_back(
-                            {strKey.substr(0, strKey.find('<')) + strValue.substr(0, ulEquals),
-                             ulEquals == std::string::npos ? "" : strValue.substr(ulEquals + 1), strOption});
-                    }
+                    const std::size_t ulEquals = oKey.isById() ? strValue.find('=') : std::string::npos;
+                    const std::string strWho = oKey.isById() ? strValue.substr(0, ulEquals) : "";
+                    const bool bNoValue = oKey.isById() && ulEquals == std::string::npos;
+                    oOptions.m_oEntries.push_back(
+                        {oKey.stem() + strWho, bNoValue ? "" : strValue.substr(ulEquals + 1), oKey.m_pcOption});
                 }
             },
             oKey.m_pcHelp);
         poOption->type_name(oKey.m_pcUnit);
         poOption->expected(1);
-        if (bById)
+        if (oKey.isById())
         {
             poOption->take_all();
         }

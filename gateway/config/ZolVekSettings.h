@@ -4,6 +4,7 @@
 #include "gateway/pipe/ZolVekFrame.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -82,7 +83,7 @@ struct SZolVekEntry
     std::string m_strOrigin; ///< "file:line", or the option
 };
 
-/// A setting that the gateway knows.
+/// A setting that the gateway knows: all there is to say about it.
 struct SZolVekKeyInfo
 {
     const char *m_pcKey;    ///< "<id>" at its end stands for a process id, or an id and a handle with a dot between
@@ -90,6 +91,31 @@ struct SZolVekKeyInfo
     const char *m_pcUnit;
     bool m_bReloads; ///< a reload changes it
     const char *m_pcHelp;
+
+    /// Takes strValue over. Empty, or what is wrong with it. strWho is what stands in the place of "<id>".
+    std::function<std::string(SZolVekSettings &, const std::string &strWho, const std::string &strValue)> m_fnParse;
+
+    /// The value as it is written. Empty for one that is not set.
+    std::function<std::string(const SZolVekSettings &)> m_fnPrint;
+
+    /// Gives the first the value of the second. May be null where a reload changes it.
+    std::function<void(SZolVekSettings &, const SZolVekSettings &)> m_fnCopy;
+
+    /// The key without "<id>".
+    std::string stem() const
+    {
+        const std::string strKey = m_pcKey;
+        return strKey.substr(0, strKey.find('<'));
+    }
+
+    /// There are entries of it for single processes.
+    bool isById() const { return stem() != m_pcKey; }
+
+    /// The key of an entry is this one.
+    bool isKeyOf(const std::string &strEntryKey) const
+    {
+        return isById() ? strEntryKey.compare(0, stem().size(), stem()) == 0 : strEntryKey == m_pcKey;
+    }
 };
 
 /// The table of all keys, in the order of the documentation.
@@ -125,15 +151,6 @@ public:
 private:
     void addLine(const std::string &strOrigin, const std::string &strWhole);
     void apply(const SZolVekEntry &oEntry);
-    bool applyListen(const std::string &strValue);
-    bool applyText(const SZolVekEntry &oEntry);
-    bool applyNumber(const SZolVekEntry &oEntry, bool &bKnown);
-    bool applyNetworks(const std::string &strValue, std::vector<SZolVekNetwork> &oNetworks);
-    bool applyPolicy(const SZolVekEntry &oEntry);
-    bool applyDebugFrom(const std::string &strValue);
-    bool applyRate(const std::string &strValue);
-    bool applyPort(const SZolVekEntry &oEntry, const std::string &strWho);
-    bool applyById(const SZolVekEntry &oEntry, bool &bKnown);
     void fault(const SZolVekEntry &oEntry, const std::string &strWhat);
     void checkTogether();
 
@@ -143,10 +160,10 @@ private:
     SZolVekSettings m_oSettings;
 };
 
-/// The value of a key as text, for printing and for telling what a reload changed. Empty for the keys with an id.
-std::string zolVekValueOf(const SZolVekSettings &oSettings, const std::string &strKey);
-
 /// The keys with different values, each "Key: old -> new".
 std::vector<std::string> zolVekDifferences(const SZolVekSettings &oOld, const SZolVekSettings &oNew, bool bReloadable);
+
+/// oNew as a running gateway may take it over: what only a restart changes is as in oRunning.
+SZolVekSettings zolVekReloaded(const SZolVekSettings &oRunning, const SZolVekSettings &oNew);
 
 #endif

@@ -1,4 +1,4 @@
-#include "gateway/config/ZolVekSettingsParts.h"
+#include "gateway/config/ZolVekValues.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -96,99 +96,20 @@ void CZolVekSettingsReader::fault(const SZolVekEntry &oEntry, const std::string 
 
 void CZolVekSettingsReader::apply(const SZolVekEntry &oEntry)
 {
-    bool bKnown = true;
-    if (applyNumber(oEntry, bKnown) || bKnown)
-    {
-        return;
-    }
-    bKnown = true;
-    if (applyById(oEntry, bKnown) || bKnown)
-    {
-        return;
-    }
-    if (!applyText(oEntry))
+    const auto &oKeys = zolVekKeys();
+    const auto oKey = std::find_if(oKeys.begin(), oKeys.end(),
+                                   [&](const SZolVekKeyInfo &oInfo) { return oInfo.isKeyOf(oEntry.m_strKey); });
+    if (oKey == oKeys.end())
     {
         fault(oEntry, "unknown key");
+        return;
     }
-}
-
-bool CZolVekSettingsReader::applyNumber(const SZolVekEntry &oEntry, bool &bKnown)
-{
-    const SZolVekNumber *const poNumber = zolVekFindNumber(oEntry.m_strKey);
-    bKnown = poNumber != nullptr;
-    if (!bKnown)
+    const std::string strWho = oEntry.m_strKey.substr(oKey->stem().size());
+    const std::string strFault = oKey->m_fnParse(m_oSettings, strWho, oEntry.m_strValue);
+    if (!strFault.empty())
     {
-        return false;
+        fault(oEntry, strFault);
     }
-    std::uint64_t ulValue = 0;
-    if (!zolVekNumberFrom(oEntry.m_strValue, poNumber->m_ulMax, ulValue) || ulValue < poNumber->m_ulMin)
-    {
-        fault(oEntry, "\"" + oEntry.m_strValue + "\" is no number from " + std::to_string(poNumber->m_ulMin) + " to " +
-                          std::to_string(poNumber->m_ulMax));
-        return false;
-    }
-    if (poNumber->m_puiValue != nullptr)
-    {
-        m_oSettings.*poNumber->m_puiValue = static_cast<unsigned int>(ulValue);
-    }
-    else
-    {
-        m_oSettings.*poNumber->m_pulValue = ulValue;
-    }
-    return true;
-}
-
-bool CZolVekSettingsReader::applyById(const SZolVekEntry &oEntry, bool &bKnown)
-{
-    const std::string &strKey = oEntry.m_strKey;
-    if (strKey.compare(0, 5, "Port.") == 0)
-    {
-        return applyPort(oEntry, strKey.substr(5));
-    }
-    if (strKey.compare(0, 10, "AllowFrom.") == 0)
-    {
-        std::uint64_t ulId = 0;
-        if (!zolVekNumberFrom(strKey.substr(10), 65534, ulId) || ulId == 0)
-        {
-            fault(oEntry, "the process id is no number from 1 to 65534");
-            return false;
-        }
-        if (!applyNetworks(oEntry.m_strValue, m_oSettings.m_oAllowFromById[static_cast<std::uint16_t>(ulId)]))
-        {
-            fault(oEntry, "\"" + oEntry.m_strValue + "\" is no list of addresses and prefixes");
-            return false;
-        }
-        return true;
-    }
-    bKnown = false;
-    return false;
-}
-
-bool CZolVekSettingsReader::applyPort(const SZolVekEntry &oEntry, const std::string &strWho)
-{
-    const std::size_t ulDot = strWho.find('.');
-    std::uint64_t ulId = 0;
-    std::uint64_t ulHandle = 0;
-    std::uint64_t ulPort = 0;
-    if (!zolVekNumberFrom(strWho.substr(0, ulDot), 65534, ulId) || ulId == 0 ||
-        (ulDot != std::string::npos && !zolVekNumberFrom(strWho.substr(ulDot + 1), 65535, ulHandle)))
-    {
-        fault(oEntry, "the key names no process id from 1 to 65534, or id and handle");
-        return false;
-    }
-    if (!zolVekNumberFrom(oEntry.m_strValue, 65535, ulPort) || ulPort == 0)
-    {
-        fault(oEntry, "\"" + oEntry.m_strValue + "\" is no port from 1 to 65535");
-        return false;
-    }
-    const std::uint16_t usId = static_cast<std::uint16_t>(ulId);
-    if (ulDot == std::string::npos)
-    {
-        m_oSettings.m_oPortsById[usId] = static_cast<std::uint16_t>(ulPort);
-        return true;
-    }
-    m_oSettings.m_oPorts[zolVekKey(usId, static_cast<std::uint16_t>(ulHandle))] = static_cast<std::uint16_t>(ulPort);
-    return true;
 }
 
 void CZolVekSettingsReader::checkTogether()
@@ -208,4 +129,23 @@ void CZolVekSettingsReader::checkTogether()
     }
     m_oSettings.m_uiMaxFrameBytes = static_cast<unsigned int>(
         std::min<std::uint64_t>(m_oSettings.m_uiMaxFrameBytes, m_oSettings.m_ulTotalQueueBytes));
+}
+
+std::string CZolVekSettingsReader::effective() const
+{
+    std::string strText;
+    for (const SZolVekKeyInfo &oKey : zolVekKeys())
+    {
+        std::string strOrigin;
+        for (const SZolVekEntry &oEntry : m_oEntries)
+        {
+            if (oKey.isKeyOf(oEntry.m_strKey))
+            {
+                strOrigin += (strOrigin.empty() ? "" : ", ") + oEntry.m_strOrigin;
+            }
+        }
+        strText += std::string(oKey.m_pcKey) + " = " + oKey.m_fnPrint(m_oSettings) + "    (" + oKey.m_pcUnit + "; " +
+                   (strOrigin.empty() ? "default" : strOrigin) + ")\n";
+    }
+    return strText;
 }

@@ -771,15 +771,7 @@ void CZolVekGateway::checkDrained()
 
 void CZolVekGateway::reload(const SZolVekSettings &oSettings)
 {
-    SZolVekSettings oNew = oSettings;
-    oNew.m_strListenHost = m_oSettings.m_strListenHost;
-    oNew.m_uiListenPort = m_oSettings.m_uiListenPort;
-    oNew.m_strHttp = m_oSettings.m_strHttp;
-    oNew.m_strLogPath = m_oSettings.m_strLogPath;
-    oNew.m_uiMaxLogNumber = m_oSettings.m_uiMaxLogNumber;
-    oNew.m_uiMaxLogSize = m_oSettings.m_uiMaxLogSize;
-    oNew.m_uiSilenceSeconds = m_oSettings.m_uiSilenceSeconds;
-    oNew.m_uiGraceSeconds = m_oSettings.m_uiGraceSeconds;
+    const SZolVekSettings oNew = zolVekReloaded(m_oSettings, oSettings);
     const bool bNewRate = oNew.m_ulMaxFramesPerSecond != m_oSettings.m_ulMaxFramesPerSecond ||
                           oNew.m_ulMaxBytesPerSecond != m_oSettings.m_ulMaxBytesPerSecond;
     m_oSettings = oNew;

@@ -20,19 +20,6 @@ namespace
 
 bool s_bRunLog = false; // set before the first line, by open()
 
-const std::size_t MOST_EVENTS = 200;
-
-// The ring of events: the one numbered n lies at n modulo its size.
-std::vector<SZolEventView> s_oEvents;
-std::uint64_t s_ulLastEvent = 0;
-
-EnumZolEventLevel eventLevelOf(int iLevel)
-{
-    return iLevel <= CZolRunLog::LEVEL_ERROR     ? ZOL_EVENT_ERROR
-           : iLevel == CZolRunLog::LEVEL_WARNING ? ZOL_EVENT_WARNING
-                                                 : ZOL_EVENT_INFO;
-}
-
 /// Why the run log could not write its file, now or when its ring comes to it; empty if it can.
 std::string whyNotWritable(const std::string &strFile)
 {
@@ -151,25 +138,16 @@ void CZolVekLog::line(int iLevel, const char *pcScope, const char *pcFormat, ...
     }
 }
 
+std::array<SZolVekEvent, CZolVekEvents::MOST> CZolVekEvents::s_aoLines;
+std::uint64_t CZolVekEvents::s_ulLast = 0;
+
 void CZolVekEvents::add(int iLevel, const char *pcText)
 {
-    s_oEvents.resize(MOST_EVENTS);
     timespec oNow{};
     clock_gettime(CLOCK_REALTIME, &oNow);
-    SZolEventView &oEvent = s_oEvents[++s_ulLastEvent % MOST_EVENTS];
-    oEvent.m_ulNumber = s_ulLastEvent;
-    oEvent.m_lWhenMs = static_cast<std::int64_t>(oNow.tv_sec) * 1000 + oNow.tv_nsec / 1000000;
-    oEvent.m_eLevel = eventLevelOf(iLevel);
-    oEvent.m_strText = pcText;
-}
-
-void CZolVekEvents::copyTo(std::vector<SZolEventView> &oEvents)
-{
-    const std::uint64_t ulCount = std::min<std::uint64_t>(s_ulLastEvent, MOST_EVENTS);
-    for (std::uint64_t ulNumber = s_ulLastEvent - ulCount + 1; ulNumber <= s_ulLastEvent; ++ulNumber)
-    {
-        oEvents.push_back(s_oEvents[ulNumber % MOST_EVENTS]);
-    }
+    ++s_ulLast;
+    s_aoLines[s_ulLast % MOST] = {s_ulLast, static_cast<std::int64_t>(oNow.tv_sec) * 1000 + oNow.tv_nsec / 1000000,
+                                  iLevel, pcText};
 }
 
 bool CZolVekRateLimit::pass(std::uint64_t ulSubject, std::uint64_t ulNowMs, std::uint64_t &ulHeldBack)

@@ -2,7 +2,6 @@
 #define ZOL_VEK_LOG_H
 
 #include "gateway/config/ZolVekSettings.h"
-#include "gateway/watch/http/ZolSnapshot.h"
 
 #include <array>
 #include <cstddef>
@@ -26,7 +25,16 @@ public:
     static void line(int iLevel, const char *pcScope, const char *pcFormat, ...) __attribute__((format(printf, 3, 4)));
 };
 
-/// The last lines from level info on, for the status page.
+/// One line of the log.
+struct SZolVekEvent
+{
+    std::uint64_t m_ulNumber = 0; ///< from 1 on, so that a reader sees what it has missed
+    std::int64_t m_lWhenMs = 0;   ///< since the epoch
+    int m_iLevel = 0;
+    std::string m_strText;
+};
+
+/// The last lines from level info on, for whoever looks at the gateway.
 ///
 /// Threads: the routing thread only.
 class CZolVekEvents
@@ -35,7 +43,21 @@ public:
     static void add(int iLevel, const char *pcText);
 
     /// The oldest first.
-    static void copyTo(std::vector<SZolEventView> &oEvents);
+    template <typename Function>
+    static void forEach(Function fnEach)
+    {
+        for (std::uint64_t ulNumber = first(); ulNumber <= s_ulLast; ++ulNumber)
+        {
+            fnEach(s_aoLines[ulNumber % MOST]);
+        }
+    }
+
+private:
+    static constexpr std::uint64_t MOST = 200;
+    static std::uint64_t first() { return s_ulLast < MOST ? 1 : s_ulLast - MOST + 1; }
+
+    static std::array<SZolVekEvent, MOST> s_aoLines; // the one numbered n lies at n modulo its size
+    static std::uint64_t s_ulLast;
 };
 
 /// Keeps lines of one kind that could come with every frame to one a second for each subject and a few a second in all,

@@ -1,5 +1,7 @@
 #include "gateway/watch/ZolVekReporter.h"
 
+#include "ZolRunLog.h"
+
 #include "gateway/watch/ZolVekLog.h"
 
 #include <algorithm>
@@ -14,6 +16,13 @@ const std::uint64_t ASK_AFTER_MS = 2000;      // without a byte from a process t
 const std::uint64_t SILENT_AFTER_MS = 3000;   // without an answer to a hello
 const std::size_t MOST_SUBSCRIPTIONS = 20000; // that are listed
 const std::uint64_t SLOW_QUEUE_SHARE = 2;     // a queue that is full to one of so many parts
+
+EnumZolEventLevel eventLevelOf(int iLevel)
+{
+    return iLevel <= CZolRunLog::LEVEL_ERROR     ? ZOL_EVENT_ERROR
+           : iLevel == CZolRunLog::LEVEL_WARNING ? ZOL_EVENT_WARNING
+                                                 : ZOL_EVENT_INFO;
+}
 
 } // namespace
 
@@ -70,7 +79,12 @@ void CZolVekReporter::fill(SZolGatewaySnapshot &oSnapshot, std::uint64_t ulNowMs
     fillEdges(oSnapshot);
     fillSubscriptions(oSnapshot);
     fillSettings(oSnapshot);
-    CZolVekEvents::copyTo(oSnapshot.m_oEvents);
+    CZolVekEvents::forEach(
+        [&oSnapshot](const SZolVekEvent &oEvent)
+        {
+            oSnapshot.m_oEvents.push_back(
+                {oEvent.m_ulNumber, oEvent.m_lWhenMs, eventLevelOf(oEvent.m_iLevel), oEvent.m_strText});
+        });
 }
 
 void CZolVekReporter::fillTotals(SZolGatewaySnapshot &oSnapshot) const
@@ -197,6 +211,6 @@ void CZolVekReporter::fillSettings(SZolGatewaySnapshot &oSnapshot) const
 {
     for (const SZolVekKeyInfo &oKey : zolVekKeys())
     {
-        oSnapshot.m_oSettings.push_back({oKey.m_pcKey, zolVekValueOf(m_oSettings, oKey.m_pcKey)});
+        oSnapshot.m_oSettings.push_back({oKey.m_pcKey, oKey.m_fnPrint(m_oSettings)});
     }
 }

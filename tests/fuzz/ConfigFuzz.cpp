@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pucData, std::size_t u
     for (const SZolVekKeyInfo &oKey : zolVekKeys())
     {
         const std::string strKey = oKey.m_pcKey;
-        const std::string strValue = zolVekValueOf(oReader.settings(), strKey);
+        const std::string strValue = oKey.m_fnPrint(oReader.settings());
         if (strKey.find('<') == std::string::npos && !strValue.empty())
         {
             oAgain.add({strKey, strValue, "again"});
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pucData, std::size_t u
     {
         const std::string strKey = oKey.m_pcKey;
         if (strKey.find('<') == std::string::npos &&
-            zolVekValueOf(oReader.settings(), strKey) != zolVekValueOf(oAgain.settings(), strKey))
+            oKey.m_fnPrint(oReader.settings()) != oKey.m_fnPrint(oAgain.settings()))
         {
             std::abort();
         }

@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <tuple>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -149,33 +148,6 @@ TEST(SnapshotExchangeTest, OutlivesAThreadThatAnswersLate)
     const SZolGatewaySnapshot *poFresh = nullptr;
     ASSERT_TRUE(waitUntil([&] { return (poFresh = oExchange.get(0ms, 1s, true)) != nullptr; }));
     EXPECT_NE(1u, poFresh->m_ulFramesIn);
-}
-
-TEST(HttpListenTest, TakesAPortOrAnAddressWithAPort)
-{
-    const std::tuple<const char *, std::uint32_t, unsigned short> aoCases[] = {
-        {"8080", 0x7f000001, 8080},
-        {"127.0.0.1:0", 0x7f000001, 0},
-        {"10.1.2.3:65535", 0x0a010203, 65535},
-        {"", 0, 0},
-        {":80", 0, 0},
-        {"127.0.0.1:", 0, 0},
-        {"127.0.0.1:65536", 0, 0},
-        {"127.0.0.1:80x", 0, 0},
-        {"127.0.0.1:-1", 0, 0},
-        {"localhost:80", 0, 0},
-        {"1.2.3:80", 0, 0},
-        {"1.2.3.4", 0, 0},
-    };
-    for (const auto &[pcText, uiExpected, usExpected] : aoCases)
-    {
-        std::uint32_t uiAddress = 0;
-        unsigned short usPort = 0;
-        const bool bGood = CZolHttpServer::parseListen(pcText, uiAddress, usPort);
-        EXPECT_EQ(std::make_tuple(uiExpected != 0, uiExpected, usExpected),
-                  std::make_tuple(bGood, bGood ? uiAddress : 0, bGood ? usPort : static_cast<unsigned short>(0)))
-            << pcText;
-    }
 }
 
 TEST_F(HttpServerTest, AnswersEachRequestWithItsStatus)

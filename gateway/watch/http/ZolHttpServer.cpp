@@ -1,11 +1,12 @@
 #include "gateway/watch/http/ZolHttpServer.h"
 
+#include "gateway/config/ZolVekEndpoint.h"
+
 #include "gateway/watch/http/ZolStatusPage.h"
 #include "gateway/watch/http/ZolStatusText.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -78,21 +79,6 @@ CZolHttpServer::~CZolHttpServer()
     stop();
 }
 
-bool CZolHttpServer::parseListen(const std::string &strListen, std::uint32_t &ulAddress, unsigned short &usPort)
-{
-    const size_t uiColon = strListen.rfind(':');
-    in_addr oAddress = {htonl(INADDR_LOOPBACK)};
-    if (uiColon != std::string::npos && inet_pton(AF_INET, strListen.substr(0, uiColon).c_str(), &oAddress) != 1)
-    {
-        return false;
-    }
-    const char *const pcPort = strListen.c_str() + (uiColon == std::string::npos ? 0 : uiColon + 1);
-    const char *const pcEnd = strListen.c_str() + strListen.size();
-    const auto oResult = std::from_chars(pcPort, pcEnd, usPort);
-    ulAddress = ntohl(oAddress.s_addr);
-    return oResult.ec == std::errc() && oResult.ptr == pcEnd;
-}
-
 bool CZolHttpServer::listen(std::uint32_t ulAddress, unsigned short usPort, std::string &strError)
 {
     m_iListenFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -126,7 +112,7 @@ bool CZolHttpServer::start(const std::string &strListen, std::string &strError)
 {
     std::uint32_t ulAddress = 0;
     unsigned short usPort = 0;
-    if (!parseListen(strListen, ulAddress, usPort))
+    if (!zolVekEndpointFrom(strListen, ulAddress, usPort))
     {
         strError = "not a port or an address with a port";
         return false;

@@ -32,9 +32,6 @@ public:
     CZolHttpServer(const CZolHttpServer &) = delete;
     CZolHttpServer &operator=(const CZolHttpServer &) = delete;
 
-    /// Whether strListen is "PORT" (on the loopback interface) or "a.b.c.d:PORT"; the port 0 takes a free one.
-    static bool parseListen(const std::string &strListen, std::uint32_t &ulAddress, unsigned short &usPort);
-
     /// Listens and starts the thread. On failure strError says why, in one line.
     bool start(const std::string &strListen, std::string &strError);
 
