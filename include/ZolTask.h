@@ -115,11 +115,18 @@ private:
     friend class CZolTaskRunner;
     friend class CZolSynWaiters;
 
+    /// What a blocking call or an event loop of the task goes back to.
+    struct SZolTaskBefore
+    {
+        EnumTaskState m_eState = TASK_EXEC;
+        unsigned int m_uiBuffered = 0; // length of the list of messages
+    };
+
     int checkSynRequest(const CZolMsgPdu *poRequest) const;
-    EnumTaskState beginSynCall();
+    SZolTaskBefore beginSynCall();
     void awaitDelivery(int iSeconds);
-    void endSynCall(EnumTaskState eBefore);
-    int takeResponse(CZolMsgPdu *&poResponse);
+    int endSynCall(SZolTaskBefore oBefore, CZolMsgPdu **ppoResponse);
+    int takeResponse(CZolMsgPdu *&poResponse, unsigned int &uiOlder);
     void refuseLocal(CZolMsgPdu *poMsg, const char *pcScope) const;
 
     void buffer(CZolMsgPdu *poMsg); // the caller holds m_oStatusMutex
@@ -127,6 +134,13 @@ private:
 
     /// Has eventLoop() return. The caller holds m_oStatusMutex.
     void endEventLoop();
+
+    /// The caller holds m_oStatusMutex.
+    SZolTaskBefore before() const;
+
+    /// Back to what was before, and, if that is an event loop which is to end by now, ends it. The caller holds
+    /// m_oStatusMutex.
+    void resume(const SZolTaskBefore &oBefore, bool bWithLog);
 
     /// Stores eState, with a line. The caller holds m_oStatusMutex.
     void setStatusWithLog(EnumTaskState eState);

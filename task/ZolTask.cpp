@@ -1,5 +1,6 @@
 #include "ZolTask.h"
 
+#include "ZolAppMgr.h"
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTaskMgr.h"
@@ -165,6 +166,23 @@ void CZolTask::setStatusWithLog(EnumTaskState eState)
     {
         zolFormatInfo("CZolTask::setStatusWithLog", "taskmgr %u task %u become %s", m_poTaskMgr->getTaskMgrID(),
                       m_usTaskID, nameOf(eState));
+    }
+}
+
+CZolTask::SZolTaskBefore CZolTask::before() const
+{
+    return {m_eTaskStatus.load(std::memory_order_relaxed), m_uiBuffered.load(std::memory_order_relaxed)};
+}
+
+void CZolTask::resume(const SZolTaskBefore &oBefore, bool bWithLog)
+{
+    restoreStatus(oBefore.m_eState, bWithLog);
+    if (oBefore.m_eState == TASK_NONZOLWAIT &&
+        (m_eTaskStatus.load(std::memory_order_relaxed) == TASK_EXIT ||
+         m_uiBuffered.load(std::memory_order_relaxed) > oBefore.m_uiBuffered ||
+         CZolAppMgr::instance()->getStatus() == APPMGR_EXIT)) // else CZolTaskMgr::endEventLoops() finds the loop
+    {
+        endEventLoop();
     }
 }
 

@@ -4,6 +4,9 @@
 // comes at once is delivered to it; nobody has to hold m_oStatusMutex while the request is sent, which may take long.
 // CZolTaskMgr::enqueueMsg delivers under m_oStatusMutex and sets m_bDelivered, and that flag alone ends the wait early:
 // it is set for responses that came past the queue, and it makes a spurious wake-up harmless.
+//
+// A task may call from inside its own event loop, and its state hides that loop for so long. Whatever would have ended
+// the loop meanwhile (the end of the task or of the process, a message for the task) ends it when the call returns.
 
 #include "ZolAppMgr.h"
 #include "ZolMemMan.h"
@@ -46,20 +49,19 @@ int CZolTask::sendSynMsg(CZolMsgPdu *&poRequest, CZolMsgPdu *&poResponse, int iS
         return ZOL_ERR_INTERRUPTED;
     }
 
-    const EnumTaskState eBefore = beginSynCall();
+    const SZolTaskBefore oBefore = beginSynCall();
     const int iResult = oRoute.send(poMsg);
     if (iResult == ZOL_OK)
     {
         awaitDelivery(iSeconds);
     }
-    endSynCall(eBefore);
-    if (iResult != ZOL_OK)
+    else
     {
-        poResponse = nullptr;
         delete poMsg;
-        return iResult;
     }
-    return takeResponse(poResponse);
+    poResponse = nullptr;
+    const int iTaken = endSynCall(oBefore, iResult == ZOL_OK ? &poResponse : nullptr);
+    return iResult == ZOL_OK ? iTaken : iResult;
 }
 
 int CZolTask::checkSynRequest(const CZolMsgPdu *poRequest) const
@@ -88,16 +90,16 @@ int CZolTask::checkSynRequest(const CZolMsgPdu *poRequest) const
     }
 }
 
-EnumTaskState CZolTask::beginSynCall()
+CZolTask::SZolTaskBefore CZolTask::beginSynCall()
 {
     m_poTaskMgr->addTaskToSynWaitList(this);
     const CZolHeldLines oLines;
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
-    const EnumTaskState eBefore = m_eTaskStatus.load(std::memory_order_relaxed);
+    const SZolTaskBefore oBefore = before();
     m_bSynCall = true;
     m_bDelivered.store(false, std::memory_order_relaxed);
     setStatusWithLog(TASK_SYNWAIT);
-    return eBefore;
+    return oBefore;
 }
 
 void CZolTask::awaitDelivery(int iSeconds)
@@ -115,21 +117,28 @@ void CZolTask::awaitDelivery(int iSeconds)
     }
 }
 
-void CZolTask::endSynCall(EnumTaskState eBefore)
+/// Leaves the call, with the response if one is asked for: until then it is the call's, and no message for the loop.
+int CZolTask::endSynCall(SZolTaskBefore oBefore, CZolMsgPdu **ppoResponse)
 {
+    int iResult = ZOL_OK;
     {
         const CZolHeldLines oLines;
         ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
+        if (ppoResponse != nullptr)
+        {
+            iResult = takeResponse(*ppoResponse, oBefore.m_uiBuffered);
+        }
         m_bSynCall = false;
-        restoreStatus(eBefore, true);
+        resume(oBefore, true);
     }
     m_poTaskMgr->removeTaskFromSynWaitList(this);
+    return iResult;
 }
 
-/// Takes the first response off the list, from wherever it stands; the messages around it keep their order.
-int CZolTask::takeResponse(CZolMsgPdu *&poResponse)
+/// Takes the first response off the list, from wherever it stands; the messages around it keep their order. uiOlder is
+/// how many of them stood there before the call, and is kept right.
+int CZolTask::takeResponse(CZolMsgPdu *&poResponse, unsigned int &uiOlder)
 {
-    poResponse = nullptr;
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oMsgListMutex);
     if (m_poMsgList->m_ulCount == 0)
     {
@@ -158,6 +167,7 @@ int CZolTask::takeResponse(CZolMsgPdu *&poResponse)
             }
             --m_poMsgList->m_ulCount;
         }
+        uiOlder -= m_poMsgList->m_ulCount + 1 - ulLeft < uiOlder ? 1 : 0;
         m_uiBuffered.store(m_poMsgList->m_ulCount, std::memory_order_relaxed);
         poResponse = zolPduOf(poBlock);
         return ZOL_OK;
@@ -186,23 +196,20 @@ int CZolTask::recvNonZolMsg()
         {
             const CZolHeldLines oLines; // of a getReactor() that is called
             ACE_Guard<ACE_Thread_Mutex> oGuard(m_oTask.m_oStatusMutex);
-            if (m_oTask.getTaskStatus() == TASK_EXIT)
-            {
-                m_eAfter = TASK_EXIT;
-            }
+            m_oBefore = m_oTask.before();
             m_oTask.m_eTaskStatus.store(TASK_NONZOLWAIT, std::memory_order_release);
-            if (CZolAppMgr::instance()->getStatus() == APPMGR_EXIT)
+            if (m_oBefore.m_eState == TASK_EXIT || CZolAppMgr::instance()->getStatus() == APPMGR_EXIT)
             {
-                m_oTask.endEventLoop(); // the end of the process may have passed already
+                m_oTask.endEventLoop(); // whoever ended the task or the process has found no loop to end
             }
         }
         ~CLeave()
         {
             ACE_Guard<ACE_Thread_Mutex> oGuard(m_oTask.m_oStatusMutex);
-            m_oTask.restoreStatus(m_eAfter, false);
+            m_oTask.resume(m_oBefore, false);
         }
         CZolTask &m_oTask;
-        EnumTaskState m_eAfter = TASK_EXEC;
+        SZolTaskBefore m_oBefore;
     };
     const CLeave oLeave(*this);
     eventLoop();

@@ -535,13 +535,15 @@ protected:
                 }
             });
         poTask->m_poReactor = &m_oReactor;
-        poTask->m_fnEventLoop = [this]
-        {
-            m_oReactor.owner(ACE_Thread::self());
-            m_oReactor.run_reactor_event_loop();
-        };
+        poTask->m_fnEventLoop = [this] { runReactor(); };
         poMgr->addStaticTask(poTask, 1);
         return poTask;
+    }
+
+    void runReactor()
+    {
+        m_oReactor.owner(ACE_Thread::self());
+        m_oReactor.run_reactor_event_loop();
     }
 
     ACE_Reactor m_oReactor;
@@ -549,19 +551,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(OwnEventsTest, EndsTheTasksOwnLoopWhenAMessageComes)
-{
-    CScriptedTask *poTask = addWaiter();
-    start();
-    EXPECT_EQ(ZOL_ERR_FAILED, poTask->recvNonZolMsg()) << "this thread does not run the task";
-    sendLocal(makeRequest(CALLER, 1, 0));
-    ASSERT_TRUE(waitUntil([&] { return poTask->getTaskStatus() == TASK_NONZOLWAIT; }));
-    sendLocal(makeRequest(CALLER, 1, 1));
-    ASSERT_TRUE(m_oTrace.waitForCount(4));
-    EXPECT_EQ((std::vector<std::string>{"0", "result 0", "popped 1", "state " + std::to_string(TASK_EXEC)}),
-              m_oTrace.events());
-}
 
 TEST_F(OwnEventsTest, ReturnsAtOnceFromATaskWithoutALoop)
 {
@@ -604,33 +593,116 @@ TEST_F(OwnEventsTest, MayCallFromInsideTheLoop)
     EXPECT_TRUE(logged("taskmgr 1 task 1 become TASK_NONZOLWAIT\n"));
 }
 
-// Ending a task that waits for its own events must not leave it there: no message will end its loop any more.
-TEST_F(OwnEventsTest, LeavesTheLoopWhenTheTaskIsEnded)
+// ---- What ends the loop, also while the loop has the task in a call -------------------------------------------------
+
+namespace
 {
-    std::atomic<int> iAlive{0};
-    auto *poMgr = add(new CScriptedMgr(CALLER, 2));
-    auto *poTask = new CScriptedTask([](CZolTask &oTask, const CZolMsgPdu &) { oTask.recvNonZolMsg(); }, &iAlive);
-    poTask->m_poReactor = &m_oReactor;
-    poTask->m_fnEventLoop = [this]
+
+/// The parameter: whether the task is in a call from inside its loop when the loop is told to end.
+class OwnLoopTest : public OwnEventsTest, public testing::WithParamInterface<bool>
+{
+protected:
+    void SetUp() override
     {
-        m_oReactor.owner(ACE_Thread::self());
-        m_oReactor.run_reactor_event_loop();
-    };
-    ASSERT_EQ(ZOL_OK, poMgr->addAssistTask(poTask, true));
-    start();
-    sendLocal(makeRequest(CALLER, 33, 0));
-    ASSERT_TRUE(waitUntil([&] { return poTask->getTaskStatus() == TASK_NONZOLWAIT; }));
-    poTask->exitTask();
-    EXPECT_TRUE(waitUntil([&] { return iAlive == 0; }));
+        OwnEventsTest::SetUp();
+        m_poTask = addWaiter();
+        m_poTask->m_fnEventLoop = [this] { callAndRun(*m_poTask); };
+        addServer(); // after the caller, which the end of the process reaches first, then
+        start();
+    }
+
+    void callAndRun(CZolTask &oTask)
+    {
+        Pdu oResponse;
+        if (GetParam())
+        {
+            EXPECT_EQ(ZOL_OK, call(oTask, makeRequest(SERVER, MUTE, 0), oResponse, 60));
+        }
+        runReactor();
+    }
+
+    bool waitUntilInside(const CZolTask &oTask) const
+    {
+        return waitUntil([&] { return oTask.getTaskStatus() == (GetParam() ? TASK_SYNWAIT : TASK_NONZOLWAIT); });
+    }
+
+    void endTheCall(unsigned short usTask)
+    {
+        if (GetParam())
+        {
+            CZolMsgPdu *const poResponse = makeMsg(CZolMsgPdu::MSG_RESPONSE, CALLER, usTask, 5);
+            app().findTaskMgr(CALLER)->enqueueMsg(zolBlockOf(poResponse), true);
+        }
+    }
+
+    CScriptedTask *m_poTask = nullptr;
+};
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(InTheLoopOrInACall, OwnLoopTest, testing::Bool());
+
+TEST_P(OwnLoopTest, EndsWhenAMessageComes)
+{
+    EXPECT_EQ(ZOL_ERR_FAILED, m_poTask->recvNonZolMsg()) << "this thread does not run the task";
+    std::atomic<bool> bNext{false};
+    app().findTaskMgr(CALLER)->addStaticTask(new CScriptedTask([&](CZolTask &, const CZolMsgPdu &) { bNext = true; }),
+                                             2);
+    sendLocal(makeRequest(CALLER, 1, 0));
+    ASSERT_TRUE(waitUntilInside(*m_poTask));
+    sendLocal(makeRequest(CALLER, 1, 1));
+    sendLocal(makeRequest(CALLER, 2, 0));
+    ASSERT_TRUE(waitUntil([&] { return bNext.load(); })); // then the message before it is on the task's list
+    endTheCall(1);
+    ASSERT_TRUE(m_oTrace.waitForCount(4));
+    EXPECT_EQ((std::vector<std::string>{"0", "result 0", "popped 1", "state " + std::to_string(TASK_EXEC)}),
+              m_oTrace.events());
 }
 
-// The same for the end of the process, which waits for every handler.
-TEST_F(OwnEventsTest, LeavesTheLoopWhenTheProcessEnds)
+// No message will end the loop of a task that has ended, before it began or while it runs.
+TEST_P(OwnLoopTest, EndsWithTheTask)
 {
-    CScriptedTask *poTask = addWaiter();
-    start();
+    for (const bool bBefore : {false, true})
+    {
+        SCOPED_TRACE(bBefore ? "before the loop" : "inside");
+        m_oReactor.reset_reactor_event_loop();
+        std::atomic<int> iAlive{0};
+        auto *poTask = new CScriptedTask(
+            [bBefore](CZolTask &oTask, const CZolMsgPdu &)
+            {
+                if (bBefore)
+                {
+                    oTask.exitTask();
+                }
+                oTask.recvNonZolMsg();
+            },
+            &iAlive);
+        poTask->m_poReactor = &m_oReactor;
+        poTask->m_fnEventLoop = [this, poTask] { callAndRun(*poTask); };
+        ASSERT_EQ(ZOL_OK, app().findTaskMgr(CALLER)->addAssistTask(poTask, true));
+        const unsigned short usTask = poTask->getTaskID();
+        sendLocal(makeRequest(CALLER, usTask, 0));
+        if (!bBefore || GetParam())
+        {
+            ASSERT_TRUE(waitUntilInside(*poTask));
+        }
+        if (!bBefore)
+        {
+            poTask->exitTask();
+        }
+        endTheCall(usTask);
+        EXPECT_TRUE(waitUntil([&] { return iAlive == 0; }));
+    }
+}
+
+// The end of the process waits for every handler.
+TEST_P(OwnLoopTest, EndsWithTheProcess)
+{
     sendLocal(makeRequest(CALLER, 1, 0));
-    ASSERT_TRUE(waitUntil([&] { return poTask->getTaskStatus() == TASK_NONZOLWAIT; }));
+    ASSERT_TRUE(waitUntilInside(*m_poTask));
+    app().exitThreads();
+    ASSERT_TRUE(waitUntil([] { return app().findTaskMgr(SERVER)->thr_count() == 0; }));
+    endTheCall(1);
     stop();
     EXPECT_EQ("result 0", m_oTrace.events().at(1));
 }
