@@ -315,7 +315,7 @@ void CZolAppMgr::napUntilRunning()
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oRunningMutex);
     if (getStatus() == APPMGR_INITIAL)
     {
-        m_oRunning.wait(&oDeadline);
+        zolWaitUntil(m_oRunning, oDeadline);
     }
 }
 

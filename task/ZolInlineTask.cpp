@@ -61,7 +61,7 @@ void writeAll(int iFile, const std::string &strText)
     while (uiDone < strText.size())
     {
         const ssize_t iWritten = write(iFile, strText.data() + uiDone, strText.size() - uiDone);
-        if (iWritten <= 0 && errno != EINTR)
+        if (iWritten == 0 || (iWritten < 0 && errno != EINTR)) // 0 sets no errno
         {
             return;
         }

@@ -110,7 +110,7 @@ void CZolTask::awaitDelivery(int iSeconds)
     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
     while (!m_bDelivered.load(std::memory_order_relaxed))
     {
-        if (m_oSynCondition.wait(&oDeadline) == -1)
+        if (zolWaitUntil(m_oSynCondition, oDeadline) == -1)
         {
             return; // the time is over; a response that has come another way may still stand on the list
         }

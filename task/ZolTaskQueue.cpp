@@ -70,8 +70,7 @@ void CZolTaskQueue::waitForRoom()
     m_iFullWaiters.fetch_add(1, std::memory_order_seq_cst);
     while (isFull() && CZolAppMgr::instance()->getStatus() == APPMGR_RUNNING)
     {
-        const ACE_Time_Value oSlice = zolMonotonicNow() + ACE_Time_Value(0, FULL_WAIT_USEC);
-        m_oNotFull.wait(&oSlice);
+        zolWaitUntil(m_oNotFull, zolMonotonicNow() + ACE_Time_Value(0, FULL_WAIT_USEC));
     }
     m_iFullWaiters.fetch_sub(1, std::memory_order_relaxed);
 }

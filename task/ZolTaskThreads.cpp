@@ -77,7 +77,11 @@ CZolTask *CZolTaskThreads::findTask(unsigned long ulThreadID) const
 
 bool CZolTaskThreads::isRun(const CZolTask &oTask) const
 {
-    const int iSize = m_iSize.load(std::memory_order_acquire);
+    const int iSize = m_iSize.load(std::memory_order_acquire); // before the pointer, which it publishes
+    if (iSize == 0)
+    {
+        return false;
+    }
     return std::any_of(m_poRecords.get(), m_poRecords.get() + iSize,
                        [&oTask](const SZolThreadRecord &oRecord)
                        { return oRecord.m_poTask.load(std::memory_order_acquire) == &oTask; });

@@ -1,9 +1,9 @@
 #include "timer/ZolTimerQueue.h"
 
-#include <ace/Condition_Attributes.h>
+#include "message/ZolMonotonic.h"
+
 #include <ace/Functor.h>
 #include <ace/Guard_T.h>
-#include <ace/Monotonic_Time_Policy.h>
 
 #include <algorithm>
 #include <ctime>
@@ -36,7 +36,7 @@ ACE_Time_Value CZolTimerQueue::toTime(Micros llTime)
     return ACE_Time_Value(llTime / MICROS, static_cast<suseconds_t>(llTime % MICROS));
 }
 
-CZolTimerQueue::CZolTimerQueue() : m_oEarlier(m_oLock, ACE_Condition_Attributes_T<ACE_Monotonic_Time_Policy>()) {}
+CZolTimerQueue::CZolTimerQueue() : m_oEarlier(m_oLock, CZolMonotonicAttributes()) {}
 
 // ---- Setting and cancelling
 
@@ -210,8 +210,7 @@ void CZolTimerQueue::waitUntilDue(Micros llLimit)
         }
         else
         {
-            const ACE_Time_Value oDeadline = toTime(m_llSleepsUntil);
-            m_oEarlier.wait(&oDeadline);
+            zolWaitUntil(m_oEarlier, toTime(m_llSleepsUntil));
         }
     }
     m_bWoken = false;

@@ -40,16 +40,18 @@ int CZolConnection::recvInLife(void *pvBuf, unsigned int uiLen, unsigned int uiL
 
 int CZolConnection::receive()
 {
-    m_oRecvLock.acquire();
-    // The life first: a pipe that turns over between the two lines then fails the read, instead of adding the bytes of
-    // its new life to what is left of the old one.
-    const unsigned int uiLife = getLife();
-    if (m_bResetDue.exchange(false))
+    int iResult = 0;
     {
-        reset();
+        ACE_GUARD_RETURN(ACE_Thread_Mutex, oGuard, m_oRecvLock, -1);
+        // The life first: a pipe that turns over between the two lines then fails the read, instead of adding the bytes
+        // of its new life to what is left of the old one.
+        const unsigned int uiLife = getLife();
+        if (m_bResetDue.exchange(false))
+        {
+            reset();
+        }
+        iResult = readAndCut(uiLife);
     }
-    const int iResult = readAndCut(uiLife);
-    m_oRecvLock.release();
     resetIfDue();
     if (iResult < 0 && CZolRunLog::isReady())
     {
@@ -104,13 +106,17 @@ void CZolConnection::reset()
 // Whoever cannot take the lock leaves the work to its holder, who looks here again after giving it up.
 void CZolConnection::resetIfDue()
 {
-    while (m_bResetDue.load() && m_oRecvLock.tryacquire() == 0)
+    while (m_bResetDue.load())
     {
+        const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oRecvLock, false); // a try
+        if (oGuard.locked() == 0)
+        {
+            return;
+        }
         if (m_bResetDue.exchange(false))
         {
             reset();
         }
-        m_oRecvLock.release();
     }
 }
 

@@ -212,7 +212,7 @@ void CZolPipeOpener::succeed()
     CZolConnMgr *poMgr = CZolConnMgr::instance();
     CZolConnection &oConn = *m_oConn.get();
     const CZolMsgPdu &oAnswer = m_oExchange.getAnswer();
-    oConn.m_oStatusLock.acquire_write();
+    ACE_Write_Guard<ACE_RW_Mutex> oGuard(oConn.m_oStatusLock);
     if (oConn.getPipeType() == CZolConnection::CONN_INITIATIVE)
     {
         oConn.m_usOppProcID = oAnswer.m_usSrcProcID;
@@ -227,7 +227,7 @@ void CZolPipeOpener::succeed()
     oConn.setLastRecvTime(zolsocket::wallSeconds());
     oConn.m_uiLife.fetch_add(1, std::memory_order_acq_rel);
     oConn.m_bPipeStatus.store(true, std::memory_order_release);
-    oConn.m_oStatusLock.release();
+    oGuard.release();
     poMgr->pipes().pipesChanged();
     CZolDebugInfo oDebug(SCOPE);
     oDebug.info(zoltext("register successful. OppProcID: ", usOppProcID, " OppProcHandle: ", usOppProcHandle).c_str());

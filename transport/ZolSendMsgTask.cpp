@@ -50,9 +50,8 @@ int CZolSendMsgTask::sendMsg(CZolMemBlock *poBlock, bool bWait)
     while (bWait && isFull() && !zolHost().isExiting())
     {
         // The limit of the wait is for a process that goes to its exit stage meanwhile: nobody would wake us.
-        const ACE_Time_Value oUntil = zolMonotonicNow() + ACE_Time_Value(0, 100000);
         ++m_uiWaitingSenders;
-        m_oNotFull.wait(&oUntil);
+        zolWaitUntil(m_oNotFull, zolMonotonicNow() + ACE_Time_Value(0, 100000));
         --m_uiWaitingSenders;
     }
     if (!bWait && m_ulMsgBytes / 2 >= g_ulQueueSize.load(std::memory_order_relaxed))

@@ -7,15 +7,17 @@
 #include <gtest/gtest.h>
 #include <memory>
 
-// The one-line dump is for the classes that receive; this one stands in for them.
-class CZolConnection
-{
-public:
-    static void dump(const CZolMsgPdu &oPdu) { oPdu.printf(); }
-};
-
 namespace
 {
+
+// The one-line dump is private, for the classes that receive. An explicit instantiation may name a private member.
+void dump(const CZolMsgPdu &oPdu);
+template <void (CZolMsgPdu::*pfnDump)() const>
+struct SDump
+{
+    friend void dump(const CZolMsgPdu &oPdu) { (oPdu.*pfnDump)(); }
+};
+template struct SDump<&CZolMsgPdu::printf>;
 
 // A header with another value in every byte.
 CZolMsgPdu countingHeader()
@@ -122,13 +124,13 @@ TEST(MsgPduTest, OneLineDumpOfEveryType)
     for (unsigned char ucType = 0; ucType < sizeof aLabels / sizeof aLabels[0]; ++ucType)
     {
         oPdu.m_ucMsgType = ucType;
-        CZolConnection::dump(oPdu);
+        dump(oPdu);
         strExpected += std::string("MSGTYPE: ") + aLabels[ucType] +
                        ", SPID = 2314 SPHdl = 3342 SMdlID = 17 SSMdlID = 4884 RPID = 2828 RPHdl = 3856 RMdlID = 18 "
                        "RSMdlID = 5398 CmdID = -2, Len = 7\n";
     }
     CZolRunLog::logLevel(CZolRunLog::LEVEL_OFF);
-    CZolConnection::dump(oPdu); // nothing at this level
+    dump(oPdu); // nothing at this level
     CZolLogTask::instance()->writeLog();
 
     std::string strFound;

@@ -671,7 +671,18 @@ TEST_F(DispatchTest, KnowsTheTaskOfAThread)
         });
     poMgr->addStaticTask(poTask, 1);
     EXPECT_EQ(nullptr, poMgr->findTaskOfThread(ACE_Thread::self())) << "no threads yet";
+    std::thread oEnder(
+        [&]
+        {
+            while (app().getStatus() == APPMGR_INITIAL) // an end looks at the threads, which are being started
+            {
+                auto *poAssist = new CZolTask;
+                EXPECT_EQ(ZOL_OK, poMgr->addAssistTask(poAssist, true));
+                poAssist->exitTask();
+            }
+        });
     start();
+    oEnder.join();
     sendLocal(makeRequest(MANAGER, 1, 1));
     ASSERT_TRUE(oGate.waitForGuests(1));
     EXPECT_EQ(poTask, poCurrent);
