@@ -15,6 +15,7 @@ struct SZolCounters
     std::atomic<std::uint64_t> m_ulInvalidType{0};   ///< a type that the receiver has no use for
     std::atomic<std::uint64_t> m_ulBigMsgBroken{0};  ///< blocks out of order, without their start, or too large
     std::atomic<std::uint64_t> m_ulLateResponses{0}; ///< responses whose caller had gone
+    std::atomic<std::uint64_t> m_ulTaskEnded{0};     ///< waiting for a task, or on the way to it, when it ended
     std::atomic<std::uint64_t> m_ulLogLines{0};      ///< log lines that the full buffer refused
 };
 

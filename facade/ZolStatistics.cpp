@@ -13,7 +13,7 @@
 
 static_assert(std::is_trivially_copyable<SZolStatistics>::value, "it is copied as bytes");
 static_assert(sizeof(SZolTaskMgrStatistics) == 3 * 8, "only 64-bit words, so that the layout is fixed");
-static_assert(sizeof(SZolStatistics) == (17 + 3 * SZolStatistics::MAX_TASK_MGR) * 8, "as above");
+static_assert(sizeof(SZolStatistics) == (18 + 3 * SZolStatistics::MAX_TASK_MGR) * 8, "as above");
 
 namespace
 {
@@ -33,6 +33,7 @@ void fillLosses(SZolStatistics &oStatistics)
     oStatistics.m_ulDroppedInvalidType = read(oCounters.m_ulInvalidType);
     oStatistics.m_ulDroppedBigMsg = read(oCounters.m_ulBigMsgBroken);
     oStatistics.m_ulLateResponses = read(oCounters.m_ulLateResponses);
+    oStatistics.m_ulDroppedTaskEnded = read(oCounters.m_ulTaskEnded);
     oStatistics.m_ulLostLogLines = read(oCounters.m_ulLogLines);
 }
 

@@ -41,7 +41,7 @@ struct SZolStatistics
     std::uint64_t m_ulDroppedInvalidType;  ///< a type that the receiver has no use for
     std::uint64_t m_ulDroppedBigMsg;       ///< blocks out of order, without their start, or too large
     std::uint64_t m_ulLateResponses;       ///< responses whose caller had gone
-    std::uint64_t m_ulLostLogLines;        ///< log lines that the full buffer refused
+    std::uint64_t m_ulLostLogLines;        ///< log lines that were handed over and found the buffer full
 
     std::uint64_t m_ulSendBytes;       ///< messages that wait for the send thread
     std::uint64_t m_ulPoolSmallFree;   ///< free blocks of 512 bytes
@@ -54,6 +54,8 @@ struct SZolStatistics
 
     std::uint64_t m_ulTaskMgrCount; ///< valid entries of m_arrTaskMgr, in the order of their registration
     SZolTaskMgrStatistics m_arrTaskMgr[MAX_TASK_MGR];
+
+    std::uint64_t m_ulDroppedTaskEnded; ///< waiting for a task, or on the way to its handler, when it ended
 };
 
 /// The free operations of the library: what an application calls besides deriving from CZolTaskMgr and CZolTask.

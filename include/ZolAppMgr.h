@@ -147,6 +147,7 @@ private:
     int sendSynMsgByAssistTask(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds);
     int sendSynMsgAtInitialStage(CZolMsgPdu *poRequest, CZolMsgPdu *&poResponse, int iSeconds);
     bool runReactorForResponse(int iSeconds);
+    void holdResponse(CZolMsgPdu *poMsg);
     static int readProcAddr(const CZolMsgPdu &oResponse, unsigned int &uiAddr, unsigned short &usPort);
 
     /// Naps until the process is running, at most a second.

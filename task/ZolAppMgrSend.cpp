@@ -228,8 +228,7 @@ int CZolAppMgr::sendSynMsgAtInitialStage(CZolMsgPdu *poRequest, CZolMsgPdu *&poR
         delete poRequest;
         return ZOL_ERR_FAILED;
     }
-    delete m_poSynRespMsg; // a response that came too late for an earlier call
-    m_poSynRespMsg = nullptr;
+    holdResponse(nullptr); // one that came too late for an earlier call goes
     if (!runReactorForResponse(iSeconds))
     {
         oDebug.error("run event loop failed!");
@@ -274,7 +273,17 @@ void CZolAppMgr::enqueueMsg(CZolMsgPdu *poMsg)
 {
     if (getStatus() == APPMGR_INITIAL)
     {
-        delete m_poSynRespMsg;
-        m_poSynRespMsg = poMsg;
+        holdResponse(poMsg);
     }
+}
+
+/// Of two responses at the initial stage the later one stays, and the other has no caller.
+void CZolAppMgr::holdResponse(CZolMsgPdu *poMsg)
+{
+    if (m_poSynRespMsg != nullptr)
+    {
+        zolCount(zolCounters().m_ulLateResponses);
+        delete m_poSynRespMsg;
+    }
+    m_poSynRespMsg = poMsg;
 }

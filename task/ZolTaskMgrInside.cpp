@@ -101,6 +101,7 @@ void CZolTaskMgr::CZolInside::removeTask(CZolTask *poTask)
             m_oTaskMgr.m_oTaskTable.release(usTaskID);
         }
     }
+    zolCount(zolCounters().m_ulTaskEnded, poTask->m_uiBuffered.load(std::memory_order_relaxed));
     delete poTask;
 }
 

@@ -178,6 +178,10 @@ EnumTaskState CZolTaskRunner::serveFirst(CZolTask &oTask, CZolMsgPdu *poMsg) con
     {
         serve(oTask, oFirst.release());
     }
+    else
+    {
+        zolCount(zolCounters().m_ulTaskEnded); // somebody else has ended the task since the message was its next
+    }
     return oTask.getTaskStatus();
 }
 

@@ -18,6 +18,13 @@ namespace
 
 class DispatchTest : public CTaskTest
 {
+protected:
+    static SZolStatistics statistics()
+    {
+        SZolStatistics oStatistics{};
+        EXPECT_EQ(ZOL_OK, zol::getStatistics(&oStatistics, sizeof oStatistics));
+        return oStatistics;
+    }
 };
 
 class StalledLogTest : public CTaskTest
@@ -472,6 +479,7 @@ TEST_F(DispatchTest, DeletesATaskThatEndsInItsHandlerWithWhatWaitsForIt)
     oGate.open();
     EXPECT_TRUE(waitUntil([&] { return iAlive == 0; }));
     EXPECT_EQ(1, iHandled);
+    EXPECT_EQ(1U, statistics().m_ulDroppedTaskEnded);
 }
 
 TEST_F(DispatchTest, RefusesOtherStatesAndStaticTasks)
@@ -574,6 +582,32 @@ TEST_F(DispatchTest, DeletesOnceWhenSeveralMessagesAskForIt)
         }
     }
     EXPECT_TRUE(waitUntil([&] { return iAlive == 0 && poMgr->getLengthOfBufferMsg() == 0; }));
+}
+
+// Tasks are ended from outside just when a message comes: it is handled, or counted as lost.
+TEST_F(DispatchTest, CountsWhatAForeignExitLeavesUnhandled)
+{
+    constexpr unsigned int ROUNDS = 2000;
+    CZolRunLog::logLevel(CZolRunLog::LEVEL_OFF);
+    std::atomic<int> iAlive{0};
+    std::atomic<unsigned int> uiHandled{0};
+    auto *poMgr = add(new CScriptedMgr(MANAGER, 2));
+    start();
+    for (unsigned int uiRound = 0; uiRound < ROUNDS; ++uiRound)
+    {
+        const unsigned int uiBefore = uiHandled;
+        auto *poTask = new CScriptedTask([&](CZolTask &, const CZolMsgPdu &) { ++uiHandled; }, &iAlive);
+        ASSERT_EQ(ZOL_OK, poMgr->addAssistTask(poTask, true));
+        sendLocal(makeRequest(MANAGER, poTask->getTaskID(), uiRound));
+        sendLocal(makeRequest(MANAGER, poTask->getTaskID(), uiRound));
+        while (poTask->getTaskStatus() == TASK_IDLE && uiHandled == uiBefore)
+        {
+        }
+        poTask->exitTask();
+    }
+    const auto fnLost = [] { return statistics().m_ulDroppedNoTask + statistics().m_ulDroppedTaskEnded; };
+    EXPECT_TRUE(waitUntil([&] { return iAlive == 0 && uiHandled + fnLost() == 2 * ROUNDS; }))
+        << uiHandled << " handled, " << fnLost() << " lost";
 }
 
 // Tasks end while others end them from outside: whoever comes second must find them whole or gone.
