@@ -3,6 +3,7 @@
 #include "message/ZolHeapCache.h"
 
 #include <ace/Guard_T.h>
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 #include <new>
@@ -55,9 +56,33 @@ void heapFree(void *pvMem)
 }
 #endif
 
-// Requests for which a thread leaves the pool alone after it has met another one there.
-const unsigned int AVOID_AFTER_COLLISION = 1024;
-thread_local unsigned int t_uiAvoidPool __attribute__((tls_model("initial-exec"))) = 0;
+// How a thread keeps out of the way of others at the pool. The time that it stays away doubles from one collision to
+// the next, and starts small again after as many requests in a row that met nobody.
+struct SPoolManners
+{
+    unsigned int m_uiAway = 0;                 // requests for which it leaves the pool alone from now on
+    unsigned int m_uiNextAway = SHORTEST_AWAY; // after the next collision
+    unsigned int m_uiCalm = 0;                 // requests since the last one
+
+    static constexpr unsigned int SHORTEST_AWAY = 8;
+    static constexpr unsigned int LONGEST_AWAY = 1024;
+    static constexpr unsigned int CALM_REQUESTS = 64;
+
+    void collided()
+    {
+        m_uiAway = m_uiNextAway;
+        m_uiNextAway = std::min(2 * m_uiNextAway, LONGEST_AWAY);
+        m_uiCalm = 0;
+    }
+    void metNobody()
+    {
+        if (m_uiNextAway > SHORTEST_AWAY && ++m_uiCalm == CALM_REQUESTS)
+        {
+            *this = SPoolManners();
+        }
+    }
+};
+thread_local SPoolManners t_oManners __attribute__((tls_model("initial-exec")));
 
 // A lock that is held for one list operation is worth a short spin before a thread sleeps for it.
 ACE_mutexattr_t *adaptive()
@@ -248,7 +273,8 @@ void CZolMemMan::freeMem(void *pvMem)
 
 // Two threads that meet at the lock, say one that sends and one that handles, would from then on hand its cache line to
 // and fro with every message, which costs more than the rest of the message's way. So nobody waits here: who finds the
-// lock taken goes to the heap, whose caches are the thread's own, and stays there for a while.
+// lock taken goes to the heap, whose caches are the thread's own, and stays there for a while, the longer the more
+// often it happens: a single meeting costs next to nothing.
 void *CZolMemMan::takeFromPool(unsigned int uiClass, unsigned int uiSize)
 {
     SZolMemPool &oPool = m_arrPool[uiClass];
@@ -256,19 +282,21 @@ void *CZolMemMan::takeFromPool(unsigned int uiClass, unsigned int uiSize)
     {
         return nullptr;
     }
-    if (t_uiAvoidPool > 0)
+    SPoolManners &oManners = t_oManners;
+    if (oManners.m_uiAway > 0)
     {
-        --t_uiAvoidPool;
+        --oManners.m_uiAway;
         return nullptr;
     }
     if (m_oMutex.tryacquire() != 0)
     {
-        t_uiAvoidPool = AVOID_AFTER_COLLISION;
+        oManners.collided();
         return nullptr;
     }
     CZolMemBlock *const poBlock = oPool.m_oFreeList.popHead();
     oPool.m_ulFree.store(oPool.m_oFreeList.m_ulCount, std::memory_order_relaxed);
     m_oMutex.release();
+    oManners.metNobody();
     if (poBlock != nullptr)
     {
         ASAN_UNPOISON_MEMORY_REGION(poBlock, uiSize);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -88,6 +89,45 @@ TEST(MemManTest, RefusesWhatCannotBeHad)
     oMan.freeMem(pvMem);
     oMan.freeMem(nullptr);
     EXPECT_EQ(2u, freeBlocks(oMan, 1));
+}
+
+// A thread that meets another one at the pool goes to the heap, and comes back soon when it is alone again.
+TEST(MemManTest, OneMeetingAtThePoolIsSoonForgotten)
+{
+    CZolMemMan oMan(256, 0, 0);
+    void *const pvFirst = oMan.allocMem(1);
+    oMan.freeMem(pvFirst);
+    const auto fnFromPool = [&]
+    {
+        void *const pvMem = oMan.allocMem(1);
+        const bool bPool = reinterpret_cast<std::uintptr_t>(pvMem) - reinterpret_cast<std::uintptr_t>(pvFirst) < 131072;
+        oMan.freeMem(pvMem);
+        return bPool;
+    };
+    std::atomic<bool> bEnd{false};
+    std::thread oOther(
+        [&]
+        {
+            while (!bEnd)
+            {
+                oMan.freeMem(oMan.allocMem(1));
+            }
+        });
+    const auto oLimit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    bool bMet = false;
+    while (!bMet && std::chrono::steady_clock::now() < oLimit)
+    {
+        bMet = !fnFromPool();
+    }
+    bEnd = true;
+    oOther.join();
+    ASSERT_TRUE(bMet);
+    unsigned int uiAway = 0;
+    while (!fnFromPool())
+    {
+        ++uiAway;
+    }
+    EXPECT_LE(uiAway, 64U);
 }
 
 #ifndef ZOL_SANITIZED
