@@ -38,18 +38,6 @@ constexpr unsigned char LAST_TASK_MGR_ID = 200;
 constexpr int MOST_QUEUE_BYTES = 104857600;
 constexpr int LEAST_QUEUE_BYTES = 26214400;
 
-// Of threads that have ended before it is called, ACE's wait_task joins every second one: it takes an entry off its
-// list and then steps over the next. Each call halves what is left; what nobody joins keeps its stack.
-int waitForThreads(ACE_Task_Base *poTask, int iThreads)
-{
-    int iResult = ACE_Thread_Manager::instance()->wait_task(poTask);
-    for (int iLeft = iThreads / 2; iLeft > 0 && iResult == 0; iLeft /= 2)
-    {
-        iResult = ACE_Thread_Manager::instance()->wait_task(poTask);
-    }
-    return iResult;
-}
-
 } // namespace
 
 std::map<unsigned char, ACE_Mutex *> &g_mapDispatchMutex = *new std::map<unsigned char, ACE_Mutex *>;
@@ -293,7 +281,7 @@ void CZolAppMgr::stopTaskMgrs()
     }
     for (CZolTaskMgr *poTaskMgr : oTaskMgrs)
     {
-        if (waitForThreads(poTaskMgr, poTaskMgr->m_iThreadNum) != 0)
+        if (poTaskMgr->m_poInside->joinThreads() != 0)
         {
             std::printf("call wait_task() failed, cannot exit the TaskMgr %u !\n", poTaskMgr->getTaskMgrID());
         }

@@ -71,6 +71,7 @@ int CZolTaskMgr::open(void * /*pvArg*/)
     }
     if (iResult != 0)
     {
+        m_poInside->endPartialOpen();
         return ZOL_ERR_FAILED;
     }
     m_poInside->m_oThreads.publish(arrThreadIDs.get(), m_iThreadNum);

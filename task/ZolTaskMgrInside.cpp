@@ -4,11 +4,13 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
+#include "config/ZolCounters.h"
 #include "log/ZolHeldLines.h"
 #include "task/ZolTaskLog.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Mutex.h>
+#include <ace/Thread_Manager.h>
 
 namespace
 {
@@ -170,4 +172,24 @@ bool CZolTaskMgr::CZolInside::serveOneMsg(unsigned long ulThreadID)
         m_oTaskMgr.delTask(poTask, ulThreadID);
     }
     return true;
+}
+
+int CZolTaskMgr::CZolInside::joinThreads()
+{
+    int iResult = ACE_Thread_Manager::instance()->wait_task(&m_oTaskMgr);
+    for (int iLeft = m_oTaskMgr.m_iThreadNum / 2; iLeft > 0 && iResult == 0; iLeft /= 2)
+    {
+        iResult = ACE_Thread_Manager::instance()->wait_task(&m_oTaskMgr);
+    }
+    return iResult;
+}
+
+void CZolTaskMgr::CZolInside::endPartialOpen()
+{
+    m_oThreads.sendAway();
+    joinThreads();
+    m_oThreads.callBack();
+    // ACE has taken off all threads that it was asked for, and each that left once more
+    ACE_Guard<ACE_Thread_Mutex> oGuard(m_oTaskMgr.lock_);
+    m_oTaskMgr.thr_count_ = 0;
 }

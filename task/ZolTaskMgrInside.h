@@ -32,6 +32,15 @@ public:
     /// back.
     void endEventLoops();
 
+    /// Waits until all threads have left. Of threads that have ended before it is called, ACE's wait_task joins every
+    /// second one: it takes an entry off its list and then steps over the next. Each call halves what is left; what
+    /// nobody joins keeps its stack.
+    int joinThreads();
+
+    /// Without all of its threads the manager has none: those that did start find no table and leave, so that the next
+    /// open() begins anew.
+    void endPartialOpen();
+
     /// One turn of svc(). False when the process is ending.
     bool serveOneMsg(unsigned long ulThreadID);
 

@@ -39,6 +39,10 @@ public:
     /// Makes the table for these threads and lets those that wait in enter() go on. The ids are sorted on the way.
     void publish(ACE_thread_t *pulThreadIDs, int iThreads);
 
+    /// Lets those that wait in enter() leave, since there will be no table; until callBack().
+    void sendAway() { m_oReady.signal(); }
+    void callBack() { m_oReady.reset(); }
+
     /// For a thread that begins: waits for the table. False if the thread is none of it.
     bool enter(CZolTaskMgr &oTaskMgr, unsigned long ulThreadID);
     static void leave();

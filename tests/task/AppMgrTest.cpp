@@ -6,6 +6,7 @@
 
 #include <ace/Event_Handler.h>
 #include <ace/Reactor.h>
+#include <ace/Thread_Manager.h>
 #include <csignal>
 #include <fcntl.h>
 #include <map>
@@ -293,6 +294,50 @@ TEST_F(AppMgrTest, WatchesHighDescriptors)
     close(iHigh);
     close(aPair[0]);
     close(aPair[1]);
+}
+
+// A start that gets only some of its threads leaves none behind, and may be tried again.
+TEST_F(AppMgrTest, StartsAfterAStartThatDidNotGetAllThreads)
+{
+    class CShortOfThreads : public CScriptedMgr
+    {
+    public:
+        using CScriptedMgr::CScriptedMgr;
+        int activate(long lFlags, int iThreads, int iForce, long lPriority, int iGroup, ACE_Task_Base *poTask,
+                     ACE_hthread_t *pHandles, void **ppStacks, size_t *puiStacks, ACE_thread_t *pulIDs,
+                     const char **ppcNames) override
+        {
+            const int iGiven = m_bShort ? iThreads - 1 : iThreads;
+            const int iResult = CScriptedMgr::activate(lFlags, iGiven, iForce, lPriority, iGroup, poTask, pHandles,
+                                                       ppStacks, puiStacks, pulIDs, ppcNames);
+            if (!m_bShort)
+            {
+                return iResult;
+            }
+            m_bShort = false;
+            thr_count_ -= static_cast<size_t>(iGiven); // what ACE does; the threads take themselves off, too
+            return -1;
+        }
+
+    private:
+        bool m_bShort = true;
+    };
+    CGate oGate;
+    auto *poMgr = add(new CShortOfThreads(MANAGER, 3));
+    for (unsigned short usTask = 1; usTask <= 3; ++usTask)
+    {
+        poMgr->addStaticTask(new CScriptedTask([&](CZolTask &, const CZolMsgPdu &) { oGate.pass(); }), usTask);
+    }
+    app().handleEvents();
+    EXPECT_EQ(APPMGR_INITIAL, app().getStatus());
+    EXPECT_EQ(0, ACE_Thread_Manager::instance()->num_threads_in_task(poMgr));
+    start();
+    for (unsigned short usTask = 1; usTask <= 3; ++usTask)
+    {
+        sendLocal(makeRequest(MANAGER, usTask, 1));
+    }
+    EXPECT_TRUE(oGate.waitForGuests(3));
+    oGate.open();
 }
 
 // ---- End ------------------------------------------------------------------------------------------------------------
