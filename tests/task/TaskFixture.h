@@ -58,11 +58,16 @@ inline int sendLocal(CZolMsgPdu *poMsg)
     return CZolAppMgr::instance()->sendLocalAsynMsg(poMsg, ucManager);
 }
 
-/// A door that handlers wait at. Opened by the test, and in any case by the destructor.
+/// A door that handlers wait at. Opened by the test, and in any case by the destructor, which lets everybody out first.
 class CGate
 {
 public:
-    ~CGate() { open(); }
+    ~CGate()
+    {
+        open();
+        std::unique_lock<std::mutex> oGuard(m_oMutex);
+        m_oChanged.wait(oGuard, [this] { return m_uiWaiting == 0; });
+    }
     void open()
     {
         const std::lock_guard<std::mutex> oGuard(m_oMutex);
@@ -75,6 +80,7 @@ public:
         ++m_uiWaiting;
         m_oChanged.wait(oGuard, [this] { return m_bOpen; });
         --m_uiWaiting;
+        m_oChanged.notify_all();
     }
     bool waitForGuests(unsigned int uiCount)
     {
