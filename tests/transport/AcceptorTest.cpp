@@ -1,10 +1,12 @@
 // The listening port: what a stranger can say first, and what it gets.
 
 #include "transport/TransportTest.h"
+#include "transport/ZolAcceptorHandler.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace zoltest;
@@ -12,124 +14,94 @@ using namespace zoltest;
 namespace
 {
 
-class AcceptorTest : public TransportTest
+using AcceptorTest = TransportTest;
+
+/// Connections that are made by socketpair, and what the acceptor makes of their first message.
+class FirstMessageTest : public BareTest
 {
 protected:
-    // A stranger that says this first is sent away without a word.
-    void expectRefused(const std::string &strBytes)
+    // The answer to these bytes and an end; the connection stays.
+    std::string answerTo(const std::string &strBytes)
     {
-        CRawPipe oPipe = CRawPipe::connectTo(m_usPort);
-        ASSERT_TRUE(oPipe.send(strBytes));
-        EXPECT_EQ("", oPipe.read(1));
+        int aiEnds[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, aiEnds));
+        m_oFarEnds.emplace_back(aiEnds[1]);
+        EXPECT_TRUE(m_oFarEnds.back().send(strBytes));
+        m_oFarEnds.back().finish();
+        CZolAcceptorHandler::instance()->takeConnection(aiEnds[0]);
+        return m_oFarEnds.back().read(33, Milliseconds(0));
     }
+
+    std::vector<CRawPipe> m_oFarEnds;
 };
 
 } // namespace
 
-TEST_F(AcceptorTest, AnswersARegistrationByteForByte)
+TEST_F(FirstMessageTest, AnswersARegistrationByteForByte)
 {
-    serve(
-        [&]
-        {
-            CRawPipe oPipe = CRawPipe::connectTo(m_usPort);
-            SFrame oRequest = registerFrame(0x0102, 0x0304, 1);
-            oRequest.m_ucVersion = 5;
-            oRequest.m_usSegment = 6;
-            oRequest.m_ulCmd = 0x11223344;
-            oRequest.m_usDestProc = 66;
-            oRequest.m_ucSrcModule = 7;
-            oRequest.m_ucDestModule = 8;
-            oRequest.m_usSrcTask = 9;
-            oRequest.m_usDestTask = 10;
-            ASSERT_TRUE(oPipe.send(oRequest.wire()));
-            SFrame oResponse;
-            ASSERT_TRUE(oPipe.readFrame(oResponse));
-            SFrame oExpected = registerFrame(OWN_PROC, OWN_HANDLE, 0);
-            oExpected.m_ucVersion = 5;
-            oExpected.m_ulCmd = 0x11223344;
-            oExpected.m_usDestProc = 0x0102;
-            oExpected.m_usDestHandle = 0x0304;
-            oExpected.m_ucSrcModule = 8;
-            oExpected.m_ucDestModule = 7;
-            oExpected.m_usSrcTask = 10;
-            oExpected.m_usDestTask = 9;
-            EXPECT_EQ(oExpected.wire(), oResponse.wire());
-            EXPECT_TRUE(CZolConnMgr::instance()->isConnected(0x0102, 0x0304)) << "answered before it was entered";
-            EXPECT_TRUE(
-                logHas("CZolAcceptorHandler::registPipe client register sucessfull ProcID: 258 ProcHandle: 772"));
-        });
+    SFrame oRequest = registerFrame(0x0102, 0x0304, 1);
+    oRequest.m_ucVersion = 5;
+    oRequest.m_usSegment = 6;
+    oRequest.m_ulCmd = 0x11223344;
+    oRequest.m_usDestProc = 66;
+    oRequest.m_ucSrcModule = 7;
+    oRequest.m_ucDestModule = 8;
+    oRequest.m_usSrcTask = 9;
+    oRequest.m_usDestTask = 10;
+    SFrame oExpected = registerFrame(OWN_PROC, OWN_HANDLE, 0);
+    oExpected.m_ucVersion = 5;
+    oExpected.m_ulCmd = 0x11223344;
+    oExpected.m_usDestProc = 0x0102;
+    oExpected.m_usDestHandle = 0x0304;
+    oExpected.m_ucSrcModule = 8;
+    oExpected.m_ucDestModule = 7;
+    oExpected.m_usSrcTask = 10;
+    oExpected.m_usDestTask = 9;
+    EXPECT_EQ(oExpected.wire(), answerTo(oRequest.wire()));
+    EXPECT_TRUE(CZolConnMgr::instance()->isConnected(0x0102, 0x0304));
+    EXPECT_TRUE(logHas("CZolAcceptorHandler::registPipe client register sucessfull ProcID: 258 ProcHandle: 772"));
+    oExpected.body(word32(static_cast<unsigned int>(-9)));
+    EXPECT_EQ(oExpected.wire(), answerTo(oRequest.wire())) << "the key is taken";
+    EXPECT_TRUE(logHas("the process is register already, procID: 258, procHandle: 772"));
+    EXPECT_TRUE(CZolConnMgr::instance()->isConnected(0x0102, 0x0304)) << "the first pipe was touched";
 }
 
-TEST_F(AcceptorTest, RefusesAKeyThatIsTaken)
+TEST_F(FirstMessageTest, ClosesOnAnyOtherWithItsLine)
 {
-    serve(
-        [&]
-        {
-            CRawPipe oFirst = peer(9, 1);
-            for (const std::uint16_t usProc : std::initializer_list<std::uint16_t>{9, 0})
-            {
-                CRawPipe oSecond = CRawPipe::connectTo(m_usPort);
-                EXPECT_EQ(-9, oSecond.registerAs(usProc, usProc == 9 ? 1 : 0)) << "0, 0 is the gateway's";
-                EXPECT_TRUE(oSecond.waitClosed());
-            }
-            EXPECT_TRUE(logHas("the process is register already, procID: 9, procHandle: 1"));
-            ASSERT_TRUE(oFirst.send(toSink(1).wire()));
-            EXPECT_TRUE(m_oInbox.waitFor(1)) << "the first pipe was touched";
-            EXPECT_EQ(0, CRawPipe::connectTo(m_usPort).registerAs(9, 2)) << "another handle is another key";
-        });
-}
-
-TEST_F(AcceptorTest, ClosesOnAnyOtherFirstMessage)
-{
-    serve(
-        [&]
-        {
-            for (const unsigned int uiLength : {0U, 3U, 5U, 0xFFFFFFFFU})
-            {
-                SFrame oRegister = registerFrame(9, 1);
-                oRegister.m_ulData = uiLength;
-                expectRefused(oRegister.wire());
-            }
-            for (const unsigned int uiType : {0U, 2U, 4U, 5U, 6U, 11U, 255U})
-            {
-                SFrame oOther = toSink(1);
-                oOther.m_ucType = static_cast<std::uint8_t>(uiType);
-                expectRefused(oOther.wire());
-            }
-            SFrame oHuge = toSink(1);
-            oHuge.m_ulData = 536608769;
-            expectRefused(oHuge.wire());
-            EXPECT_TRUE(
-                logHas("the message is error, the size of request message is too big. procID: 9, procHandle: 1"));
-            EXPECT_EQ(4U, logCount("the message is error, the size of register message is not correct. procID: 9"));
-            EXPECT_EQ(7U, logCount("the message is error, the message type is not correct. procID: 9"));
-            peer();
-        });
-}
-
-TEST_F(AcceptorTest, OutlivesStrangersThatCutTheirFirstMessage)
-{
-    serve(
-        [&]
-        {
-            const std::string strRegister = registerFrame(9, 1).wire();
-            const std::string strRequest = toSink(1, "request").wire();
-            for (const std::string &strWhole : {strRegister, strRequest})
-            {
-                for (std::size_t uiCut = 0; uiCut < strWhole.size(); ++uiCut)
-                {
-                    CRawPipe oPipe = CRawPipe::connectTo(m_usPort);
-                    ASSERT_TRUE(oPipe.send(strWhole.substr(0, uiCut)));
-                    if (uiCut % 2 == 0)
-                    {
-                        oPipe.resetOnClose();
-                    }
-                }
-            }
-            peer();
-            EXPECT_TRUE(logHas("receive pdu header failed."));
-            EXPECT_TRUE(logHas("receive pdu body failed, procID: 9, procHandle: 1"));
-        });
+    const auto fnFrame = [](unsigned int uiType, unsigned int uiData)
+    {
+        SFrame oFrame = registerFrame(9, 1);
+        oFrame.m_ucType = static_cast<std::uint8_t>(uiType);
+        oFrame.m_ulData = uiData;
+        return oFrame.wire();
+    };
+    const struct
+    {
+        std::string strBytes;
+        const char *pcLine;
+    } aCases[] = {
+        {"", "receive pdu header failed."},
+        {fnFrame(3, 4).substr(0, 27), "receive pdu header failed."},
+        {fnFrame(3, 4).substr(0, 31), "receive pdu body failed, procID: 9, procHandle: 1"},
+        {fnFrame(1, 5), "receive pdu body failed, procID: 9, procHandle: 1"},
+        {fnFrame(3, 3), "the message is error, the size of register message is not correct. procID: 9, procHandle: 1"},
+        {fnFrame(3, 5), "the message is error, the size of register message is not correct. procID: 9, procHandle: 1"},
+        {fnFrame(4, 4), "the message is error, the message type is not correct. procID: 9, procHandle: 1"},
+        {fnFrame(1, 536608769), "the message is error, the size of request message is too big. procID: 9"},
+        {fnFrame(1, 536608768), "receive pdu body failed, procID: 9, procHandle: 1"},
+        {fnFrame(1, 4), "receive a pipe message successfully."}, // and at this stage nobody takes it
+    };
+    unsigned int uiLines = 0;
+    for (const auto &oCase : aCases)
+    {
+        SCOPED_TRACE(&oCase - aCases);
+        const unsigned int uiBefore = logCount(oCase.pcLine);
+        EXPECT_EQ("", answerTo(oCase.strBytes));
+        EXPECT_TRUE(m_oFarEnds.back().waitClosed());
+        EXPECT_EQ(uiBefore + 1, logCount(oCase.pcLine));
+        EXPECT_EQ(++uiLines, logCount("CZolAcceptorHandler::handle_input "));
+    }
+    EXPECT_EQ(0U, CZolP2PDesk::instance().countInHand());
 }
 
 // A stranger has 5 s for its header and 5 s for its body, however it spreads the bytes.

@@ -79,7 +79,11 @@ protected:
     bool isRunning() const override { return m_bRunning; }
     bool isExiting() const override { return false; }
     bool takeInitialResponse(CZolMsgPdu *) override { return false; }
-    int sendLocal(CZolMsgPdu *&, unsigned char) override { return ZOL_ERR_STAGE; }
+    int sendLocal(CZolMsgPdu *&poPdu, unsigned char) override
+    {
+        delete poPdu;
+        return ZOL_ERR_STAGE;
+    }
     bool hasQueued(unsigned char) override { return false; }
     int subscribe(unsigned int, unsigned char, unsigned short) override { return ZOL_OK; }
 
