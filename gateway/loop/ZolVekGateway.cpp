@@ -20,8 +20,6 @@ const std::uint64_t FIRST_WATCHED_EVENT = 1;
 const std::uint64_t LAST_WATCHED_EVENT = 63;
 
 const std::uint32_t UNREGISTERED_FRAME_BYTES = zolwire::HEADER_BYTES + 4; // the register message, and nothing larger
-const std::uint64_t LARGE_FRAME_MS = 5000; // without a byte of a large frame that has begun and is read
-const std::uint64_t CROWDED_MS = 500;      // with all places of newcomers taken, one has at least so long to register
 
 std::uint64_t monotonicMs()
 {
@@ -36,7 +34,10 @@ CZolVekGateway::CZolVekGateway(const SZolVekSettings &oSettings, TClock fnClock)
     : m_oSettings(oSettings), m_fnClock(fnClock ? std::move(fnClock) : TClock(monotonicMs)),
       m_oRouter(m_oSettings, m_oStatistics, m_oMemory, m_oRoutes, m_oAgenda),
       m_oRegistrar(m_oSettings, m_oStatistics, m_oRoutes, m_oAgenda),
-      m_oReporter(m_oSettings, m_oStatistics, m_oRoutes, m_oRouter)
+      m_oReporter(m_oSettings, m_oStatistics, m_oRoutes, m_oRouter), m_oThrottle(m_oSettings, m_oStatistics, m_oAgenda),
+      m_oFlusher(m_oStatistics, m_oAgenda, m_oRouter), m_oNewcomers(m_oSettings, m_oStatistics, m_oAgenda),
+      m_oSweeper(m_oSettings, m_oAgenda, m_oRoutes, m_oReporter),
+      m_oDrain(m_oSettings, m_oStatistics, m_oAgenda, m_oRoutes)
 {
     m_iEpoll = epoll_create1(EPOLL_CLOEXEC);
     m_oAgenda.m_ulNowMs = m_fnClock();
@@ -60,15 +61,7 @@ CZolVekGateway::~CZolVekGateway()
 
 bool CZolVekGateway::open(std::string &strError)
 {
-    if (!m_oListener.open(m_oSettings, strError))
-    {
-        return false;
-    }
-    epoll_event oEvent{};
-    oEvent.events = EPOLLIN;
-    oEvent.data.u64 = LISTENER_EVENT;
-    m_bListening = epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, m_oListener.handle(), &oEvent) == 0;
-    return m_bListening;
+    return m_oNewcomers.open(m_iEpoll, LISTENER_EVENT, strError);
 }
 
 void CZolVekGateway::watch(int iHandle, std::function<void()> fnReadable)
@@ -88,7 +81,7 @@ void CZolVekGateway::observe(CZolSnapshotExchange &oExchange)
               SZolGatewaySnapshot *const poSnapshot = oExchange.takeAsked();
               if (poSnapshot != nullptr)
               {
-                  m_oReporter.fill(*poSnapshot, m_oAgenda.m_ulNowMs, unregistered(), m_bDraining);
+                  m_oReporter.fill(*poSnapshot, m_oAgenda.m_ulNowMs, unregistered(), m_oDrain.isOn());
                   oExchange.publish(poSnapshot);
               }
           });
@@ -98,7 +91,7 @@ void CZolVekGateway::observe(CZolSnapshotExchange &oExchange)
 
 bool CZolVekGateway::isHurried() const
 {
-    return m_bDraining || !m_oNewcomers.empty() || !m_oThrottled.empty() || m_oRegistrar.isProbing();
+    return m_oDrain.isOn() || !m_oNewcomers.isEmpty() || !m_oThrottle.isEmpty() || m_oRegistrar.isProbing();
 }
 
 std::uint64_t CZolVekGateway::nextTickMs() const
@@ -159,58 +152,17 @@ void CZolVekGateway::runOnce(int iMaxWaitMs)
 
 void CZolVekGateway::acceptAll()
 {
-    for (int i = 0; i < static_cast<int>(MAX_EVENTS); ++i)
+    for (std::size_t ulTaken = 0; ulTaken < MAX_EVENTS; ++ulTaken)
     {
-        if (unregistered() >= m_oSettings.m_uiMaxUnregistered)
-        {
-            stopListening();
-            return;
-        }
         std::uint32_t uiAddress = 0;
         std::uint16_t usPort = 0;
-        const int iSocket = m_oListener.accept(uiAddress, usPort);
+        const int iSocket = m_oNewcomers.accept(unregistered(), uiAddress, usPort);
         if (iSocket < 0)
         {
-            if (m_oListener.isExhausted())
-            {
-                stopListening(); // it would wake the loop at once again
-            }
             return;
         }
-        if (!isCrowded(uiAddress))
-        {
-            adopt(iSocket, uiAddress, usPort);
-            continue;
-        }
-        ::close(iSocket);
+        adopt(iSocket, uiAddress, usPort);
     }
-}
-
-void CZolVekGateway::stopListening()
-{
-    epoll_ctl(m_iEpoll, EPOLL_CTL_DEL, m_oListener.handle(), nullptr);
-    m_bListening = false; // the backlog holds them; sweepNewcomers() goes on
-}
-
-bool CZolVekGateway::isCrowded(std::uint32_t uiAddress)
-{
-    const auto oFound = m_oByAddress.find(uiAddress);
-    if (m_oSettings.m_uiMaxPipesPerAddress == 0 || oFound == m_oByAddress.end() ||
-        oFound->second < m_oSettings.m_uiMaxPipesPerAddress)
-    {
-        return false;
-    }
-    ++m_oStatistics.m_ulCrowdedOut;
-    std::uint64_t ulHeldBack = 0;
-    if (m_oCrowdLines.pass(uiAddress, m_oAgenda.m_ulNowMs, ulHeldBack))
-    {
-        CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::isCrowded",
-                         "%u.%u.%u.%u has its %u connections and gets no further one, and %" PRIu64
-                         " more since the last line",
-                         uiAddress >> 24, (uiAddress >> 16) & 255, (uiAddress >> 8) & 255, uiAddress & 255,
-                         oFound->second, ulHeldBack);
-    }
-    return true;
 }
 
 void CZolVekGateway::adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t usPort)
@@ -229,8 +181,7 @@ void CZolVekGateway::adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t u
         return; // the destructor closes the socket
     }
     ++m_oStatistics.m_ulAccepted;
-    ++m_oByAddress[uiAddress];
-    m_oNewcomers.push_back({poPlain, poPlain->m_ulSerial});
+    m_oNewcomers.came(*poPlain);
     m_oSessions.emplace(poPlain, std::move(poSession));
 }
 
@@ -248,13 +199,13 @@ void CZolVekGateway::onEvent(CZolVekSession &oSession, std::uint32_t uiEvents)
     }
     if ((uiEvents & (EPOLLHUP | EPOLLERR)) != 0)
     {
-        breakPipe(oSession, 0);
+        m_oFlusher.breakPipe(oSession, 0);
     }
     if (oSession.m_bBroken || ((uiEvents & EPOLLOUT) != 0 && oSession.m_bBlocked))
     {
         oSession.m_bBlocked = false;
         m_oRouter.beginTurn();
-        flush(oSession);
+        m_oFlusher.flush(oSession);
     }
 }
 
@@ -268,7 +219,7 @@ bool CZolVekGateway::mayRead(const CZolVekSession &oSession) const
         return false;
     }
     return oSession.m_eState == VEK_UNREGISTERED || oSession.m_eState == VEK_REFUSED ||
-           (oSession.m_eState == VEK_UP && (!m_bDraining || oSession.m_bFinished));
+           (oSession.m_eState == VEK_UP && (!m_oDrain.isOn() || oSession.m_bFinished));
 }
 
 void CZolVekGateway::turn(CZolVekSession &oSession)
@@ -276,7 +227,8 @@ void CZolVekGateway::turn(CZolVekSession &oSession)
     oSession.m_bReady = false;
     if (oSession.m_bBroken || oSession.m_bDiscard)
     {
-        letGo(oSession);
+        m_oRouter.release(oSession);
+        m_oThrottle.letGo(oSession);
     }
     if (oSession.m_eState == VEK_CLOSED || oSession.m_poWaitsFor != nullptr || oSession.m_bThrottled ||
         !oSession.m_strCloseReason.empty())
@@ -305,7 +257,7 @@ void CZolVekGateway::turn(CZolVekSession &oSession)
     }
     oSession.m_oReader.end();
     m_oLargeFrames.note(oSession);
-    flushDirty();
+    m_oFlusher.flushDirty();
     m_oRouter.endTurn();
     if (mayRead(oSession))
     {
@@ -323,7 +275,7 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
         {
             return false;
         }
-        if (bUp && isThrottled(oSession))
+        if (bUp && !m_oDrain.isOn() && m_oThrottle.holds(oSession))
         {
             return false;
         }
@@ -371,134 +323,6 @@ bool CZolVekGateway::takeFrames(CZolVekSession &oSession)
     }
 }
 
-bool CZolVekGateway::isThrottled(CZolVekSession &oSession)
-{
-    if ((m_oSettings.m_ulMaxFramesPerSecond | m_oSettings.m_ulMaxBytesPerSecond) == 0 || m_bDraining ||
-        oSession.m_bBroken || oSession.m_bDiscard ||
-        oSession.m_oRate.mayTake(m_oSettings.m_ulMaxFramesPerSecond, m_oSettings.m_ulMaxBytesPerSecond,
-                                 m_oAgenda.m_ulNowMs))
-    {
-        return false;
-    }
-    oSession.m_bThrottled = true;
-    m_oThrottled.push_back(&oSession);
-    ++m_oStatistics.m_ulThrottled;
-    return true;
-}
-
-void CZolVekGateway::wakeThrottled()
-{
-    std::vector<CZolVekSession *> oThrottled;
-    oThrottled.swap(m_oThrottled);
-    for (CZolVekSession *poSession : oThrottled)
-    {
-        poSession->m_bThrottled = false; // its turn finds out whether it may go on
-        m_oAgenda.ready(*poSession);
-    }
-}
-
-void CZolVekGateway::flush(CZolVekSession &oSession)
-{
-    if (!oSession.m_bBroken && !oSession.m_bBlocked && !oSession.m_oOutbox.isEmpty())
-    {
-        std::uint64_t ulWritten = 0;
-        const EnumZolVekFlush eResult = oSession.m_oOutbox.flush(oSession.m_iSocket, ulWritten);
-        if (ulWritten > 0)
-        {
-            oSession.m_ulSentMs = m_oAgenda.m_ulNowMs;
-            oSession.m_ulStuckSinceMs = m_oAgenda.m_ulNowMs;
-            oSession.m_ulBytesOut += ulWritten;
-            m_oStatistics.m_ulBytesOut += ulWritten;
-        }
-        if (eResult == VEK_FLUSH_BROKEN)
-        {
-            breakPipe(oSession, errno);
-        }
-        else if (eResult == VEK_FLUSH_BLOCKED)
-        {
-            oSession.m_ulStuckSinceMs =
-                oSession.m_ulStuckSinceMs == 0 ? m_oAgenda.m_ulNowMs : oSession.m_ulStuckSinceMs;
-            oSession.m_bBlocked = true;
-        }
-        else if (eResult == VEK_FLUSH_DONE)
-        {
-            oSession.m_ulStuckSinceMs = 0;
-        }
-    }
-    if (oSession.m_bBroken)
-    {
-        dropQueued(oSession);
-    }
-    oSession.m_oOutbox.settle();
-    countSent(oSession);
-    m_oRouter.wakeWaiters(oSession);
-}
-
-void CZolVekGateway::countSent(CZolVekSession &oSession)
-{
-    const std::uint64_t ulSent = oSession.m_oOutbox.sent();
-    if (oSession.m_eState == VEK_UP && ulSent > 0)
-    {
-        m_oStatistics.m_ulFramesOut += ulSent - 1 - oSession.m_ulFramesOut; // the first one answered its registration
-        oSession.m_ulFramesOut = ulSent - 1;
-    }
-}
-
-void CZolVekGateway::flushDirty()
-{
-    for (CZolVekSession *poSession : m_oAgenda.m_oDirty)
-    {
-        poSession->m_bDirty = false;
-        if (poSession->m_eState != VEK_CLOSED)
-        {
-            flush(*poSession);
-        }
-    }
-    m_oAgenda.m_oDirty.clear();
-}
-
-// ---- A pipe that breaks -------------------------------------------------------------------------------------------
-//
-// The peer has reset it, or the kernel has given it up. What it had sent is still in the socket and is routed before
-// its key is free; that its end is reached closes it. Nobody can be made to send less by not reading it, so it neither
-// keeps to a rate nor stops at the bound of a queue, but at twice that. What has no room within ProbeSeconds is
-// dropped.
-
-void CZolVekGateway::breakPipe(CZolVekSession &oSession, int iError)
-{
-    if (oSession.m_bBroken)
-    {
-        return;
-    }
-    oSession.m_bBroken = true;
-    oSession.m_iError = iError;
-    oSession.m_ulBrokenMs = m_oAgenda.m_ulNowMs;
-    oSession.m_bReadable = true;
-    oSession.m_bEnded = true;
-    m_oAgenda.ready(oSession);
-}
-
-void CZolVekGateway::dropQueued(CZolVekSession &oSession)
-{
-    const std::uint64_t ulFrames = oSession.m_eState == VEK_UP ? oSession.m_oOutbox.frames() : 0;
-    oSession.m_ulUnsent += ulFrames;
-    m_oStatistics.m_ulDropQueued += ulFrames;
-    oSession.m_oOutbox.clear();
-    countSent(oSession);
-    oSession.m_bBlocked = false;
-    oSession.m_ulStuckSinceMs = 0;
-}
-
-void CZolVekGateway::letGo(CZolVekSession &oSession)
-{
-    m_oRouter.release(oSession);
-    if (oSession.m_bThrottled)
-    {
-        oSession.m_bThrottled = false;
-        m_oThrottled.erase(std::remove(m_oThrottled.begin(), m_oThrottled.end(), &oSession), m_oThrottled.end());
-    }
-}
-
 // ---- Closing ------------------------------------------------------------------------------------------------------
 
 void CZolVekGateway::closePending()
@@ -512,7 +336,7 @@ void CZolVekGateway::closePending()
             close(*poSession);
         }
         m_oRouter.beginTurn();
-        flushDirty(); // of what others got because these have gone; that may close further ones
+        m_oFlusher.flushDirty(); // of what others got because these have gone; that may close further ones
         m_oRouter.endTurn();
     }
 }
@@ -523,7 +347,7 @@ void CZolVekGateway::close(CZolVekSession &oSession)
     std::uint64_t ulHeldBack = 0;
     if (bUp)
     {
-        dropQueued(oSession);
+        m_oFlusher.dropQueued(oSession);
         CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::close",
                          "%s is down: %s; messages in %" PRIu64 " out %" PRIu64 " of which waiting %" PRIu64,
                          oSession.name().c_str(), oSession.m_strCloseReason.c_str(),
@@ -544,12 +368,8 @@ void CZolVekGateway::close(CZolVekSession &oSession)
     ::close(oSession.m_iSocket);
     m_oRouter.gone(oSession);
     m_oLargeFrames.gone(oSession);
-    m_oThrottled.erase(std::remove(m_oThrottled.begin(), m_oThrottled.end(), &oSession), m_oThrottled.end());
-    const auto oCount = m_oByAddress.find(oSession.m_uiAddress);
-    if (--oCount->second == 0)
-    {
-        m_oByAddress.erase(oCount);
-    }
+    m_oThrottle.letGo(oSession);
+    m_oNewcomers.gone(oSession);
     m_oRegistrar.gone(oSession);
     const auto oFound = m_oSessions.find(&oSession);
     m_oClosed.push_back(std::move(oFound->second));
@@ -576,197 +396,42 @@ void CZolVekGateway::tick()
     m_ulLastTickMs = m_oAgenda.m_ulNowMs;
     m_oRouter.beginTurn();
     m_oRegistrar.tick();
-    wakeThrottled();
-    sweepNewcomers();
+    m_oThrottle.wake();
+    m_oNewcomers.sweep(unregistered(), m_oDrain.isOn(),
+                       [this](CZolVekSession *poSession) { return m_oSessions.count(poSession) != 0; });
     if (m_oAgenda.m_ulNowMs >= m_ulNextSweepMs)
     {
         m_ulNextSweepMs = m_oAgenda.m_ulNowMs + TICK_MS;
         m_oRouter.tick();
         m_oRoutes.tick(m_oAgenda.m_ulNowMs);
         m_oReporter.tick(m_oAgenda.m_ulNowMs);
-        sweep();
+        m_oSweeper.sweep(m_oDrain.isOn());
     }
-    flushDirty();
+    m_oFlusher.flushDirty();
     m_oRouter.endTurn();
-    if (m_bDraining)
+    if (m_oDrain.isOn())
     {
-        checkDrained();
-    }
-}
-
-void CZolVekGateway::sweepNewcomers()
-{
-    const std::uint64_t ulNow = m_oAgenda.m_ulNowMs;
-    while (!m_oNewcomers.empty())
-    {
-        CZolVekSession *const poSession = m_oNewcomers.front().m_poSession;
-        const auto oFound = m_oSessions.find(poSession);
-        const bool bWaits = oFound != m_oSessions.end() && poSession->m_ulSerial == m_oNewcomers.front().m_ulSerial &&
-                            poSession->m_eState != VEK_UP && poSession->m_strCloseReason.empty();
-        if (bWaits && poSession->m_eState == VEK_PROBING)
-        {
-            break; // decided within ProbeSeconds
-        }
-        if (bWaits)
-        {
-            const std::uint64_t ulWaitedMs = ulNow - poSession->m_ulSinceMs;
-            const bool bCrowded = !m_bListening && !m_bDraining && ulWaitedMs >= CROWDED_MS &&
-                                  unregistered() - m_oAgenda.m_oToClose.size() >= m_oSettings.m_uiMaxUnregistered;
-            if (!bCrowded && ulWaitedMs < std::uint64_t{1000} * m_oSettings.m_uiRegisterSeconds)
-            {
-                break;
-            }
-            m_oAgenda.closeLater(*poSession, poSession->m_eState == VEK_REFUSED ? "it was refused"
-                                             : bCrowded                         ? "it did not register, and others wait"
-                                                                                : "it did not register in time");
-        }
-        m_oNewcomers.pop_front();
-    }
-    if (!m_bListening && m_oListener.handle() >= 0 && unregistered() < m_oSettings.m_uiMaxUnregistered)
-    {
-        epoll_event oEvent{};
-        oEvent.events = EPOLLIN;
-        oEvent.data.u64 = LISTENER_EVENT;
-        m_bListening = epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, m_oListener.handle(), &oEvent) == 0;
-    }
-}
-
-void CZolVekGateway::sweep()
-{
-    const std::uint64_t ulNow = m_oAgenda.m_ulNowMs;
-    m_oRoutes.forEach(
-        [&](CZolVekSession *poSession)
-        {
-            if (poSession->m_bFinished)
-            {
-                return; // checkDrained() waits for it
-            }
-            if (poSession->m_bBroken)
-            {
-                if (ulNow - poSession->m_ulBrokenMs >= std::uint64_t{1000} * m_oSettings.m_uiProbeSeconds)
-                {
-                    m_oAgenda.giveUp(*poSession);
-                }
-                return;
-            }
-            if (poSession->m_oOutbox.isEmpty())
-            {
-                poSession->m_oOutbox.shrink();
-                if (ulNow - poSession->m_ulSentMs >= std::uint64_t{1000} * m_oSettings.m_uiHelloSeconds ||
-                    m_oReporter.wantsAnswer(*poSession, ulNow))
-                {
-                    poSession->m_ulAskedMs = poSession->m_ulAskedMs == 0 ? ulNow : poSession->m_ulAskedMs;
-                    char acHello[zolwire::HEADER_BYTES];
-                    poSession->fillHello(acHello);
-                    poSession->m_oOutbox.addHello(acHello);
-                    m_oAgenda.dirty(*poSession);
-                }
-            }
-            else if (poSession->m_ulStuckSinceMs != 0 &&
-                     ulNow - poSession->m_ulStuckSinceMs >= std::uint64_t{1000} * m_oSettings.m_uiStuckSeconds)
-            {
-                m_oAgenda.closeLater(*poSession,
-                                     "it took no byte for " + std::to_string(m_oSettings.m_uiStuckSeconds) + " s");
-            }
-            sweepLargeFrame(*poSession);
-        });
-}
-
-void CZolVekGateway::sweepLargeFrame(CZolVekSession &oSession)
-{
-    const std::uint64_t ulNow = m_oAgenda.m_ulNowMs;
-    if (!oSession.m_bLargeUnderWay || oSession.m_bReady || !oSession.m_strCloseReason.empty())
-    {
-        return;
-    }
-    if (m_bDraining || oSession.m_bReadable || oSession.m_bThrottled || oSession.m_poWaitsFor != nullptr)
-    {
-        oSession.m_ulLargeMs = ulNow; // it is up to us
-    }
-    else if (ulNow - std::max(oSession.m_ulReceivedMs, oSession.m_ulLargeMs) >= LARGE_FRAME_MS)
-    {
-        m_oAgenda.closeLater(oSession, "a frame of more than 64 KiB did not go on for 5 s");
+        m_oDrain.tick(!m_oThrottle.isEmpty(), [this](CZolVekSession &oSession) { dropUnplaced(oSession); });
     }
 }
 
 // ---- The end ------------------------------------------------------------------------------------------------------
-//
-// Nothing more is read, what has been read is routed, and outboxes leave. Then each pipe is closed in the direction to
-// the process, and only when its kernel has acknowledged all, the end included, is it left: a socket that is closed
-// while something in it is unread resets the connection, and the kernel throws away what it still had to send. So what
-// comes after the half-close is read, dropped and counted.
 
 void CZolVekGateway::drain()
 {
-    m_bDraining = true;
+    m_oDrain.begin();
     m_oRegistrar.drain();
-    m_ulDrainUntilMs = m_oAgenda.m_ulNowMs + std::uint64_t{1000} * m_oSettings.m_uiDrainSeconds;
-    CZolVekLog::line(CZolRunLog::LEVEL_INFO, "CZolVekGateway::drain", "draining, %zu pipes are up", m_oRoutes.size());
     m_oRouter.beginTurn();
     m_oRouter.endGrace();
-    flushDirty();
+    m_oFlusher.flushDirty();
     m_oRouter.endTurn();
 }
 
-bool CZolVekGateway::isSettled() const
+void CZolVekGateway::dropUnplaced(CZolVekSession &oSession)
 {
-    bool bWaiting = !m_oAgenda.m_oReady.empty() || !m_oThrottled.empty();
-    m_oRoutes.forEach([&](const CZolVekSession *poSession)
-                      { bWaiting = bWaiting || poSession->m_poWaitsFor != nullptr; });
-    return !bWaiting;
-}
-
-bool CZolVekGateway::finishAll()
-{
-    bool bAll = true;
-    m_oRoutes.forEach(
-        [&](CZolVekSession *poSession)
-        {
-            if (!poSession->m_bFinished && poSession->m_oOutbox.isEmpty())
-            {
-                shutdown(poSession->m_iSocket, SHUT_WR);
-                poSession->m_bFinished = true;
-                poSession->m_bReadable = true;
-                m_oAgenda.giveUp(*poSession);
-            }
-            bAll = bAll && poSession->m_bFinished && (poSession->m_bBroken || poSession->unacknowledged() == 0);
-        });
-    return bAll;
-}
-
-void CZolVekGateway::dropRest()
-{
-    std::uint64_t ulLeft = 0;
-    std::size_t ulWaiting = 0;
-    m_oRoutes.forEach(
-        [&](CZolVekSession *poSession)
-        {
-            ulLeft += poSession->m_oOutbox.bytes() + poSession->unacknowledged();
-            ulWaiting += poSession->m_poWaitsFor != nullptr ? 1 : 0;
-            m_oStatistics.m_ulDropDraining += poSession->m_oOutbox.frames();
-            poSession->m_bFinished = true;
-            poSession->m_bDiscard = true;
-            poSession->m_oReader.begin(m_oBuffer);
-            takeFrames(*poSession); // those that had to wait
-            poSession->m_oReader.end();
-        });
-    CZolVekLog::line(CZolRunLog::LEVEL_WARNING, "CZolVekGateway::dropRest",
-                     "the time to drain is over, %" PRIu64 " bytes are lost, %zu sources had to wait", ulLeft,
-                     ulWaiting);
-}
-
-void CZolVekGateway::checkDrained()
-{
-    m_bFinishing = m_bFinishing || isSettled();
-    if (m_bFinishing && finishAll())
-    {
-        m_bDone = true;
-    }
-    else if (!m_bDone && m_oAgenda.m_ulNowMs >= m_ulDrainUntilMs)
-    {
-        dropRest();
-        m_bDone = true;
-    }
+    oSession.m_oReader.begin(m_oBuffer);
+    takeFrames(oSession);
+    oSession.m_oReader.end();
 }
 
 void CZolVekGateway::reload(const SZolVekSettings &oSettings)

@@ -2,9 +2,13 @@
 #define ZOL_VEK_GATEWAY_H
 
 #include "gateway/config/ZolVekSettings.h"
+#include "gateway/loop/ZolVekDrain.h"
+#include "gateway/loop/ZolVekFlusher.h"
 #include "gateway/loop/ZolVekLargeFrames.h"
-#include "gateway/loop/ZolVekListener.h"
+#include "gateway/loop/ZolVekNewcomers.h"
 #include "gateway/loop/ZolVekRegistrar.h"
+#include "gateway/loop/ZolVekSweeper.h"
+#include "gateway/loop/ZolVekThrottle.h"
 #include "gateway/pipe/ZolVekSession.h"
 #include "gateway/route/ZolVekAgenda.h"
 #include "gateway/route/ZolVekRouter.h"
@@ -13,7 +17,6 @@
 #include "gateway/watch/ZolVekStatistics.h"
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -43,7 +46,7 @@ public:
     /// Listens. False with a line in strError.
     bool open(std::string &strError);
 
-    std::uint16_t port() const { return m_oListener.port(); }
+    std::uint16_t port() const { return m_oNewcomers.port(); }
 
     /// Takes over a connection that did not come through the listener. The socket must be non-blocking.
     void adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t usPort);
@@ -61,7 +64,7 @@ public:
     void drain();
 
     /// Draining has come to its end: everything has left, or the time for it is over.
-    bool isDone() const { return m_bDone; }
+    bool isDone() const { return m_oDrain.isOver(); }
 
     /// Takes the new values that a reload may change.
     void reload(const SZolVekSettings &oSettings);
@@ -79,41 +82,19 @@ private:
     static constexpr std::uint64_t TICK_MS = 1000;
     static constexpr std::uint64_t SHORT_TICK_MS = 20; // while somebody waits for a decision of the clock
 
-    struct SNewcomer
-    {
-        CZolVekSession *m_poSession;
-        std::uint64_t m_ulSerial;
-    };
-
     int waitMs(int iMaxWaitMs) const;
     bool isHurried() const;
     std::uint64_t nextTickMs() const;
     void acceptAll();
-    void stopListening();
-    bool isCrowded(std::uint32_t uiAddress);
     void onEvent(CZolVekSession &oSession, std::uint32_t uiEvents);
     void turn(CZolVekSession &oSession);
     bool mayRead(const CZolVekSession &oSession) const;
     bool takeFrames(CZolVekSession &oSession);
-    void flush(CZolVekSession &oSession);
-    void countSent(CZolVekSession &oSession);
-    void flushDirty();
     void closePending();
     void close(CZolVekSession &oSession);
     void deleteClosed();
     void tick();
-    void sweep();
-    void sweepLargeFrame(CZolVekSession &oSession);
-    void sweepNewcomers();
-    void breakPipe(CZolVekSession &oSession, int iError);
-    void dropQueued(CZolVekSession &oSession);
-    void letGo(CZolVekSession &oSession);
-    bool isThrottled(CZolVekSession &oSession);
-    void wakeThrottled();
-    void checkDrained();
-    bool isSettled() const;
-    bool finishAll();
-    void dropRest();
+    void dropUnplaced(CZolVekSession &oSession);
     unsigned int unregistered() const { return static_cast<unsigned int>(m_oSessions.size() - m_oRoutes.size()); }
 
     SZolVekSettings m_oSettings;
@@ -126,7 +107,11 @@ private:
     CZolVekRouter m_oRouter;
     CZolVekRegistrar m_oRegistrar;
     CZolVekReporter m_oReporter;
-    CZolVekListener m_oListener;
+    CZolVekThrottle m_oThrottle;
+    CZolVekFlusher m_oFlusher;
+    CZolVekNewcomers m_oNewcomers;
+    CZolVekSweeper m_oSweeper;
+    CZolVekDrain m_oDrain;
     CZolVekReadBuffer m_oBuffer;
     CZolVekLargeFrames m_oLargeFrames;
     std::vector<CZolVekSession *> m_oTurns; // of this round; empty between rounds
@@ -134,23 +119,13 @@ private:
 
     int m_iEpoll = -1;
     std::vector<std::function<void()>> m_oWatched; // epoll names them by index, the listener by LISTENER_EVENT
-    bool m_bListening = false;                     // the listener is in the epoll set
 
     std::unordered_map<CZolVekSession *, std::unique_ptr<CZolVekSession>> m_oSessions; // all that are open
     std::vector<std::unique_ptr<CZolVekSession>> m_oClosed;                            // closed in this turn
-    std::deque<SNewcomer>
-        m_oNewcomers; // in the order of accepting; a serial that does not agree has registered or gone
     std::uint64_t m_ulLastSerial = 0;
-    std::unordered_map<std::uint32_t, unsigned int> m_oByAddress; // connections of each address, by host order
-    std::vector<CZolVekSession *> m_oThrottled;                   // have exceeded their rate
-    CZolVekRateLimit m_oCrowdLines;
 
     std::uint64_t m_ulLastTickMs = 0;
     std::uint64_t m_ulNextSweepMs = 0;
-    bool m_bDraining = false;
-    bool m_bFinishing = false; // draining, and nothing is left to be routed
-    bool m_bDone = false;
-    std::uint64_t m_ulDrainUntilMs = 0;
 };
 
 #endif
