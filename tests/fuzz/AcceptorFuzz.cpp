@@ -24,8 +24,8 @@ public:
     int sendLocal(CZolMsgPdu *&poPdu, unsigned char ucTaskMgrID) override
     {
         const SZolP2PRequest *poRequest = nullptr;
-        require(ucTaskMgrID == zolpipe::BUILT_IN_MODULE && poPdu->m_ulDataLength == sizeof poRequest);
-        std::memcpy(&poRequest, reinterpret_cast<const char *>(poPdu) + zolpipe::HEADER_LENGTH, sizeof poRequest);
+        require(ucTaskMgrID == zolpipe::BUILT_IN_MODULE && poPdu->m_ulDataLength == sizeof(void *));
+        std::memcpy(&poRequest, reinterpret_cast<const char *>(poPdu) + zolpipe::HEADER_LENGTH, sizeof(void *));
         require(CZolP2PDesk::instance().take(poRequest));
         m_strRequest.assign(reinterpret_cast<const char *>(poRequest->m_poPdu) + zolpipe::HEADER_LENGTH,
                             poRequest->m_ulData);
