@@ -86,10 +86,7 @@ public:
     ACE_UINT32 m_ulDataLength;      ///< bytes of payload
 
 private:
-    // the receiving classes write each message that they take in to the log
-    friend class CZolConnection;
-    friend class CZolAcceptorHandler;
-    friend class CZolConnMgr;
+    friend void zolLogHeader(const CZolMsgPdu &oPdu); // for whoever takes messages in
 
     /// One line about the message to the run log, at the level of info.
     void printf() const;

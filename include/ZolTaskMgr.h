@@ -10,13 +10,13 @@
 #include <ace/Thread_Mutex.h>
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <unordered_map>
 
 class CZolMemBlock;
 class CZolMemList;
 class CZolMsgPdu;
+class CZolTaskIndex;
 
 /// The tasks of one manager by id: 64 chains in the order of the dump, an index for the look-up, and the set of ids in
 /// use, from which the next free one is found without walking the tasks.
@@ -51,17 +51,12 @@ public:
     const SZolTaskNode *bucket(unsigned short usIndex) const { return m_ppBuckets[usIndex]; }
 
 private:
-    static constexpr unsigned int PAGE_IDS = 256; // ids of one page of the index
-    static constexpr unsigned int ALL_IDS = 65536;
-
     unsigned short bucketOf(unsigned short usTaskID) const;
-    unsigned int findFreeFrom(unsigned int uiFrom, unsigned int uiTo) const;
 
     SZolTaskNode **m_ppBuckets = nullptr; // owned; heads of the chains, a new node goes to the front
     unsigned short m_usBucketCount = 64;
-    unsigned short m_usHashShift = 6;                                 // 2 to this power is the number of chains
-    std::unique_ptr<SZolTaskNode *[]> m_arrPages[ALL_IDS / PAGE_IDS]; // index: id -> node, made a page at a time
-    std::uint64_t m_arrTaken[ALL_IDS / 64] = {};                      // one bit for each id in use
+    unsigned short m_usHashShift = 6; // 2 to this power is the number of chains
+    CZolTaskIndex *const m_poIndex;   // owned; finds ids without a walk
 };
 
 /// A thread of a manager, and the task that it runs.

@@ -2,6 +2,7 @@
 
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
+#include "message/ZolPduLog.h"
 
 #include <arpa/inet.h>
 #include <cstdint>
@@ -146,4 +147,9 @@ void CZolMsgPdu::printf(std::string &strOut) const
          << "destSubModuleId: " << m_usDestSubModuleId << '\n'
          << "      segmentNo: " << m_usSegmentNo << '\n';
     strOut = oOut.str();
+}
+
+void zolLogHeader(const CZolMsgPdu &oPdu)
+{
+    oPdu.printf();
 }

@@ -1,8 +1,7 @@
 #include "ZolTaskMgr.h"
+#include "task/ZolTaskIndex.h"
 
-#include <new>
-
-CZolTaskTable::CZolTaskTable()
+CZolTaskTable::CZolTaskTable() : m_poIndex(new CZolTaskIndex)
 {
     m_ppBuckets = new SZolTaskNode *[m_usBucketCount]();
 }
@@ -18,6 +17,7 @@ CZolTaskTable::~CZolTaskTable()
         }
     }
     delete[] m_ppBuckets;
+    delete m_poIndex;
 }
 
 unsigned short CZolTaskTable::bucketOf(unsigned short usTaskID) const
@@ -28,39 +28,31 @@ unsigned short CZolTaskTable::bucketOf(unsigned short usTaskID) const
 
 CZolTask *CZolTaskTable::find(unsigned short usTaskID) const
 {
-    const auto &poPage = m_arrPages[usTaskID / PAGE_IDS];
-    const SZolTaskNode *poNode = poPage ? poPage[usTaskID % PAGE_IDS] : nullptr;
+    const SZolTaskNode *poNode = m_poIndex->find(usTaskID);
     return poNode != nullptr ? poNode->m_poTask : nullptr;
 }
 
 bool CZolTaskTable::insert(CZolTask *poTask, unsigned short usTaskID)
 {
-    auto &poPage = m_arrPages[usTaskID / PAGE_IDS];
-    if (!poPage)
-    {
-        poPage.reset(new (std::nothrow) SZolTaskNode *[PAGE_IDS]());
-    }
-    if (!poPage)
+    SZolTaskNode *poNode = &poTask->m_oNode;
+    if (!m_poIndex->set(usTaskID, poNode))
     {
         return false;
     }
     SZolTaskNode **ppHead = &m_ppBuckets[bucketOf(usTaskID)];
-    SZolTaskNode *poNode = &poTask->m_oNode;
     *poNode = {poTask, usTaskID, *ppHead, nullptr};
     if (*ppHead != nullptr)
     {
         (*ppHead)->m_poPrevNode = poNode;
     }
     *ppHead = poNode;
-    poPage[usTaskID % PAGE_IDS] = poNode;
-    m_arrTaken[usTaskID / 64] |= std::uint64_t{1} << (usTaskID % 64);
+    m_poIndex->take(usTaskID);
     return true;
 }
 
 CZolTask *CZolTaskTable::unlink(unsigned short usTaskID)
 {
-    const auto &poPage = m_arrPages[usTaskID / PAGE_IDS];
-    SZolTaskNode *poNode = poPage ? poPage[usTaskID % PAGE_IDS] : nullptr;
+    SZolTaskNode *poNode = m_poIndex->find(usTaskID);
     if (poNode == nullptr)
     {
         return nullptr;
@@ -72,41 +64,26 @@ CZolTask *CZolTaskTable::unlink(unsigned short usTaskID)
     {
         poNode->m_poNextNode->m_poPrevNode = poNode->m_poPrevNode;
     }
-    poPage[usTaskID % PAGE_IDS] = nullptr;
+    m_poIndex->set(usTaskID, nullptr);
     return poNode->m_poTask;
 }
 
 void CZolTaskTable::release(unsigned short usTaskID)
 {
-    m_arrTaken[usTaskID / 64] &= ~(std::uint64_t{1} << (usTaskID % 64));
+    m_poIndex->release(usTaskID);
 }
 
 bool CZolTaskTable::isTaken(unsigned short usTaskID) const
 {
-    return (m_arrTaken[usTaskID / 64] >> (usTaskID % 64) & 1U) != 0;
+    return m_poIndex->isTaken(usTaskID);
 }
 
 unsigned short CZolTaskTable::findFree(unsigned short usFrom, unsigned short usFirst, unsigned short usLast) const
 {
-    unsigned int uiFound = findFreeFrom(usFrom, usLast);
+    unsigned int uiFound = m_poIndex->findFree(usFrom, usLast);
     if (uiFound == 0 && usFrom > usFirst)
     {
-        uiFound = findFreeFrom(usFirst, usFrom - 1U);
+        uiFound = m_poIndex->findFree(usFirst, usFrom - 1U);
     }
     return static_cast<unsigned short>(uiFound);
-}
-
-/// A word of 64 ids at a time: with every id in use that is under a thousand steps.
-unsigned int CZolTaskTable::findFreeFrom(unsigned int uiFrom, unsigned int uiTo) const
-{
-    for (unsigned int uiID = uiFrom; uiID <= uiTo; uiID = (uiID / 64 + 1) * 64)
-    {
-        const std::uint64_t ulFree = ~m_arrTaken[uiID / 64] >> (uiID % 64);
-        if (ulFree != 0)
-        {
-            const unsigned int uiFound = uiID + static_cast<unsigned int>(__builtin_ctzll(ulFree));
-            return uiFound <= uiTo ? uiFound : 0;
-        }
-    }
-    return 0;
 }

@@ -3,6 +3,7 @@
 #include "ZolMemMan.h"
 #include "ZolRunLog.h"
 #include "message/ZolIdentity.h"
+#include "message/ZolPduLog.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolConnection.h"
 #include "transport/ZolHost.h"
@@ -214,7 +215,7 @@ bool CZolAcceptorHandler::readBody(CZolConnection *poConn, CZolMsgPdu *poPdu)
     if (CZolRunLog::isReady())
     {
         oDebug.info("receive a pipe message successfully.");
-        poPdu->printf();
+        zolLogHeader(*poPdu);
     }
     return true;
 }

@@ -4,6 +4,7 @@
 #include "ZolListener.h"
 #include "ZolResMgr.h"
 #include "ZolRunLog.h"
+#include "message/ZolPduLog.h"
 #include "transport/ZolAssert.h"
 #include "transport/ZolDirectClient.h"
 #include "transport/ZolHost.h"
@@ -313,7 +314,7 @@ int CZolConnMgr::sendP2PMsg(unsigned int uiAddr, unsigned short usPort, CZolMsgP
     const int iResult = CZolDirectClient(uiAddr, usPort).exchange(poRequest, ppoResponse, iConnTimeout, iRecvTimeout);
     if (iResult == ZOL_OK && ppoResponse != nullptr)
     {
-        (*ppoResponse)->printf();
+        zolLogHeader(**ppoResponse);
     }
     return iResult;
 }

@@ -1,6 +1,7 @@
 // The way in, as far as it needs the socket: reading, and whose the receive state is.
 
 #include "ZolRunLog.h"
+#include "message/ZolPduLog.h"
 #include "transport/ZolConnMgr.h"
 #include "transport/ZolConnection.h"
 #include "transport/ZolSocket.h"
@@ -125,7 +126,7 @@ void CZolConnection::CEnd::noteMessage(const CZolMsgPdu &oPdu)
 {
     if (m_oConn.m_ePipeType != CONN_VEK)
     {
-        oPdu.printf();
+        zolLogHeader(oPdu);
     }
 }
 

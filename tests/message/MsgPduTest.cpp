@@ -1,6 +1,7 @@
 #include "ZolMemMan.h"
 #include "ZolMsgPdu.h"
 #include "ZolRunLog.h"
+#include "message/ZolPduLog.h"
 #include "support/Installation.h"
 
 #include <cstring>
@@ -9,15 +10,6 @@
 
 namespace
 {
-
-// The one-line dump is private, for the classes that receive. An explicit instantiation may name a private member.
-void dump(const CZolMsgPdu &oPdu);
-template <void (CZolMsgPdu::*pfnDump)() const>
-struct SDump
-{
-    friend void dump(const CZolMsgPdu &oPdu) { (oPdu.*pfnDump)(); }
-};
-template struct SDump<&CZolMsgPdu::printf>;
 
 // A header with another value in every byte.
 CZolMsgPdu countingHeader()
@@ -124,13 +116,13 @@ TEST(MsgPduTest, OneLineDumpOfEveryType)
     for (unsigned char ucType = 0; ucType < sizeof aLabels / sizeof aLabels[0]; ++ucType)
     {
         oPdu.m_ucMsgType = ucType;
-        dump(oPdu);
+        zolLogHeader(oPdu);
         strExpected += std::string("MSGTYPE: ") + aLabels[ucType] +
                        ", SPID = 2314 SPHdl = 3342 SMdlID = 17 SSMdlID = 4884 RPID = 2828 RPHdl = 3856 RMdlID = 18 "
                        "RSMdlID = 5398 CmdID = -2, Len = 7\n";
     }
     CZolRunLog::logLevel(CZolRunLog::LEVEL_OFF);
-    dump(oPdu); // nothing at this level
+    zolLogHeader(oPdu); // nothing at this level
     CZolLogTask::instance()->writeLog();
 
     std::string strFound;
