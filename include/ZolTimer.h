@@ -10,10 +10,9 @@
 
 #include <ctime>
 #include <map>
-#include <memory>
 #include <string>
 
-class CZolTimerIndex;
+class CZolTimerInside;
 struct SZolTimerNode;
 
 /// The kinds of timers, as the dump shows them.
@@ -147,7 +146,7 @@ public:
     int handle_timeout(const ACE_Time_Value &oNow, const void *pvArg) override;
 
 private:
-    friend class CZolTimerProbe; // tests ask for calendar instants, and wind the counter of the ids forward
+    friend class CZolTimerInside;
 
     CZolTimer();
     ~CZolTimer() override;
@@ -157,17 +156,6 @@ private:
     long getScheduledTime(const struct tm &oReference, const SZolTimerItem &oItem);
     int preciseClockCB(unsigned long ulId);
 
-    unsigned long set(SZolTimerItem &oItem, unsigned char ucTaskMgrID, unsigned int uiCmdCode, unsigned short usTaskID);
-    unsigned int nextId();
-    bool isInUse(unsigned int uiId);
-    long nextFiring(long lNotBefore, long &lDelay, const SZolTimerItem &oItem);
-    long getMonthInterval(long lFiring, const SZolTimerItem &oItem);
-    bool addRecord(const SZolTimerItem &oItem, long lDueTime);
-    bool setReactorId(unsigned int uiTimerId, long lReactorId);
-    void fireMonth(const SZolTimerItem &oItem, long lDueTime);
-    bool addClock(std::unique_ptr<CZolPreciseClock> poClock);
-    bool setClockReactorId(unsigned long ulClockId, long lReactorId);
-
     SZolTimerList m_oTimerList; // guarded by m_oTimerLock; owns the records
     ACE_Mutex m_oTimerLock;     // leaf: nothing is taken under it, and no reactor call is made
     ACE_Mutex m_oClockLock;     // leaf, as m_oTimerLock; the two are never held together
@@ -175,7 +163,7 @@ private:
     static CZolTimer *sm_poInstance;
     static ACE_Atomic_Op<ACE_Thread_Mutex, unsigned long> sm_oSequenceId; // its low 32 bits are the next id
 
-    CZolTimerIndex *const m_poIndex; // finds the records of the list by id and by task; guarded by m_oTimerLock
+    CZolTimerInside *const m_poInside; // owned
 };
 
 #endif

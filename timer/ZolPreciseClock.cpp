@@ -2,6 +2,7 @@
 
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
+#include "timer/ZolTimerInside.h"
 #include "timer/ZolTimerTask.h"
 
 #include <ace/Guard_T.h>
@@ -57,12 +58,12 @@ unsigned long CZolTimer::registerPreciseClock(unsigned int uiMilliseconds, void 
     {
         return 0;
     }
-    const unsigned long ulClockId = nextId();
+    const unsigned long ulClockId = m_poInside->nextId();
     poClock->m_lReactorId = -1;
     poClock->m_ulClockId = ulClockId;
     poClock->m_pfnCallback = pfnCallback;
     // into the map before the reactor has it, so that no expiry comes too early to be found
-    if (!addClock(std::move(poClock)))
+    if (!m_poInside->addClock(std::move(poClock)))
     {
         return 0;
     }
@@ -75,39 +76,11 @@ unsigned long CZolTimer::registerPreciseClock(unsigned int uiMilliseconds, void 
         cancelPreciseClock(ulClockId);
         return 0;
     }
-    if (!setClockReactorId(ulClockId, lReactorId))
+    if (!m_poInside->setClockReactorId(ulClockId, lReactorId))
     {
         CZolTimerTask::instance()->cancelTimer(lReactorId); // its first call has come, and cancelled it
     }
     return ulClockId;
-}
-
-bool CZolTimer::addClock(std::unique_ptr<CZolPreciseClock> poClock)
-{
-    const unsigned long ulClockId = poClock->m_ulClockId;
-    const ACE_Guard<ACE_Mutex> oGuard(m_oClockLock);
-    try
-    {
-        m_oClockMap.emplace(ulClockId, poClock.get());
-    }
-    catch (const std::bad_alloc &)
-    {
-        return false;
-    }
-    poClock.release(); // NOLINT(bugprone-unused-return-value): the map owns it now
-    return true;
-}
-
-bool CZolTimer::setClockReactorId(unsigned long ulClockId, long lReactorId)
-{
-    const ACE_Guard<ACE_Mutex> oGuard(m_oClockLock);
-    const auto it = m_oClockMap.find(ulClockId);
-    if (it == m_oClockMap.end())
-    {
-        return false;
-    }
-    it->second->m_lReactorId = lReactorId;
-    return true;
 }
 
 void CZolTimer::cancelPreciseClock(unsigned long ulClockId)

@@ -3,7 +3,7 @@
 #include "ZolDateUtil.h"
 #include "ZolErrors.h"
 #include "ZolRunLog.h"
-#include "timer/ZolTimerIndex.h"
+#include "timer/ZolTimerInside.h"
 #include "timer/ZolTimerTask.h"
 
 #include <ace/Guard_T.h>
@@ -48,19 +48,19 @@ SZolTimerItem periodItem(EnumTimerType eType, long lStart, long lEnd, unsigned c
 CZolTimer *CZolTimer::sm_poInstance = nullptr;
 ACE_Atomic_Op<ACE_Thread_Mutex, unsigned long> CZolTimer::sm_oSequenceId(1);
 
-CZolTimer::CZolTimer() : m_poIndex(new CZolTimerIndex(m_oTimerList)) {}
+CZolTimer::CZolTimer() : m_poInside(new CZolTimerInside(*this)) {}
 
 CZolTimer::~CZolTimer()
 {
     while (m_oTimerList.m_poHead != nullptr)
     {
-        delete m_poIndex->remove(m_oTimerList.m_poHead->m_ulTimerId);
+        delete m_poInside->m_oIndex.remove(m_oTimerList.m_poHead->m_ulTimerId);
     }
     for (const auto &oClock : m_oClockMap)
     {
         delete oClock.second;
     }
-    delete m_poIndex;
+    delete m_poInside;
 }
 
 CZolTimer *CZolTimer::instance()
@@ -88,7 +88,7 @@ unsigned long CZolTimer::setCycleInterval(unsigned int uiInterval, unsigned char
     SZolTimerItem oItem;
     oItem.m_eType = TIMER_CYCLE;
     oItem.m_uiInterval = uiInterval;
-    return set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
+    return m_poInside->set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
 }
 
 unsigned long CZolTimer::setDatePeriod(long lTime, unsigned char ucTaskMgrID, unsigned int uiCmdCode,
@@ -97,7 +97,7 @@ unsigned long CZolTimer::setDatePeriod(long lTime, unsigned char ucTaskMgrID, un
     SZolTimerItem oItem;
     oItem.m_eType = TIMER_DATE;
     oItem.m_lStartTime = lTime;
-    return set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
+    return m_poInside->set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
 }
 
 unsigned long CZolTimer::setDatePeriod(const std::string &strTime, unsigned char ucTaskMgrID, unsigned int uiCmdCode,
@@ -112,7 +112,7 @@ unsigned long CZolTimer::setDayPeriod(long lStart, long lEnd, unsigned int uiTim
 {
     SZolTimerItem oItem = periodItem(TIMER_DAY, lStart, lEnd, 0, uiTimeSecs);
     oItem.m_uiInterval = CZolDateUtil::ONE_DAY;
-    return set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
+    return m_poInside->set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
 }
 
 unsigned long CZolTimer::setDayPeriod(const std::string &strStart, const std::string &strEnd,
@@ -134,7 +134,7 @@ unsigned long CZolTimer::setWeekPeriod(long lStart, long lEnd, unsigned char ucW
 {
     SZolTimerItem oItem = periodItem(TIMER_WEEK, lStart, lEnd, ucWeekDay, uiTimeSecs);
     oItem.m_uiInterval = CZolDateUtil::ONE_WEEK;
-    return set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
+    return m_poInside->set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
 }
 
 unsigned long CZolTimer::setWeekPeriod(const std::string &strStart, const std::string &strEnd, unsigned char ucWeekDay,
@@ -156,7 +156,7 @@ unsigned long CZolTimer::setMonthPeriod(long lStart, long lEnd, unsigned char uc
 {
     SZolTimerItem oItem = periodItem(TIMER_MONTH, lStart, lEnd, ucMonthDay, uiTimeSecs);
     oItem.m_uiInterval = 7 * CZolDateUtil::ONE_WEEK; // for the dump only: every firing works its own interval out
-    return set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
+    return m_poInside->set(oItem, ucTaskMgrID, uiCmdCode, usTaskID);
 }
 
 unsigned long CZolTimer::setMonthPeriod(const std::string &strStart, const std::string &strEnd,
@@ -173,43 +173,6 @@ unsigned long CZolTimer::setMonthPeriod(const std::string &strStart, const std::
     return setMonthPeriod(lStart, lEnd, ucMonthDay, uiTimeSecs, ucTaskMgrID, uiCmdCode, usTaskID);
 }
 
-unsigned long CZolTimer::set(SZolTimerItem &oItem, unsigned char ucTaskMgrID, unsigned int uiCmdCode,
-                             unsigned short usTaskID)
-{
-    oItem.m_ucTaskMgrID = ucTaskMgrID;
-    oItem.m_uiCmdCode = uiCmdCode;
-    oItem.m_usTaskID = usTaskID;
-    return schedule(&oItem) ? oItem.m_ulTimerId : 0;
-}
-
-/// A 32-bit number, so that it fits the message. Once the counter has been round, numbers that are still in use are
-/// passed over, and 0 always, since it means failure.
-unsigned int CZolTimer::nextId()
-{
-    for (;;)
-    {
-        const unsigned long ulSequence = sm_oSequenceId++;
-        const auto uiId = static_cast<unsigned int>(ulSequence);
-        if (ulSequence <= UINT32_MAX || (uiId != 0 && !isInUse(uiId)))
-        {
-            return uiId;
-        }
-    }
-}
-
-bool CZolTimer::isInUse(unsigned int uiId)
-{
-    {
-        const ACE_Guard<ACE_Mutex> oGuard(m_oTimerLock);
-        if (m_poIndex->find(uiId) != nullptr)
-        {
-            return true;
-        }
-    }
-    const ACE_Guard<ACE_Mutex> oGuard(m_oClockLock);
-    return m_oClockMap.count(uiId) != 0;
-}
-
 // ---- Cancelling
 
 int CZolTimer::cancelTimer(unsigned long ulTimerID)
@@ -218,7 +181,7 @@ int CZolTimer::cancelTimer(unsigned long ulTimerID)
     if (ulTimerID <= UINT32_MAX)
     {
         const ACE_Guard<ACE_Mutex> oGuard(m_oTimerLock);
-        poNode = m_poIndex->remove(static_cast<unsigned int>(ulTimerID));
+        poNode = m_poInside->m_oIndex.remove(static_cast<unsigned int>(ulTimerID));
     }
     if (poNode == nullptr)
     {
@@ -234,7 +197,7 @@ int CZolTimer::cancelTimer(unsigned char ucTaskMgrID, unsigned short usTaskID)
     SZolTimerNode *poNode = nullptr;
     {
         const ACE_Guard<ACE_Mutex> oGuard(m_oTimerLock);
-        poNode = m_poIndex->removeTask(ucTaskMgrID, usTaskID);
+        poNode = m_poInside->m_oIndex.removeTask(ucTaskMgrID, usTaskID);
     }
     while (poNode != nullptr)
     {

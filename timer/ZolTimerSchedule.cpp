@@ -3,8 +3,8 @@
 #include "ZolErrors.h"
 #include "ZolRunLog.h"
 #include "ZolTimer.h"
-#include "timer/ZolCalendar.h"
-#include "timer/ZolTimerIndex.h"
+#include "timer/ZolTimerInside.h"
+#include "timer/ZolTimerRule.h"
 #include "timer/ZolTimerTask.h"
 #include "timer/ZolWallClock.h"
 
@@ -21,46 +21,16 @@
 namespace
 {
 
-/// Keeps a month timer armed past its last firing, at which it is cancelled: how long does not matter.
-const long FILLER_INTERVAL = 31536000;
-
-/// Why there is no interval behind a firing of a month timer.
-enum EnumIntervalFault
-{
-    NO_LOCAL_TIME = -1,
-    NO_INSTANT = -2,
-    NOT_LATER = -3
-};
-
-bool toLocal(long lInstant, struct tm &oLocal)
-{
-    const time_t lTime = lInstant;
-    return ACE_OS::localtime_r(&lTime, &oLocal) != nullptr;
-}
-
 const char *scheduleFault(long lFault)
 {
     switch (lFault)
     {
-    case NO_LOCAL_TIME:
+    case CZolTimerRule::NO_LOCAL_TIME:
         return "fail to convert first callback time from time_t to tm.";
-    case NO_INSTANT:
+    case CZolTimerRule::NO_INSTANT:
         return "fail to get second callback time.";
     default:
         return "second callback time is smaller than the first time.";
-    }
-}
-
-const char *firingFault(long lFault)
-{
-    switch (lFault)
-    {
-    case NO_LOCAL_TIME:
-        return "fail to convert next callback time from time_t to tm, timerID: ";
-    case NO_INSTANT:
-        return "fail to get next-next callback time, timerID: ";
-    default:
-        return "next-next callback time is smaller than the next time, timerID: ";
     }
 }
 
@@ -76,83 +46,18 @@ long currentTime(long lDueTime)
     return lNow >= lDueTime + lLeast && lNow <= lDueTime + lMost ? lDueTime : lNow;
 }
 
-void reportFiring(const char *pcText, unsigned int uiTimerId)
-{
-    if (CZolRunLog::isReady())
-    {
-        char acText[128];
-        std::snprintf(acText, sizeof acText, "%s%u", pcText, uiTimerId);
-        CZolDebugInfo("CZolTimer::handle_timeout").error(acText);
-    }
-}
-
 } // namespace
 
 // ---- The calendar
 
 long CZolTimer::getScheduledTime(const struct tm &oReference, const SZolTimerItem &oItem)
 {
-    return oItem.isValid() ? CZolCalendar::nextInstant(oReference, oItem) : CZolCalendar::FAILED;
+    return CZolTimerRule::scheduledTime(oReference, oItem);
 }
 
 void CZolTimer::getDelay(long &lDelay, const SZolTimerItem &oItem)
 {
-    nextFiring(LONG_MIN, lDelay, oItem);
-}
-
-/// The instant of the next firing, and in lDelay the seconds until then; both negative if there is none. lNotBefore
-/// takes the clock's part while that shows less. A cycle has no instant, only the delay.
-long CZolTimer::nextFiring(long lNotBefore, long &lDelay, const SZolTimerItem &oItem)
-{
-    if (oItem.m_eType == TIMER_CYCLE)
-    {
-        lDelay = static_cast<int>(oItem.m_uiInterval); // from 2^31 on it is negative, and refused for that
-        return lDelay;
-    }
-    if (oItem.m_eType == TIMER_DATE)
-    {
-        const long lNow = CZolWallClock::now();
-        lDelay = oItem.m_lStartTime < lNow ? CZolCalendar::PAST_END : oItem.m_lStartTime - lNow;
-        return oItem.m_lStartTime;
-    }
-    for (;;)
-    {
-        struct tm oFrom = {};
-        if (!toLocal(std::max({CZolWallClock::now(), lNotBefore, oItem.m_lStartTime}), oFrom))
-        {
-            lDelay = CZolCalendar::FAILED;
-            return lDelay;
-        }
-        const long lInstant = getScheduledTime(oFrom, oItem);
-        lDelay = lInstant < 0 ? lInstant : lInstant - std::max(CZolWallClock::now(), lNotBefore);
-        if (lInstant < 0 || lDelay > 0)
-        {
-            return lInstant;
-        }
-        // also right at the second of a day timer, which belongs to tomorrow as soon as the second is over
-        CZolDebugInfo("CZolTimer::getDelay").warning("Timer delayed due to a slow execution of getScheduledTime()");
-        CZolWallClock::sleepToNextSecond();
-    }
-}
-
-/// Seconds from lFiring, an instant of a month timer, to the instant behind it, or an EnumIntervalFault.
-long CZolTimer::getMonthInterval(long lFiring, const SZolTimerItem &oItem)
-{
-    struct tm oFiring = {};
-    if (!toLocal(lFiring, oFiring))
-    {
-        return NO_LOCAL_TIME;
-    }
-    long lNext = getScheduledTime(oFiring, oItem);
-    if (lNext == CZolCalendar::PAST_END)
-    {
-        lNext = lFiring + FILLER_INTERVAL;
-    }
-    if (lNext < 0)
-    {
-        return NO_INSTANT;
-    }
-    return lNext > lFiring ? lNext - lFiring : static_cast<long>(NOT_LATER);
+    CZolTimerRule::nextFiring(LONG_MIN, lDelay, oItem);
 }
 
 // ---- Arming
@@ -167,21 +72,21 @@ bool CZolTimer::schedule(SZolTimerItem *poItem)
     }
     CZolDebugInfo oDebug("CZolTimer::schedule");
     long lDelay = 0;
-    const long lFirst = nextFiring(LONG_MIN, lDelay, *poItem);
+    const long lFirst = CZolTimerRule::nextFiring(LONG_MIN, lDelay, *poItem);
     if (lDelay < 0)
     {
         return false;
     }
-    const long lInterval =
-        poItem->m_eType == TIMER_MONTH ? getMonthInterval(lFirst, *poItem) : static_cast<long>(poItem->m_uiInterval);
+    const long lInterval = poItem->m_eType == TIMER_MONTH ? CZolTimerRule::monthInterval(lFirst, *poItem)
+                                                          : static_cast<long>(poItem->m_uiInterval);
     if (lInterval < 0)
     {
         oDebug.error(scheduleFault(lInterval));
         return false;
     }
-    poItem->m_ulTimerId = nextId();
+    poItem->m_ulTimerId = m_poInside->nextId();
     // the record comes first, so that every firing finds it, also one without a delay
-    if (!addRecord(*poItem, lFirst))
+    if (!m_poInside->addRecord(*poItem, lFirst))
     {
         return false;
     }
@@ -195,41 +100,12 @@ bool CZolTimer::schedule(SZolTimerItem *poItem)
         cancelTimer(uiTimerId);
         return false;
     }
-    if (!setReactorId(uiTimerId, lReactorId))
+    if (!m_poInside->setReactorId(uiTimerId, lReactorId))
     {
         // Either it was cancelled before its reactor id was known, or it was a one-shot and has fired. The id of one
         // that has fired stands for nothing any more.
         CZolTimerTask::instance()->cancelTimer(lReactorId);
     }
-    return true;
-}
-
-bool CZolTimer::addRecord(const SZolTimerItem &oItem, long lDueTime)
-{
-    auto *poNode = new (std::nothrow) SZolTimerNode(oItem, lDueTime);
-    if (poNode != nullptr)
-    {
-        const ACE_Guard<ACE_Mutex> oGuard(m_oTimerLock);
-        if (m_poIndex->add(poNode))
-        {
-            return true;
-        }
-    }
-    delete poNode;
-    errno = ENOMEM;
-    return false;
-}
-
-/// False if the record has gone.
-bool CZolTimer::setReactorId(unsigned int uiTimerId, long lReactorId)
-{
-    const ACE_Guard<ACE_Mutex> oGuard(m_oTimerLock);
-    SZolTimerNode *poNode = m_poIndex->find(uiTimerId);
-    if (poNode == nullptr)
-    {
-        return false;
-    }
-    poNode->m_lReactorId = lReactorId;
     return true;
 }
 
@@ -246,7 +122,7 @@ int CZolTimer::handle_timeout(const ACE_Time_Value &, const void *pvArg)
     long lDueTime = 0;
     {
         const ACE_Guard<ACE_Mutex> oGuard(m_oTimerLock);
-        SZolTimerNode *poNode = m_poIndex->find(static_cast<unsigned int>(ulId));
+        SZolTimerNode *poNode = m_poInside->m_oIndex.find(static_cast<unsigned int>(ulId));
         if (poNode == nullptr)
         {
             return 0;
@@ -277,49 +153,10 @@ int CZolTimer::handle_timeout(const ACE_Time_Value &, const void *pvArg)
         }
         break;
     case TIMER_MONTH:
-        fireMonth(oItem, lDueTime);
+        m_poInside->fireMonth(oItem, lDueTime);
         break;
     default:
         break;
     }
     return 0;
-}
-
-/// The reactor has armed the next firing already; what is worked out here is the interval behind that one. The instant
-/// that this firing was due at stands in for a clock that has been set back: the month that has just fired would be
-/// found once more, and all later intervals be one month off.
-void CZolTimer::fireMonth(const SZolTimerItem &oItem, long lDueTime)
-{
-    long lDelay = 0;
-    const long lNext = nextFiring(lDueTime, lDelay, oItem);
-    if (lDelay < 0)
-    {
-        if (lDelay == CZolCalendar::FAILED)
-        {
-            reportFiring("Can't populate next schedule time! Timer ID:", oItem.m_ulTimerId);
-        }
-        cancelTimer(oItem.m_ulTimerId);
-        return;
-    }
-    const long lInterval = getMonthInterval(lNext, oItem);
-    if (lInterval < 0)
-    {
-        reportFiring(firingFault(lInterval), oItem.m_ulTimerId);
-        cancelTimer(oItem.m_ulTimerId);
-        return;
-    }
-    {
-        const ACE_Guard<ACE_Mutex> oGuard(m_oTimerLock);
-        SZolTimerNode *poNode = m_poIndex->find(oItem.m_ulTimerId);
-        if (poNode == nullptr)
-        {
-            return; // cancelled meanwhile, and no fault
-        }
-        poNode->m_lDueTime = lNext;
-    }
-    if (CZolTimerTask::instance()->resetTimerInterval(oItem.m_lReactorId, ACE_Time_Value(lInterval, 0)) == -1)
-    {
-        reportFiring("Unable to update timer's interval! TimerID: ", oItem.m_ulTimerId);
-        cancelTimer(oItem.m_ulTimerId);
-    }
 }

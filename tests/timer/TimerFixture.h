@@ -14,25 +14,6 @@
 #include <mutex>
 #include <vector>
 
-/// What the tests need of the service beyond its public operations.
-class CZolTimerProbe
-{
-public:
-    static long scheduledTime(const struct tm &oFrom, const SZolTimerItem &oItem)
-    {
-        return CZolTimer::instance()->getScheduledTime(oFrom, oItem);
-    }
-    static long nextFiring(long lNotBefore, long &lDelay, const SZolTimerItem &oItem)
-    {
-        return CZolTimer::instance()->nextFiring(lNotBefore, lDelay, oItem);
-    }
-    static long monthInterval(long lFiring, const SZolTimerItem &oItem)
-    {
-        return CZolTimer::instance()->getMonthInterval(lFiring, oItem);
-    }
-    static void setSequence(unsigned long ulNext) { CZolTimer::sm_oSequenceId = ulNext; }
-};
-
 namespace zoltest
 {
 

@@ -1,4 +1,6 @@
 #include "timer/TimerFixture.h"
+#include "timer/ZolTimerInside.h"
+#include "timer/ZolTimerRule.h"
 #include "timer/Zone.h"
 
 using namespace zoltest;
@@ -152,7 +154,7 @@ TEST_F(TimerTest, IdsGoRoundAndPassOverThoseInUse)
     const unsigned long ulClock = timer()->registerPreciseClock(100000, [](unsigned long) {});
     EXPECT_EQ(1U, ulFirst);
     EXPECT_EQ(2U, ulClock);
-    CZolTimerProbe::setSequence(0xFFFFFFFF);
+    CZolTimerInside::sequence() = 0xFFFFFFFF;
     EXPECT_EQ(0xFFFFFFFFU, timer()->setCycleInterval(1000, MANAGER, 1, TASK));
     EXPECT_EQ(3U, timer()->setCycleInterval(1000, MANAGER, 1, TASK));
     EXPECT_EQ(4U, timer()->registerPreciseClock(100000, [](unsigned long) {}));
@@ -186,10 +188,10 @@ TEST_F(TimerTest, StartsFromNowOrFromTheStartOfThePeriod)
         oItem.m_lStartTime = instant(oCase.pcStart);
         oItem.m_lEndTime = FAR;
         long lDelay = 0;
-        EXPECT_EQ(oCase.pcFirst, textOf(CZolTimerProbe::nextFiring(0, lDelay, oItem))) << oCase.pcNow;
+        EXPECT_EQ(oCase.pcFirst, textOf(CZolTimerRule::nextFiring(0, lDelay, oItem))) << oCase.pcNow;
         EXPECT_EQ(instant(oCase.pcFirst) - instant(oCase.pcNow), lDelay) << oCase.pcNow;
         oItem.m_ucTaskMgrID = NOBODY;
-        EXPECT_EQ(-1, CZolTimerProbe::scheduledTime(localTm(now()), oItem));
+        EXPECT_EQ(-1, CZolTimerRule::scheduledTime(localTm(now()), oItem));
     }
 }
 
@@ -239,14 +241,14 @@ TEST_F(TimerTest, MonthTimersStayOnTheCalendarForYears)
                 oItem.m_lEndTime = FAR;
                 stopWallClock(instant("2026-01-03 12:00:00"));
                 long lDelay = 0;
-                long lArmed = CZolTimerProbe::nextFiring(0, lDelay, oItem);
+                long lArmed = CZolTimerRule::nextFiring(0, lDelay, oItem);
                 for (int iFiring = 0; iFiring < 60; ++iFiring)
                 {
-                    const long lInterval = CZolTimerProbe::monthInterval(lArmed, oItem);
+                    const long lInterval = CZolTimerRule::monthInterval(lArmed, oItem);
                     ASSERT_GT(lInterval, 27 * 86400) << pcZone << " day " << iDay << " " << textOf(lArmed);
                     ASSERT_LT(lInterval, 32 * 86400) << pcZone << " day " << iDay << " " << textOf(lArmed);
                     stopWallClock(iFiring % 2 == 0 ? lArmed : lArmed - 3600); // set back in every other month
-                    const long lNext = CZolTimerProbe::nextFiring(lArmed, lDelay, oItem);
+                    const long lNext = CZolTimerRule::nextFiring(lArmed, lDelay, oItem);
                     lArmed += lInterval;
                     ASSERT_EQ(textOf(lArmed), textOf(lNext)) << pcZone << " day " << iDay;
                 }
