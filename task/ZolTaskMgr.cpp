@@ -174,19 +174,13 @@ int CZolTaskMgr::enqueueMsg(CZolMemBlock *poBlock, bool bPriority)
         CZolDebugInfo("CZolTaskMgr::enqueueMsg").error("invalid parameter, null pointer!");
         return ZOL_ERR_FAILED;
     }
-    // of the message nothing may be read once it is delivered
-    const unsigned short usTaskID = zolPduOf(poBlock)->m_usDestSubModuleId;
-    const ACE_UINT32 ulCmdID = zolPduOf(poBlock)->m_ulCmdID;
-    if (zolPduOf(poBlock)->m_ucMsgType != CZolMsgPdu::MSG_RESPONSE || usTaskID == 0 ||
-        !m_poInside->m_oWaiters.deliver(poBlock))
+    const CZolMsgPdu *poMsg = zolPduOf(poBlock);
+    if (poMsg->m_ucMsgType == CZolMsgPdu::MSG_RESPONSE && poMsg->m_usDestSubModuleId != 0 &&
+        m_poInside->deliverResponse(poBlock))
     {
-        putq(poBlock, bPriority);
+        return ZOL_OK;
     }
-    else if (CZolRunLog::isReady())
-    {
-        zolFormatInfo("CZolTaskMgr::enqueueMsg", "taskmgr %u task %u has been awoken, cmd:%d", m_ucTaskMgrID, usTaskID,
-                      ulCmdID);
-    }
+    putq(poBlock, bPriority);
     return ZOL_OK;
 }
 

@@ -107,6 +107,23 @@ void CZolTaskMgr::CZolInside::removeTask(CZolTask *poTask)
     delete poTask;
 }
 
+bool CZolTaskMgr::CZolInside::deliverResponse(CZolMemBlock *poBlock)
+{
+    // of the message nothing may be read once it is delivered
+    const unsigned short usTaskID = zolPduOf(poBlock)->m_usDestSubModuleId;
+    const ACE_UINT32 ulCmdID = zolPduOf(poBlock)->m_ulCmdID;
+    if (!m_oWaiters.deliver(poBlock))
+    {
+        return false;
+    }
+    if (CZolRunLog::isReady())
+    {
+        zolFormatInfo("CZolTaskMgr::enqueueMsg", "taskmgr %u task %u has been awoken, cmd:%d", m_oTaskMgr.m_ucTaskMgrID,
+                      usTaskID, ulCmdID);
+    }
+    return true;
+}
+
 void CZolTaskMgr::CZolInside::endEventLoops()
 {
     const CZolHeldLines oLines; // of a getReactor() that is called
@@ -154,14 +171,19 @@ bool CZolTaskMgr::CZolInside::serveOneMsg(unsigned long ulThreadID)
     {
         iDispatch = m_oTaskMgr.unknownTaskMsg(poMsg, poTask, ulThreadID);
     }
-    if (iDispatch == CZolTaskRunner::DISPATCH_NONE)
+    EnumTaskState eState = TASK_EXIT;
+    switch (iDispatch)
     {
-        return true;
-    }
-    EnumTaskState eState = iDispatch == CZolTaskRunner::DISPATCH_DELETE ? TASK_EXIT : poTask->getTaskStatus();
-    if (iDispatch == CZolTaskRunner::DISPATCH_FIRST)
-    {
+    case CZolTaskRunner::DISPATCH_FIRST:
         eState = m_oRunner.serveFirst(*poTask, poMsg);
+        break;
+    case CZolTaskRunner::DISPATCH_RUN:
+        eState = poTask->getTaskStatus();
+        break;
+    case CZolTaskRunner::DISPATCH_DELETE:
+        break;
+    default:
+        return true;
     }
     if (eState != TASK_EXIT)
     {

@@ -28,6 +28,10 @@ public:
     /// The end of an assist task, with its line. The caller alone may touch the task: it has set m_bDeleting.
     void deleteClaimed(CZolTask *poTask);
 
+    /// Hands a response to the task that waits for it, with a line. False, and the block still the caller's, if none
+    /// does.
+    bool deliverResponse(CZolMemBlock *poBlock);
+
     /// For the end of the process: a task that serves events of its own gets no message any more that would call it
     /// back.
     void endEventLoops();
