@@ -169,7 +169,6 @@ void CZolVekGateway::adopt(int iSocket, std::uint32_t uiAddress, std::uint16_t u
 {
     auto poSession = std::make_unique<CZolVekSession>(iSocket, uiAddress, usPort, ++m_ulLastSerial, &m_oMemory);
     CZolVekSession *const poPlain = poSession.get();
-    poPlain->m_ulSinceMs = m_oAgenda.m_ulNowMs;
     poPlain->m_lSinceWallMs = CZolVekReporter::wallMs();
     poPlain->m_ulReceivedMs = m_oAgenda.m_ulNowMs;
     poPlain->m_ulSentMs = m_oAgenda.m_ulNowMs;

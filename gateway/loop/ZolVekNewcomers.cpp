@@ -87,7 +87,7 @@ bool CZolVekNewcomers::isCrowded(std::uint32_t uiAddress)
 void CZolVekNewcomers::came(CZolVekSession &oSession)
 {
     ++m_oByAddress[oSession.m_uiAddress];
-    m_oNewcomers.push_back({&oSession, oSession.m_ulSerial});
+    m_oNewcomers.push_back({&oSession, oSession.m_ulSerial, m_oAgenda.m_ulNowMs});
 }
 
 void CZolVekNewcomers::gone(const CZolVekSession &oSession)
@@ -113,7 +113,7 @@ void CZolVekNewcomers::sweep(unsigned int uiUnregistered, bool bDraining, const 
         }
         if (bWaits)
         {
-            const std::uint64_t ulWaitedMs = ulNow - poSession->m_ulSinceMs;
+            const std::uint64_t ulWaitedMs = ulNow - m_oNewcomers.front().m_ulCameMs;
             const bool bCrowded = !m_bListening && !bDraining && ulWaitedMs >= CROWDED_MS &&
                                   uiUnregistered - m_oAgenda.m_oToClose.size() >= m_oSettings.m_uiMaxUnregistered;
             if (!bCrowded && ulWaitedMs < std::uint64_t{1000} * m_oSettings.m_uiRegisterSeconds)

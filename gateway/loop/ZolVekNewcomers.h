@@ -51,6 +51,7 @@ private:
     {
         CZolVekSession *m_poSession;
         std::uint64_t m_ulSerial;
+        std::uint64_t m_ulCameMs;
     };
 
     bool listen();

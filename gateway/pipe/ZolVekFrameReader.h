@@ -83,10 +83,10 @@ private:
     char *m_pcBuffer = nullptr; // the shared buffer, during a turn only
     std::size_t m_ulBegin = 0;  // first byte in it that no frame has taken
     std::size_t m_ulEnd = 0;    // behind the last byte read
-    std::uint32_t m_uiLast = 0; // length of the frame that next() gave last
 
     std::unique_ptr<char[]> m_pcKept; // between turns: bytes that belong to no frame yet
     std::uint32_t m_uiKept = 0;
+    std::uint32_t m_uiLast = 0; // length of the frame that next() gave last, in the present turn
 
     SZolVekRecord *m_poLarge = nullptr; // a large frame under way, or done and not yet taken
     std::uint32_t m_uiLargeFilled = 0;

@@ -11,6 +11,8 @@ namespace
 const std::uint32_t CHUNK_BYTES = 64 * 1024;
 const std::uint32_t ITEM_BYTES = 64; // what an item takes in the list, with the room that the list keeps for more
 
+constexpr std::size_t HELLO_BYTES = zolwire::HEADER_BYTES;
+
 /// Below this a piece is copied beside its neighbours: a copy of that size costs less than one more element of writev.
 const std::uint32_t SMALL_PIECE_BYTES = 1024;
 
@@ -319,8 +321,12 @@ std::uint32_t CZolVekOutbox::frameEnd(const SItem &oItem, std::uint32_t uiDone) 
 
 void CZolVekOutbox::addHello(const char *pcHello)
 {
-    std::memcpy(m_acHello, pcHello, sizeof m_acHello);
-    m_ulBytes += sizeof m_acHello;
+    if (m_pcHello == nullptr)
+    {
+        m_pcHello = std::make_unique<char[]>(HELLO_BYTES);
+    }
+    std::memcpy(m_pcHello.get(), pcHello, HELLO_BYTES);
+    m_ulBytes += HELLO_BYTES;
     ++m_uiHellos;
     ++m_ulAdded;
 }
@@ -355,11 +361,11 @@ void CZolVekOutbox::consume(std::size_t ulBytes)
     {
         const std::size_t ulAhead = std::min<std::size_t>(ulBytes, helloPlace() - m_uiHeadDone);
         consumeItems(ulAhead);
-        const std::size_t ulHellos = std::min(ulBytes - ulAhead, m_uiHellos * sizeof m_acHello - m_uiHelloDone);
+        const std::size_t ulHellos = std::min(ulBytes - ulAhead, m_uiHellos * HELLO_BYTES - m_uiHelloDone);
         const std::size_t ulDone = m_uiHelloDone + ulHellos;
-        m_uiHellos -= static_cast<std::uint32_t>(ulDone / sizeof m_acHello);
-        m_ulSent += ulDone / sizeof m_acHello;
-        m_uiHelloDone = static_cast<std::uint32_t>(ulDone % sizeof m_acHello);
+        m_uiHellos -= static_cast<std::uint32_t>(ulDone / HELLO_BYTES);
+        m_ulSent += ulDone / HELLO_BYTES;
+        m_uiHelloDone = static_cast<std::uint32_t>(ulDone % HELLO_BYTES);
         m_ulBytes -= ulHellos;
         ulBytes -= ulAhead + ulHellos;
     }
@@ -442,9 +448,10 @@ void CZolVekOutbox::clear()
 
 void CZolVekOutbox::shrink()
 {
-    if (!hasItems())
+    if (isEmpty())
     {
         std::vector<SItem>().swap(m_oItems);
+        m_pcHello.reset();
     }
 }
 
@@ -462,14 +469,14 @@ void CZolVekOutbox::gather(CGather &oGather) const
                                          : oGather.add(bytesOf(oHead) + uiDone, uiPlace - uiDone);
             uiDone = uiPlace;
         }
-        oGather.add(m_acHello + m_uiHelloDone, sizeof m_acHello - m_uiHelloDone);
+        oGather.add(m_pcHello.get() + m_uiHelloDone, HELLO_BYTES - m_uiHelloDone);
         for (std::uint32_t uiHello = 1; uiHello < m_uiHellos; ++uiHello)
         {
-            if (oGather.isFull(sizeof m_acHello))
+            if (oGather.isFull(HELLO_BYTES))
             {
                 return;
             }
-            oGather.add(m_acHello, sizeof m_acHello);
+            oGather.add(m_pcHello.get(), HELLO_BYTES);
         }
         if (hasItems() && uiDone == m_oItems[ulAt].m_uiLength)
         {

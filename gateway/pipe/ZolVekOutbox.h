@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 /// The address that a publication gets on its way to one subscriber.
@@ -141,7 +142,7 @@ private:
     std::uint32_t m_uiSpans = 0;    // spans among the items; they are the youngest, but for records of the same turn
 
     // Hellos stand beside the items, so that one costs the same however long the list is.
-    char m_acHello[zolwire::HEADER_BYTES] = {};
+    std::unique_ptr<char[]> m_pcHello; // null until there is one, and again after shrink()
     std::uint32_t m_uiHellos = 0;
     std::uint32_t m_uiHelloDone = 0; // bytes of the first one that have left
 

@@ -134,11 +134,13 @@ public:
     bool m_bBroken = false;             ///< the connection is gone: it gets nothing more, what it sent is still read
     bool m_bFinished = false;           ///< it has got everything, and that it is the end; draining only
     bool m_bDiscard = false;            ///< what it sent is read and dropped
+    bool m_bLargeUnderWay = false;      ///< in the list of CZolVekLargeFrames
+    bool m_bWaitsForMemory = false;     ///< not read until its large frame may go on
+    bool m_bThrottled = false;          ///< has exceeded its rate: not read until the next tick lets it go on
     int m_iError = 0;                   ///< that broke it, if a write met that
     std::uint64_t m_ulBrokenMs = 0;     ///< when it broke
     std::uint64_t m_ulUnsent = 0;       ///< frames that waited for it when it broke
-    std::uint64_t m_ulSinceMs = 0;      ///< connected
-    std::int64_t m_lSinceWallMs = 0;    ///< the same, milliseconds since the epoch
+    std::int64_t m_lSinceWallMs = 0;    ///< connected, milliseconds since the epoch
     std::uint64_t m_ulAskedMs = 0;      ///< since when a hello of ours is not answered by any byte; 0 is none
     std::uint64_t m_ulReceivedMs = 0;   ///< last byte from the peer
     std::uint64_t m_ulSentMs = 0;       ///< last byte that the socket took
@@ -153,10 +155,7 @@ public:
     std::uint64_t m_ulBytesOut = 0;
 
     CZolVekRate m_oRate;
-    bool m_bLargeUnderWay = false;           ///< in the list of CZolVekLargeFrames
-    bool m_bWaitsForMemory = false;          ///< not read until its large frame may go on
     std::uint64_t m_ulLargeMs = 0;           ///< when that frame was last not read by our own choice
-    bool m_bThrottled = false;               ///< has exceeded its rate: not read until the next tick lets it go on
     std::unique_ptr<CZolVekFlows> m_poFlows; ///< whom it sends to; null until somebody looks
 
     // Back-pressure: this pipe is not read while it waits for another one
@@ -165,11 +164,11 @@ public:
 
     // Routing. The last destination is kept: frames come in runs to one receiver.
     TZolVekKey m_uiLastKey = 0;
+    unsigned int m_uiRunsOwned = 0;       ///< runs on other pipes whose blocks come from here
     std::uint64_t m_ulLastGeneration = 0; ///< of the routes, when m_poLastTarget was found; 0 is none
     CZolVekSession *m_poLastTarget = nullptr;
-    std::unordered_map<std::uint16_t, SZolVekChoice>
-        m_oChosen;                   ///< by process id: the pipe for messages without a handle
-    unsigned int m_uiRunsOwned = 0;  ///< runs on other pipes whose blocks come from here
+    std::unique_ptr<std::unordered_map<std::uint16_t, SZolVekChoice>>
+        m_poChosen;                  ///< by process id: the pipe for messages without a handle; null until there is one
     std::uint64_t m_ulKeptBytes = 0; ///< in the blocks of m_poPublications
     std::unique_ptr<std::unordered_map<TZolVekKey, SZolVekRun>> m_poRuns;                 ///< on this pipe, by source
     std::unique_ptr<std::unordered_map<TZolVekKey, SZolVekPublication>> m_poPublications; ///< from here, by source

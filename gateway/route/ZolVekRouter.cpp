@@ -5,6 +5,7 @@ namespace
 
 const TZolVekKey TO_ALL = 0xFFFFFFFF;
 const TZolVekKey TO_GATEWAY = 0;
+const std::unordered_map<std::uint16_t, SZolVekChoice> NONE_CHOSEN;
 
 } // namespace
 
@@ -125,7 +126,11 @@ bool CZolVekRouter::hasRun(const CZolVekSession &oFrom, const CZolVekSession &oT
 
 CZolVekSession *CZolVekRouter::resolveById(CZolVekSession &oFrom, std::uint16_t usProcID, bool &bForNow)
 {
-    SZolVekChoice &oChoice = oFrom.m_oChosen[usProcID];
+    if (oFrom.m_poChosen == nullptr)
+    {
+        oFrom.m_poChosen = std::make_unique<std::unordered_map<std::uint16_t, SZolVekChoice>>();
+    }
+    SZolVekChoice &oChoice = (*oFrom.m_poChosen)[usProcID];
     CZolVekSession *const poChosen = oChoice.m_ulSerial == 0 ? nullptr : m_oRoutes.find(oChoice.m_uiKey);
     const bool bStands = poChosen != nullptr && poChosen->m_ulSerial == oChoice.m_ulSerial;
     if (bStands && (zolVekHandleOf(oChoice.m_uiKey) == 0 || m_oRoutes.find(zolVekKey(usProcID, 0)) == nullptr))
@@ -144,7 +149,7 @@ CZolVekSession *CZolVekRouter::resolveById(CZolVekSession &oFrom, std::uint16_t 
     }
     if (poTarget == nullptr)
     {
-        oFrom.m_oChosen.erase(usProcID);
+        oFrom.m_poChosen->erase(usProcID);
         return nullptr;
     }
     oChoice = {poTarget->m_uiKey, poTarget->m_ulSerial};
@@ -178,7 +183,7 @@ void CZolVekRouter::gone(CZolVekSession &oSession)
     m_oSubscriptions.removeAll(&oSession);
     m_oRuns.gone(oSession);
     m_oPublisher.gone(oSession);
-    for (const auto &oPair : oSession.m_oChosen)
+    for (const auto &oPair : oSession.m_poChosen == nullptr ? NONE_CHOSEN : *oSession.m_poChosen)
     {
         const CZolVekSession *const poChosen = m_oRoutes.find(oPair.second.m_uiKey);
         if (poChosen != nullptr && poChosen->m_ulSerial == oPair.second.m_ulSerial)
