@@ -3,8 +3,9 @@
 #include "ZolTaskMgr.h"
 #include "timer/ZolTimerTask.h"
 
+#include "ZolLock.h"
+
 #include <ace/Event_Handler.h>
-#include <ace/Guard_T.h>
 #include <ace/Thread_Mutex.h>
 #include <ace/Time_Value.h>
 #include <algorithm>
@@ -26,13 +27,14 @@ public:
 
 private:
     std::atomic<unsigned int> m_uiLimitMs{0}; // pairs with nothing: a check that sees the old limit is as good
-    ACE_Thread_Mutex m_oSetLock; // for m_lReactorId; above the locks of the reactor, never taken by a check
-    long m_lReactorId = -1;      // guarded by m_oSetLock
+    CZolLock<ACE_Thread_Mutex, ZOL_RANK_WATCHDOG>
+        m_oSetLock; // for m_lReactorId; above the locks of the reactor, never taken by a check
+    long m_lReactorId ZOL_GUARDED_BY(m_oSetLock) = -1;
 };
 
 void CZolWatchdog::setLimit(unsigned int uiLimitMs)
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oSetLock);
+    const CZolGuard oGuard(m_oSetLock);
     m_uiLimitMs.store(uiLimitMs, std::memory_order_relaxed);
     if (m_lReactorId != -1)
     {

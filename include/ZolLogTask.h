@@ -2,6 +2,7 @@
 #define ZOL_LOG_TASK_H
 
 #include "ZolExport.h"
+#include "ZolLock.h"
 
 #include <ace/Manual_Event.h>
 #include <ace/Mutex.h>
@@ -70,32 +71,32 @@ private:
     int initLogFile(const std::string &strPath, const std::string &strPrefix);
     void findNewestFile(const std::string &strPath, const std::string &strPrefix, std::string &strStamp,
                         int &iSeq) const;
-    std::string fileName() const;
-    void stepLogSeqForward();
+    std::string fileName() const ZOL_REQUIRES(m_oFileLock);
+    void stepLogSeqForward() ZOL_REQUIRES(m_oFileLock);
     void disable();
-    void reportOverflow();                                   // both locks held
-    void writeLine(const char *pcStamp, const char *pcText); // m_oFileLock held
-    void addFileSize(size_t uiBytes);                        // m_oFileLock held
-    void rotateIfFull();                                     // m_oFileLock held
+    void reportOverflow() ZOL_REQUIRES(m_oBufferLock, m_oFileLock);
+    void writeLine(const char *pcStamp, const char *pcText) ZOL_REQUIRES(m_oFileLock);
+    void addFileSize(size_t uiBytes) ZOL_REQUIRES(m_oFileLock);
+    void rotateIfFull() ZOL_REQUIRES(m_oFileLock);
 
     static std::atomic<CZolLogTask *> sm_poInstance;
 
-    std::atomic<bool> m_bDisabled; // set before the thread runs, or for good
-    int m_iMaxFileSize;            // bytes; fixed by init()
-    int m_iMaxFileNumber;          // files of the ring; fixed by init()
-    int m_iPeriod;                 // seconds between two flushes
-    std::string m_strLogPath;      // fixed by init()
-    std::string m_strLogName;      // prefix of the files; fixed by init()
-    int m_iLogSeq;                 // guarded by m_oFileLock; number of the current file
-    FILE *m_pFile;                 // guarded by m_oFileLock; null: none open
-    ACE_Mutex m_oFileLock;         // leaf, behind m_oBufferLock: m_pFile, m_iFileSize, m_iLogSeq
+    std::atomic<bool> m_bDisabled;                      // set before the thread runs, or for good
+    int m_iMaxFileSize;                                 // bytes; fixed by init()
+    int m_iMaxFileNumber;                               // files of the ring; fixed by init()
+    int m_iPeriod;                                      // seconds between two flushes
+    std::string m_strLogPath;                           // fixed by init()
+    std::string m_strLogName;                           // prefix of the files; fixed by init()
+    int m_iLogSeq ZOL_GUARDED_BY(m_oFileLock);          // number of the current file
+    FILE *m_pFile ZOL_GUARDED_BY(m_oFileLock);          // null: none open
+    CZolLock<ACE_Mutex, ZOL_RANK_LOG_FILE> m_oFileLock; // leaf, behind m_oBufferLock: m_pFile, m_iFileSize, m_iLogSeq
     std::atomic<bool> m_bOverflow; // written under m_oBufferLock: a line was refused, and the loss is not yet reported
-    std::string m_strDiscardTime;  // guarded by m_oBufferLock; stamp of the first refused line
-    char m_acBuffer[BUFFER_SIZE];  // guarded by m_oBufferLock; whole lines, back to back
-    ACE_Mutex m_oBufferLock;       // before m_oFileLock
-    int m_iBufferLen;              // guarded by m_oBufferLock; bytes in use
-    int m_iFileSize;               // guarded by m_oFileLock; bytes in the current file
-    ACE_Manual_Event m_oStarted;   // the thread runs, see log/ZolThreadStart.h
+    std::string m_strDiscardTime ZOL_GUARDED_BY(m_oBufferLock); // stamp of the first refused line
+    char m_acBuffer[BUFFER_SIZE] ZOL_GUARDED_BY(m_oBufferLock); // whole lines, back to back
+    CZolLock<ACE_Mutex, ZOL_RANK_LOG_BUFFER> m_oBufferLock;     // before m_oFileLock
+    int m_iBufferLen ZOL_GUARDED_BY(m_oBufferLock);             // bytes in use
+    int m_iFileSize ZOL_GUARDED_BY(m_oFileLock);                // bytes in the current file
+    ACE_Manual_Event m_oStarted;                                // the thread runs, see log/ZolThreadStart.h
 };
 
 #endif

@@ -2,6 +2,7 @@
 #define ZOL_MEM_MAN_H
 
 #include "ZolExport.h"
+#include "ZolLock.h"
 #include "ZolMsgPdu.h"
 
 #include <ace/Mutex.h>
@@ -123,7 +124,7 @@ private:
 
     static std::atomic<CZolMemMan *> sm_poInstance;
 
-    ACE_Mutex m_oMutex; // leaf, for the three free lists; held for one list operation
+    CZolLock<ACE_Mutex, ZOL_RANK_POOL> m_oMutex; // leaf, for the three free lists; held for one list operation
     SZolMemPool m_arrPool[CLASS_COUNT];
 };
 

@@ -8,6 +8,7 @@
 #include "ZolDateUtil.h"
 #include "ZolErrors.h"
 #include "ZolListener.h"
+#include "ZolLock.h"
 #include "ZolLogTask.h"
 #include "ZolMemMan.h"
 #include "ZolMsgPdu.h"

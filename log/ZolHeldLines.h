@@ -9,7 +9,7 @@
 /// object lets it stop with no lock held:
 ///
 ///     CZolHeldLines oLines; // goes behind the guard
-///     ACE_Guard<ACE_Thread_Mutex> oGuard(m_oStatusMutex);
+///     const CZolGuard oGuard(m_oStatusMutex);
 ///
 /// Inside another one it does nothing: the lines wait for the outermost. Lines of CZolRunLog::startupLog are not kept.
 ///

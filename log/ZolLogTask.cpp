@@ -6,7 +6,6 @@
 #include "config/ZolCounters.h"
 
 #include <ace/Dirent.h>
-#include <ace/Guard_T.h>
 #include <ace/OS_NS_unistd.h>
 #include <ace/Thread_Manager.h>
 #include <algorithm>
@@ -115,7 +114,7 @@ int CZolLogTask::init(unsigned short usProcID, unsigned short usProcHandle, cons
 // Under the lock for a start that is tried again: the thread of the first try may be stepping.
 void CZolLogTask::readLimits()
 {
-    ACE_Guard<ACE_Mutex> oGuard(m_oFileLock);
+    const CZolGuard oGuard(m_oFileLock);
     if (zol::getResByKey("MaxLogNumber", m_iMaxFileNumber, MAX_FILE_NUMBER_LIMIT, 0) != ZOL_OK)
     {
         m_iMaxFileNumber = DEFAULT_FILE_NUMBER;
@@ -170,7 +169,7 @@ int CZolLogTask::initLogFile(const std::string &strPath, const std::string &strP
     int iNewestSeq = 0;
     findNewestFile(strPath, strPrefix, strNewestStamp, iNewestSeq);
 
-    ACE_Guard<ACE_Mutex> oGuard(m_oFileLock);
+    const CZolGuard oGuard(m_oFileLock);
     m_strLogPath = strPath;
     m_strLogName = strPrefix;
     m_iLogSeq = iNewestSeq;
@@ -269,7 +268,8 @@ void CZolLogTask::append(const char *pcScope, const char *pcText)
     const size_t uiText = strlen(pcText);
     const size_t uiLine = uiScope + uiText + LINE_OVERHEAD;
 
-    ACE_Guard<ACE_Mutex> oGuard(m_oBufferLock);
+    zolNoLockHeld();
+    const CZolGuard oGuard(m_oBufferLock);
     if (m_bOverflow.load(std::memory_order_relaxed))
     {
         zolCount(zolCounters().m_ulLogLines);
@@ -303,13 +303,13 @@ void CZolLogTask::writeLog()
     {
         return;
     }
-    ACE_Guard<ACE_Mutex> oBufferGuard(m_oBufferLock);
+    const CZolGuard oBufferGuard(m_oBufferLock);
     // a line longer than the whole buffer can be lost while the buffer is empty: that loss is reported as well
     if (m_iBufferLen == 0 && !m_bOverflow.load(std::memory_order_relaxed))
     {
         return;
     }
-    ACE_Guard<ACE_Mutex> oFileGuard(m_oFileLock);
+    const CZolGuard oFileGuard(m_oFileLock);
     if (m_pFile == nullptr)
     {
         return;
@@ -346,7 +346,8 @@ void CZolLogTask::startupLog(const char *pcText)
     {
         return;
     }
-    ACE_Guard<ACE_Mutex> oGuard(m_oFileLock);
+    zolNoLockHeld();
+    const CZolGuard oGuard(m_oFileLock);
     if (m_pFile == nullptr)
     {
         return;

@@ -1,6 +1,7 @@
 #include "message/ZolHeapCache.h"
 
-#include <ace/Guard_T.h>
+#include "ZolLock.h"
+
 #include <ace/Thread_Mutex.h>
 #include <algorithm>
 #include <atomic>
@@ -99,7 +100,7 @@ class CMagazineStack
 public:
     void push(SMagazine *poMagazine)
     {
-        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+        const CZolGuard oGuard(m_oLock);
         poMagazine->m_poNext = m_poTop;
         m_poTop = poMagazine;
         m_uiCount.fetch_add(1, std::memory_order_relaxed);
@@ -112,7 +113,7 @@ public:
         {
             return nullptr;
         }
-        ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+        const CZolGuard oGuard(m_oLock);
         SMagazine *const poMagazine = m_poTop;
         if (poMagazine != nullptr)
         {
@@ -123,8 +124,8 @@ public:
     }
 
 private:
-    ACE_Thread_Mutex m_oLock;               // leaf: held for one push or pop
-    SMagazine *m_poTop = nullptr;           // guarded by m_oLock
+    CZolLock<ACE_Thread_Mutex, ZOL_RANK_POOL> m_oLock; // leaf: held for one push or pop
+    SMagazine *m_poTop ZOL_GUARDED_BY(m_oLock) = nullptr;
     std::atomic<unsigned int> m_uiCount{0}; // changed under m_oLock; a hint without it
 };
 

@@ -2,7 +2,6 @@
 
 #include "message/ZolHeapCache.h"
 
-#include <ace/Guard_T.h>
 #include <algorithm>
 #include <cerrno>
 #include <mutex>
@@ -309,7 +308,7 @@ void CZolMemMan::giveToPool(unsigned int uiClass, void *pvMem)
 {
     SZolMemPool &oPool = m_arrPool[uiClass];
     ASAN_POISON_MEMORY_REGION(static_cast<char *>(pvMem) + ZOL_BLOCK_HEADER, BLOCK_SIZE[uiClass] - ZOL_BLOCK_HEADER);
-    ACE_Guard<ACE_Mutex> oGuard(m_oMutex);
+    const CZolGuard oGuard(m_oMutex);
     oPool.m_oFreeList.insert(static_cast<CZolMemBlock *>(pvMem));
     oPool.m_ulFree.store(oPool.m_oFreeList.m_ulCount, std::memory_order_relaxed);
 }

@@ -3,7 +3,6 @@
 #include "message/ZolMonotonic.h"
 
 #include <ace/Functor.h>
-#include <ace/Guard_T.h>
 
 #include <algorithm>
 #include <ctime>
@@ -66,7 +65,7 @@ long CZolTimerQueue::arm(ACE_Event_Handler *poHandler, const void *pvArg, Micros
 long CZolTimerQueue::armLocked(ACE_Event_Handler *poHandler, const void *pvArg, Micros llExpiry, Micros llInterval,
                                bool &bWake)
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     if (m_arrFree.empty() && !makeSlots())
     {
         return -1;
@@ -135,7 +134,7 @@ void CZolTimerQueue::remove(std::uint32_t uiSlot)
 
 int CZolTimerQueue::reset_interval(long lTimerId, const ACE_Time_Value &oInterval)
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     SSlot *poSlot = findSlot(lTimerId);
     if (poSlot == nullptr)
     {
@@ -149,7 +148,7 @@ int CZolTimerQueue::cancel(long lTimerId, const void **ppvArg, int iDontCallHand
 {
     ACE_Event_Handler *poHandler = nullptr;
     {
-        const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+        const CZolGuard oGuard(m_oLock);
         const SSlot *poSlot = findSlot(lTimerId);
         if (poSlot == nullptr)
         {
@@ -173,7 +172,7 @@ int CZolTimerQueue::cancel(ACE_Event_Handler *const &poHandler, int iDontCallHan
 {
     int iCancelled = 0;
     {
-        const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+        const CZolGuard oGuard(m_oLock);
         for (std::uint32_t ui = 0; ui < m_arrPages.size() * SLOT_PAGE; ++ui)
         {
             if (m_oHeap.holds(ui) && slot(ui).m_poHandler == poHandler)
@@ -196,7 +195,7 @@ int CZolTimerQueue::cancel(ACE_Event_Handler *const &poHandler, int iDontCallHan
 /// m_llSleepsUntil, and the wait starts anew.
 void CZolTimerQueue::waitUntilDue(Micros llLimit)
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     while (!m_bWoken)
     {
         m_llSleepsUntil = m_oHeap.isEmpty() ? llLimit : std::min(llLimit, m_oHeap.earliest());
@@ -226,7 +225,7 @@ int CZolTimerQueue::waitAndExpire(const ACE_Time_Value *poMax)
 void CZolTimerQueue::wake()
 {
     {
-        const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+        const CZolGuard oGuard(m_oLock);
         m_bWoken = true;
     }
     m_oEarlier.signal();
@@ -234,20 +233,20 @@ void CZolTimerQueue::wake()
 
 bool CZolTimerQueue::isWaiting() const
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     return m_llSleepsUntil != AWAKE;
 }
 
 unsigned int CZolTimerQueue::wakeUps() const
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     return m_uiWakeUps;
 }
 
 /// Takes the first timer that is due: one with an interval is armed anew at once, one without is gone.
 bool CZolTimerQueue::takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const void *&pvArg)
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     if (m_oHeap.isEmpty() || m_oHeap.earliest() > llNow)
     {
         return false;
@@ -319,13 +318,13 @@ int CZolTimerQueue::expire()
 
 bool CZolTimerQueue::is_empty() const
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     return m_oHeap.isEmpty();
 }
 
 const ACE_Time_Value &CZolTimerQueue::earliest_time() const
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     m_oEarliest = m_oHeap.isEmpty() ? ACE_Time_Value::zero : toTime(m_oHeap.earliest());
     return m_oEarliest;
 }
@@ -342,7 +341,7 @@ ACE_Time_Value *CZolTimerQueue::calculate_timeout(ACE_Time_Value *poMax)
 
 ACE_Time_Value *CZolTimerQueue::calculate_timeout(ACE_Time_Value *poMax, ACE_Time_Value *poTimeout)
 {
-    const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oLock);
+    const CZolGuard oGuard(m_oLock);
     if (m_oHeap.isEmpty() || poTimeout == nullptr)
     {
         return poMax;

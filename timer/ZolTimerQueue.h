@@ -3,6 +3,8 @@
 
 #include "timer/ZolExpiryHeap.h"
 
+#include "ZolLock.h"
+
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
@@ -107,22 +109,26 @@ private:
     bool takeDue(Micros llNow, ACE_Event_Handler *&poHandler, const void *&pvArg);
     int fireDue(Micros llNow, ACE_Command_Base *poPreDispatch);
 
-    // The caller of these holds m_oLock.
-    SSlot &slot(std::uint32_t uiSlot) const { return m_arrPages[uiSlot / SLOT_PAGE][uiSlot % SLOT_PAGE]; }
-    SSlot *findSlot(long lTimerId) const;
-    bool makeSlots();
-    long idOf(std::uint32_t uiSlot) const;
-    void remove(std::uint32_t uiSlot);
+    SSlot &slot(std::uint32_t uiSlot) const ZOL_REQUIRES(m_oLock)
+    {
+        return m_arrPages[uiSlot / SLOT_PAGE][uiSlot % SLOT_PAGE];
+    }
+    SSlot *findSlot(long lTimerId) const ZOL_REQUIRES(m_oLock);
+    bool makeSlots() ZOL_REQUIRES(m_oLock);
+    long idOf(std::uint32_t uiSlot) const ZOL_REQUIRES(m_oLock);
+    void remove(std::uint32_t uiSlot) ZOL_REQUIRES(m_oLock);
 
-    mutable ACE_Thread_Mutex m_oLock;           // leaf; guards all below but what says otherwise
+    mutable CZolLock<ACE_Thread_Mutex, ZOL_RANK_LEAF> m_oLock; // nothing is taken under it
     ACE_Condition<ACE_Thread_Mutex> m_oEarlier; // with m_oLock; monotonic; signalled when m_llSleepsUntil gets less
 
-    std::vector<std::unique_ptr<SSlot[]>> m_arrPages;
-    std::vector<std::uint32_t> m_arrFree; // free slots, the one freed last on top; has room for all of them
-    CZolExpiryHeap m_oHeap;               // slots of the armed timers; has room for all of them
-    Micros m_llSleepsUntil = AWAKE;       // when the reactor's thread wakes by itself; AWAKE while it does not wait
-    unsigned int m_uiWakeUps = 0;
-    bool m_bWoken = false; // by wake()
+    std::vector<std::unique_ptr<SSlot[]>> m_arrPages ZOL_GUARDED_BY(m_oLock);
+    // Free slots, the one freed last on top; has room for all of them.
+    std::vector<std::uint32_t> m_arrFree ZOL_GUARDED_BY(m_oLock);
+    CZolExpiryHeap m_oHeap ZOL_GUARDED_BY(m_oLock); // slots of the armed timers; has room for all of them
+    // When the reactor's thread wakes by itself; AWAKE while it does not wait.
+    Micros m_llSleepsUntil ZOL_GUARDED_BY(m_oLock) = AWAKE;
+    unsigned int m_uiWakeUps ZOL_GUARDED_BY(m_oLock) = 0;
+    bool m_bWoken ZOL_GUARDED_BY(m_oLock) = false; // by wake()
 
     long m_lFiringId = -1;              // the reactor's thread only
     Micros m_llFiringExpiry = 0;        // the reactor's thread only; of the timer m_lFiringId
