@@ -88,7 +88,7 @@ EnumZolVekVerdict CZolVekBackPressure::stall(CZolVekSession &oFrom, CZolVekSessi
 
 void CZolVekBackPressure::wakeWaiters(CZolVekSession &oTarget)
 {
-    if (oTarget.m_oWaiters.empty() || oTarget.m_oOutbox.bytes() > m_ulLimit / 2)
+    if (oTarget.m_oWaiters.empty() || isAboveHalf(oTarget))
     {
         return;
     }

@@ -54,6 +54,12 @@ public:
     /// oFrom is not read until oTarget can take frames again; the two may be the same.
     EnumZolVekVerdict stall(CZolVekSession &oFrom, CZolVekSession &oTarget);
 
+    /// oFrom is not read because a queue is full, and not because of a big message that is under way.
+    bool waitsForRoom(const CZolVekSession &oFrom) const
+    {
+        return oFrom.m_poWaitsFor != nullptr && isAboveHalf(*oFrom.m_poWaitsFor);
+    }
+
     /// oFrom waits for nobody any more.
     void release(CZolVekSession &oFrom);
 
@@ -66,6 +72,7 @@ public:
 private:
     static constexpr std::size_t TIGHT_READ_BYTES = 8 * 1024;
 
+    bool isAboveHalf(const CZolVekSession &oTarget) const { return oTarget.m_oOutbox.bytes() > m_ulLimit / 2; }
     void dropSlow(CZolVekSession &oTarget, const CZolVekFrame &oFrame);
     static bool isOfLostRun(const CZolVekSession &oTarget, const CZolVekSession *poFrom, const CZolVekFrame &oFrame);
 

@@ -173,8 +173,8 @@ void CZolVekRouter::tick()
     m_oRoutes.forEach(
         [&](CZolVekSession *poTarget)
         {
+            m_oRuns.endStuck(*poTarget);            // looks at who waits, so it comes first
             m_oBackPressure.wakeWaiters(*poTarget); // the limit grows when memory elsewhere is freed
-            m_oRuns.endStuck(*poTarget);
         });
 }
 

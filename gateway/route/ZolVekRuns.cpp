@@ -195,10 +195,14 @@ void CZolVekRuns::endStuck(CZolVekSession &oTarget)
     }
     const std::uint64_t ulStuckMs = std::uint64_t{1000} * m_oSettings.m_uiStuckSeconds;
     std::vector<TZolVekKey> oStuck;
-    for (const auto &oPair : *oTarget.m_poRuns)
+    for (auto &oPair : *oTarget.m_poRuns)
     {
-        if (m_oAgenda.m_ulNowMs - oPair.second.m_ulLastMs >= ulStuckMs &&
-            oPair.second.m_poOwner->m_poWaitsFor == nullptr)
+        SZolVekRun &oRun = oPair.second;
+        if (m_oBackPressure.waitsForRoom(*oRun.m_poOwner))
+        {
+            oRun.m_ulLastMs = m_oAgenda.m_ulNowMs; // it is up to us
+        }
+        else if (m_oAgenda.m_ulNowMs - oRun.m_ulLastMs >= ulStuckMs) // two owners may wait for each other's runs
         {
             oStuck.push_back(oPair.first);
         }

@@ -255,6 +255,30 @@ TEST_F(PublicationTest, EndsABigMessageWhoseSourceHasGone)
     }
 }
 
+// Two that forward under the same two sources may each wait for what the other one has begun.
+TEST_F(PublicationTest, EndsBigMessagesThatWaitForEachOther)
+{
+    const TZolVekKey uiC = zolVekKey(8, 2);
+    const TZolVekKey uiOther = zolVekKey(7, 2);
+    CRawPipe oOne = pipe(9, 1);
+    CRawPipe oTwo = pipe(9, 2);
+    CRawPipe oB = pipe(8, 1);
+    CRawPipe oC = pipe(8, 2);
+    ASSERT_TRUE(oOne.send(block(6, A, B, 1, "one").wire()));
+    ASSERT_TRUE(oTwo.send(block(6, uiOther, uiC, 1, "two").wire()));
+    EXPECT_EQ("one", next(oB).m_strBody);
+    EXPECT_EQ("two", next(oC).m_strBody);
+    ASSERT_TRUE(oOne.send(block(6, uiOther, uiC, 1, "one").wire()));
+    ASSERT_TRUE(oTwo.send(block(6, A, B, 1, "two").wire()));
+    ASSERT_TRUE(waitUntil([&] { return gateway().statistics().m_ulStalls == 2; }));
+    gateway().pass(std::chrono::seconds(m_oSettings.m_uiStuckSeconds + 1));
+    EXPECT_EQ("", next(oB).m_strBody);
+    EXPECT_EQ("two", next(oB).m_strBody);
+    EXPECT_EQ("", next(oC).m_strBody);
+    EXPECT_EQ("one", next(oC).m_strBody);
+    EXPECT_EQ(2u, gateway().statistics().m_ulRunAborts);
+}
+
 // Sources that are made up could leave behind as many begun messages as there are numbers.
 TEST_F(PublicationTest, ClosesAPipeThatBeginsBigMessagesWithoutEnd)
 {
