@@ -19,7 +19,8 @@ inline ACE_Time_Value zolMonotonicNow()
 }
 
 /// -1 when the time is over. The deadline is a copy: ACE casts its const away, and writes to it.
-inline int zolWaitUntil(ACE_Condition<ACE_Thread_Mutex> &oCondition, ACE_Time_Value oDeadline)
+inline int zolWaitUntil(ACE_Condition<ACE_Thread_Mutex> &oCondition,
+                        ACE_Time_Value oDeadline) // NOLINT(performance-unnecessary-value-param)
 {
     return oCondition.wait(&oDeadline);
 }

@@ -4,6 +4,7 @@
 #include "gateway/config/ZolVekSettings.h"
 #include "gateway/route/ZolVekDelivery.h"
 #include "gateway/route/ZolVekRoutes.h"
+#include "gateway/watch/ZolVekStatistics.h"
 
 #include <algorithm>
 #include <cstdint>

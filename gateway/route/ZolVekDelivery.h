@@ -4,7 +4,6 @@
 #include "gateway/pipe/ZolVekSession.h"
 #include "gateway/route/ZolVekAgenda.h"
 #include "gateway/watch/ZolVekLog.h"
-#include "gateway/watch/ZolVekStatistics.h"
 
 #include <unordered_map>
 #include <vector>
@@ -23,10 +22,7 @@ enum EnumZolVekVerdict
 class CZolVekDelivery
 {
 public:
-    CZolVekDelivery(SZolVekStatistics &oStatistics, SZolVekMemory &oMemory, SZolVekAgenda &oAgenda)
-        : m_oStatistics(oStatistics), m_oMemory(oMemory), m_oAgenda(oAgenda)
-    {
-    }
+    CZolVekDelivery(SZolVekMemory &oMemory, SZolVekAgenda &oAgenda) : m_oMemory(oMemory), m_oAgenda(oAgenda) {}
     CZolVekDelivery(const CZolVekDelivery &) = delete;
     CZolVekDelivery &operator=(const CZolVekDelivery &) = delete;
 
@@ -74,7 +70,6 @@ public:
     SZolVekFlowBudget &flowBudget() { return m_oFlowBudget; }
 
 private:
-    SZolVekStatistics &m_oStatistics;
     SZolVekMemory &m_oMemory;
     SZolVekAgenda &m_oAgenda;
 

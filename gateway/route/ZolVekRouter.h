@@ -27,8 +27,7 @@ class CZolVekRouter
 public:
     CZolVekRouter(const SZolVekSettings &oSettings, SZolVekStatistics &oStatistics, SZolVekMemory &oMemory,
                   CZolVekRoutes &oRoutes, SZolVekAgenda &oAgenda)
-        : m_oStatistics(oStatistics), m_oRoutes(oRoutes), m_oPolicy(oSettings),
-          m_oDelivery(oStatistics, oMemory, oAgenda),
+        : m_oStatistics(oStatistics), m_oRoutes(oRoutes), m_oPolicy(oSettings), m_oDelivery(oMemory, oAgenda),
           m_oBackPressure(oSettings, oStatistics, oMemory, oRoutes, oAgenda, m_oDelivery),
           m_oRuns(oSettings, oStatistics, oRoutes, oAgenda, m_oBackPressure),
           m_oPublisher(oSettings, oStatistics, oRoutes, oAgenda, m_oDelivery, m_oBackPressure, m_oRuns,

@@ -48,7 +48,7 @@ std::string whyNoRunLog(const SZolVekSettings &oSettings)
     }
     for (unsigned int uiFile = 0; uiFile < oSettings.m_uiMaxLogNumber; ++uiFile)
     {
-        const std::string strWhy = whyNotWritable(oSettings.m_strLogPath + "/vek_" + std::to_string(uiFile) + ".log");
+        std::string strWhy = whyNotWritable(oSettings.m_strLogPath + "/vek_" + std::to_string(uiFile) + ".log");
         if (!strWhy.empty())
         {
             return strWhy;
