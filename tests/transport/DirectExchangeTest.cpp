@@ -261,6 +261,7 @@ TEST_F(DirectExchangeTest, LeavesUnreadWhatItHasNoRoomFor)
                     });
             };
             fnClient(HOLD, 0);
+            EXPECT_TRUE(waitUntil([&] { return oDesk.countInHand() == 1; })) << "the others could be answered first";
             for (int i = 0; i < 5; ++i)
             {
                 fnClient(ECHO, LARGE_BODY);
