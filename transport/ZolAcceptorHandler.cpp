@@ -52,7 +52,7 @@ const char *refusalOf(const CZolMsgPdu &oPdu)
     }
 }
 
-// Reads with one limit for the whole, whatever a stranger drips.
+// Reads with one limit for the whole, however slowly a peer sends.
 bool readWithin(CZolConnection *poConn, void *pvTo, std::size_t uiLength)
 {
     const auto oDeadline = zolsocket::in(std::chrono::seconds(zolpipe::ACCEPT_READ_SECONDS));

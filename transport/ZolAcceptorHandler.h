@@ -13,7 +13,7 @@
 /// The listening port of the process. What connects is told apart by its first message: a registration opens a pipe, a
 /// request is a direct exchange, anything else is closed.
 ///
-/// Threads: bindPort() from any thread; handle_input() on the thread that runs the reactor, which a stranger can hold
+/// Threads: bindPort() from any thread; handle_input() on the thread that runs the reactor, which a new peer can hold
 ///          up for 5 s for each of the two reads of its first message; sendP2PResponse() from the built-in task;
 ///          wakeForUnread() from any.
 class CZolAcceptorHandler : public ACE_Event_Handler

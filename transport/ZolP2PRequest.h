@@ -27,7 +27,7 @@ struct SZolP2PRequest
 };
 
 /// What the process holds of direct requests, and the bounds of it. The built-in task serves one after the other, so
-/// all the others wait, and what a stranger sends must not pile up meanwhile:
+/// all the others wait, and what a peer sends must not pile up meanwhile:
 ///
 ///   - Those in hand have 64 MiB together besides the largest of them: a request of any size is taken beside small
 ///     ones, a second large one is not. It stays with its sender, unread, until there is room.
